@@ -1,0 +1,24 @@
+#pragma once
+
+#include "QvlExport.h"
+
+/// The prompt that stands while an operation waits for a tag. The library has no window of its own: a host puts its own
+/// in, a dialog or a line on a console. Without one, operations make one attempt at a tag and do not wait.
+class QVL_API TagPromptSurface {
+  public:
+    virtual ~TagPromptSurface() = default;
+
+    /// Called on the prompt's own thread when an operation begins to wait. Returns promptly.
+    /// @return false if no prompt could be made.
+    virtual bool show() = 0;
+    /// Called on the same thread when the prompt goes away, after a show() that gave true. Returns promptly.
+    virtual void hide() = 0;
+};
+
+/// Puts `surface` in place for all adaptors of the process. Null, the default, takes it out again: the call waits for a
+/// standing prompt to end, and afterwards the surface may be destroyed. Not from show() or hide().
+QVL_API void setTagPromptSurface(TagPromptSurface* surface);
+
+/// What a Cancel button calls, from any thread: the prompt goes away and the wait under it ends with 3121. Harmless
+/// without a prompt.
+QVL_API void cancelTagPrompt();

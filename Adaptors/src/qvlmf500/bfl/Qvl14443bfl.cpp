@@ -1,0 +1,100 @@
+#include "Qvl14443bfl.h"
+
+#include <algorithm>
+#include <cstring>
+
+Qvl14443bfl::Qvl14443bfl() : mIsQvlDevice(false), mDeviceName{} {}
+
+Qvl14443bfl::~Qvl14443bfl() = default;
+
+bool Qvl14443bfl::isQvlDevice() { return mIsQvlDevice; }
+
+void Qvl14443bfl::setDeviceName(const std::uint8_t* name) {
+    if (name == nullptr) return;
+    const std::size_t length = std::min(std::strlen(reinterpret_cast<const char*>(name)), sizeof mDeviceName - 1);
+    std::memmove(mDeviceName, name, length);
+    std::memset(mDeviceName + length, 0, sizeof mDeviceName - length);
+}
+
+std::uint8_t* Qvl14443bfl::getDeviceName() { return mDeviceName; }
+
+void Qvl14443bfl::operationBegins() {}
+
+// What a driver does not override.
+
+short Qvl14443bfl::interfaceOpen(std::uint32_t, std::uint32_t) { return kBflNotImplemented; }
+
+short Qvl14443bfl::interfaceClose() { return kBflNotImplemented; }
+
+short Qvl14443bfl::pcdConfig() { return kBflNotImplemented; }
+
+short Qvl14443bfl::pcdConfig2(std::uint8_t*, std::uint8_t*) { return kBflNotImplemented; }
+
+short Qvl14443bfl::pcdGetRICVersion(std::uint8_t*) { return kBflNotImplemented; }
+
+short Qvl14443bfl::pcdGetSnr(std::uint8_t*, std::uint16_t&) { return kBflNotImplemented; }
+
+short Qvl14443bfl::pcdGetFwVersion(std::uint8_t*, std::uint16_t&) { return kBflNotImplemented; }
+
+short Qvl14443bfl::pcdRfReset(std::uint16_t) { return kBflNotImplemented; }
+
+short Qvl14443bfl::pcdGetAttrib(std::uint8_t*, std::uint8_t*, std::uint8_t*, std::uint8_t*, std::uint8_t*) {
+    return kBflNotImplemented;
+}
+
+short Qvl14443bfl::pcdSetAttrib(std::uint8_t, std::uint8_t) { return kBflNotImplemented; }
+
+short Qvl14443bfl::pcdSetDefaultAttrib() { return kBflNotImplemented; }
+
+short Qvl14443bfl::hostCodeKey(std::uint8_t*, std::uint8_t*) { return kBflNotImplemented; }
+
+short Qvl14443bfl::piccRequest(std::uint8_t, std::uint8_t*) { return kBflNotImplemented; }
+
+short Qvl14443bfl::piccCascAnticoll(std::uint8_t, std::uint8_t, std::uint8_t*) { return kBflNotImplemented; }
+
+short Qvl14443bfl::piccCascSelect(std::uint8_t, std::uint8_t*, std::uint8_t*) { return kBflNotImplemented; }
+
+short Qvl14443bfl::piccActivateIdle(std::uint8_t, std::uint8_t*, std::uint8_t*, std::uint8_t*, std::uint8_t*,
+                                    std::uint8_t*, std::uint8_t*) {
+    return kBflNotImplemented;
+}
+
+short Qvl14443bfl::piccActivateIdle(std::uint8_t, std::uint8_t*, std::uint8_t*, std::uint8_t*, std::uint8_t*) {
+    return kBflNotImplemented;
+}
+
+short Qvl14443bfl::piccActivateIdleLoop(std::uint8_t, std::uint8_t*, std::uint8_t*, std::uint8_t*, std::uint8_t*,
+                                        std::uint8_t, std::uint8_t*, std::uint8_t*) {
+    return kBflNotImplemented;
+}
+
+short Qvl14443bfl::piccActivateIdleLoop(std::uint8_t, std::uint8_t*, std::uint8_t*, std::uint8_t*, std::uint8_t*,
+                                        std::uint8_t) {
+    return kBflNotImplemented;
+}
+
+short Qvl14443bfl::piccActivateWakeup(std::uint8_t, std::uint8_t*, std::uint8_t*, std::uint8_t*, std::uint8_t,
+                                      std::uint8_t*, std::uint8_t*) {
+    return kBflNotImplemented;
+}
+
+short Qvl14443bfl::piccActivateWakeup(std::uint8_t, std::uint8_t*, std::uint8_t*, std::uint8_t*, std::uint8_t) {
+    return kBflNotImplemented;
+}
+
+short Qvl14443bfl::piccAuthKey(std::uint8_t, std::uint8_t*, std::uint8_t*, std::uint8_t) { return kBflNotImplemented; }
+
+short Qvl14443bfl::piccRead(std::uint8_t, std::uint8_t*) { return kBflNotImplemented; }
+
+short Qvl14443bfl::piccWrite(std::uint8_t, std::uint8_t*) { return kBflNotImplemented; }
+
+short Qvl14443bfl::piccValue(std::uint8_t, std::uint8_t, std::uint8_t*, std::uint8_t) { return kBflNotImplemented; }
+
+short Qvl14443bfl::piccExchangeBlock(std::uint8_t*, std::uint16_t, std::uint8_t*, std::uint16_t*, std::uint8_t,
+                                     std::uint32_t) {
+    return kBflNotImplemented;
+}
+
+short Qvl14443bfl::piccHalt() { return kBflNotImplemented; }
+
+short Qvl14443bfl::switchLED(std::uint8_t, std::uint8_t, std::uint8_t) { return kBflNotImplemented; }

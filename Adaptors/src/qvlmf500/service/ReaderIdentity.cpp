@@ -1,0 +1,56 @@
+// What the reader tells of itself, and its LEDs. None of these takes the reader lock: they are short, and the driver
+// keeps one command whole by itself.
+
+#include "Guarded.h"
+#include "QvlMf500ReaderImpl.h"
+
+namespace {
+
+constexpr std::uint8_t kSwitchLed = 3;  // an LED that is a switch
+
+int toServiceStatus(short bflStatus) { return bflStatus == kBflOk ? kOk : kReaderFailed; }
+
+}  // namespace
+
+std::shared_ptr<Qvl14443bfl> QvlMf500ReaderImpl::idleDriver() const {
+    auto bfl = driver();
+    if (mPendingCalls == 0) bfl->operationBegins();
+    return bfl;
+}
+
+int QvlMf500ReaderImpl::getReaderId(std::uint8_t* id, std::uint16_t& idLen) {
+    if (id == nullptr) return kReaderFailed;
+    return guarded("getReaderId", int{kReaderFailed},
+                   [&] { return toServiceStatus(idleDriver()->pcdGetSnr(id, idLen)); });
+}
+
+int QvlMf500ReaderImpl::getReaderFwVersion(std::uint8_t* version, std::uint16_t& versionLen) {
+    if (version == nullptr) return kReaderFailed;
+    return guarded("getReaderFwVersion", int{kReaderFailed},
+                   [&] { return toServiceStatus(idleDriver()->pcdGetFwVersion(version, versionLen)); });
+}
+
+int QvlMf500ReaderImpl::switchReaderLED(std::uint8_t led, std::uint8_t ctrl, std::uint8_t dur) {
+    return guarded("switchReaderLED", int{kReaderFailed}, [&]() -> int {
+        if (dur == 0) {
+            if (led == 0 && ctrl == 0)
+                ctrl = 1;
+            else if (led != mLED)
+                return kReaderFailed;
+        }
+        if (led == kSwitchLed) {
+            if (ctrl > 1) return kReaderFailed;
+            if ((ctrl == 1) == mCtrl) return kOk;
+            ctrl = 1;
+            dur = mDur;
+        }
+        if (idleDriver()->switchLED(led, ctrl, dur) != kBflOk) return kReaderFailed;
+        if (led == kSwitchLed) {
+            mCtrl = !mCtrl;
+        } else {
+            mLED = led;
+            mDur = dur;
+        }
+        return kOk;
+    });
+}

@@ -1,0 +1,141 @@
+// The prompt lives on a thread of its own beside the operation that is busy with the reader. What it needs of a host is
+// a surface; the logic around it is the same without a window system.
+
+#include "TagPrompt.h"
+
+#include "Clock.h"
+#include "CountedThreads.h"
+#include "LogService.h"
+#include "QvlMf500ReaderImpl.h"
+#include "TagPromptControl.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+
+namespace {
+
+enum class PromptState { none, starting, up, closing };
+
+// Everything about the one prompt of the process. Never destroyed: a prompt may outlive static objects.
+struct Prompt {
+    std::mutex mutex;
+    std::condition_variable changed;
+    PromptState state = PromptState::none;
+    TagPromptSurface* surface = nullptr;  // what a host has put in
+    int lastError = 0;
+    std::atomic<TagPromptSurface*> gTagPromptWindow{nullptr};  // what stands
+    platform::ManualResetEvent gTagPromptEvent;
+    platform::CountedThreads threads;
+
+    void enter(PromptState next) {
+        state = next;
+        changed.notify_all();
+    }
+};
+
+Prompt& prompt() {
+    static Prompt* const instance = new Prompt;
+    return *instance;
+}
+
+bool showSurface(TagPromptSurface& surface) noexcept {
+    try {
+        return surface.show();
+    } catch (...) {
+        return false;
+    }
+}
+
+void hideSurface(TagPromptSurface& surface) noexcept {
+    try {
+        surface.hide();
+    } catch (...) {
+        QVL_LOG(kLogFailure, "The prompt failed to hide");
+    }
+}
+
+void tagPromptThread(TagPromptSurface& surface) {
+    Prompt& p = prompt();
+    const bool shown = showSurface(surface);
+    std::unique_lock lock(p.mutex);
+    if (!shown) {
+        QVL_LOG(kLogFailure, "Create prompt window Failed with %d", p.lastError);
+        p.enter(PromptState::none);
+        return;
+    }
+    p.gTagPromptWindow = &surface;
+    if (p.state == PromptState::starting) p.enter(PromptState::up);
+    p.changed.wait(lock, [&p] { return p.state == PromptState::closing; });
+    // First nothing stands any more, last the event: a wait loop that resets and looks in this order misses nothing.
+    p.gTagPromptWindow = nullptr;
+    lock.unlock();
+    hideSurface(surface);
+    p.gTagPromptEvent.set();
+    lock.lock();
+    p.enter(PromptState::none);
+}
+
+void askToClose(Prompt& p) {
+    if (p.state == PromptState::starting || p.state == PromptState::up) p.enter(PromptState::closing);
+}
+
+}  // namespace
+
+PromptStart startTagPrompt() {
+    Prompt& p = prompt();
+    std::unique_lock lock(p.mutex);
+    // A prompt that is on its way out belongs to an operation that has ended: wait for it, it is prompt.
+    p.changed.wait(lock, [&p] { return p.state != PromptState::closing; });
+    if (p.state != PromptState::none) return PromptStart::standsAlready;
+    TagPromptSurface* const surface = p.surface;
+    if (surface == nullptr) return PromptStart::nobodyShows;
+    p.state = PromptState::starting;
+    if (!p.threads.start([surface] { tagPromptThread(*surface); })) {
+        p.enter(PromptState::none);
+        return PromptStart::noThread;
+    }
+    p.changed.wait(lock, [&p] { return p.state != PromptState::starting; });
+    return PromptStart::started;
+}
+
+void closeTagPrompt() {
+    Prompt& p = prompt();
+    const std::lock_guard lock(p.mutex);
+    askToClose(p);
+}
+
+bool tagPromptStands() { return prompt().gTagPromptWindow.load() != nullptr; }
+
+platform::ManualResetEvent& tagPromptEvent() { return prompt().gTagPromptEvent; }
+
+void endTagPrompt() {
+    closeTagPrompt();
+    prompt().threads.waitUntilNone();
+}
+
+void setTagPromptSurface(TagPromptSurface* surface) {
+    Prompt& p = prompt();
+    std::unique_lock lock(p.mutex);
+    p.surface = surface;
+    if (surface != nullptr) return;
+    askToClose(p);
+    p.changed.wait(lock, [&p] { return p.state == PromptState::none; });
+    lock.unlock();
+    p.threads.waitUntilNone();
+}
+
+void cancelTagPrompt() { closeTagPrompt(); }
+
+bool QvlMf500ReaderImpl::showTagPrompt() {
+    if (!mTagPrompt) return true;
+    switch (startTagPrompt()) {
+    case PromptStart::standsAlready:
+    case PromptStart::noThread:
+        return false;
+    case PromptStart::nobodyShows:
+    case PromptStart::started:
+        break;
+    }
+    return true;
+}

@@ -1,0 +1,60 @@
+// "led": one light of the reader. Leaving the reader turns all of them off, so the command stays for a moment.
+
+#include "Command.h"
+#include "Text.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace {
+
+constexpr int kHighestLed = 3, kLongestDuration = 31;
+constexpr double kLongestStaySeconds = 1e6;
+
+struct LedArguments {
+    int led = 0;
+    std::string state;
+    int duration = 1;
+    double staySeconds = 1;
+};
+
+Outcome switchLed(Session& session, const LedArguments& arguments) {
+    const bool on = arguments.state == "on";
+    const int status =
+        session.adaptor().switchReaderLED(static_cast<std::uint8_t>(arguments.led), static_cast<std::uint8_t>(on),
+                                          static_cast<std::uint8_t>(arguments.duration));
+    if (status != kOk) return session.fail(status, "LED " + std::to_string(arguments.led));
+    session.output().put({{"led", arguments.led}, {"on", on}, {"duration", arguments.duration}},
+                         "LED " + std::to_string(arguments.led) + " " + arguments.state);
+    if (on) session.interrupt().waitFor(fromSeconds(arguments.staySeconds));
+    return Outcome::done;
+}
+
+}  // namespace
+
+Work setUpLed(CLI::App& app) {
+    const auto arguments = std::make_shared<LedArguments>();
+    app.add_option("LED", arguments->led, "Number of the light, 0 to 3")
+        ->required()
+        ->type_name("")
+        ->check(CLI::Range(0, kHighestLed));
+    app.add_option("STATE", arguments->state, "on or off")
+        ->required()
+        ->type_name("")
+        ->check(CLI::IsMember({"on", "off"}));
+    app.add_option("--duration", arguments->duration,
+                   "How long the reader lights it, 0 to 31 of its own steps; 1 by default")
+        ->type_name("D")
+        ->check(CLI::Range(0, kLongestDuration));
+    app.add_option("--for", arguments->staySeconds,
+                   "How long the program stays, for leaving turns all lights off;\n1 by default")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, kLongestStaySeconds));
+    app.footer("LED 3 is a switch: it keeps its state whatever the duration.\n\n"
+               "Example: qvltag led 2 on --duration 5");
+    return [arguments](Session& session) { return switchLed(session, *arguments); };
+}

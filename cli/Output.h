@@ -1,0 +1,41 @@
+#pragma once
+
+#include "Descriptor.h"
+#include "Outcome.h"
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <string_view>
+
+using Json = nlohmann::ordered_json;
+
+/// What the program says, in one of two forms: text for people, with complaints on standard error, or one JSON object a
+/// line on standard output for everything. For one thread at a time.
+///
+/// Takes standard output for itself: whatever else in the process writes there (the library does in rare failures)
+/// lands on standard error from then on.
+class Output {
+  public:
+    explicit Output(bool json);
+
+    bool isJson() const { return mJson; }
+    /// False once nobody can read any more, as behind "| head".
+    bool isOpen() const { return mOpen; }
+
+    /// A result: the object, or the text with a newline behind it.
+    void put(const Json& object, std::string_view text);
+    /// A remark beside the results.
+    void note(const std::string& text);
+    /// A complaint; `where` says what it is about, such as "sector 3", and may be empty. @return the problem's outcome.
+    Outcome error(const Problem& problem, const std::string& where = {});
+    /// Text for standard output that is the same in both forms, such as help.
+    void plain(std::string_view text);
+
+  private:
+    void writeLine(const Json& object);
+
+    const bool mJson;
+    bool mOpen;
+    Descriptor mOut;
+};

@@ -1,0 +1,51 @@
+#include "Session.h"
+
+#include "StatusText.h"
+#include "Text.h"
+
+#include <cstdint>
+
+Session::Session(SessionSettings settings, Output& output, Interrupt& interrupt)
+    : mSettings(std::move(settings)), mOutput(output), mInterrupt(interrupt),
+      mListener([this](bool ready) { mOutput.note(ready ? "the reader is back" : "the reader was lost"); }) {}
+
+Outcome Session::open() {
+    if (!mSettings.images.empty()) {
+        const auto problem = mVirtualReader.emplace().start(mSettings.images, mSettings.saveImages);
+        if (problem) return mOutput.error(*problem);
+        for (const std::string& remark : mVirtualReader->remarks())
+            mOutput.note(remark);
+    }
+    mAdaptor.reset(createAdaptorInstance(this));
+    if (!mAdaptor) return fail(kReaderFailed);
+    mAdaptor->loadReaderConfig();
+    setUpWaiting();
+    return mAdaptor->initReader() ? Outcome::done : fail(kReaderNotReady);
+}
+
+void Session::setUpWaiting() {
+    if (!mSettings.wait) return mAdaptor->setTagPromptFlag(false);
+    mPrompt.emplace(mInterrupt, mOutput.isJson());
+    if (!mSettings.waitSeconds) return;
+    mAdaptor->setTagPromptFlag(true);
+    mAdaptor->resetSuspendTime(static_cast<std::uint32_t>(fromSeconds(*mSettings.waitSeconds).count()));
+}
+
+Outcome Session::close() {
+    mAdaptor.reset();
+    mPrompt.reset();
+    const std::string complaint = mVirtualReader ? mVirtualReader->end() : std::string();
+    if (complaint.empty()) return Outcome::done;
+    return mOutput.error({Outcome::failed, "virtual reader", complaint, "", 0});
+}
+
+Outcome Session::fail(int status, const std::string& where) { return mOutput.error(problemOf(status), where); }
+
+void Session::Stop::operator()(ReaderImpl* adaptor) const {
+    adaptor->stopReader();
+    delete adaptor;
+}
+
+void Session::readerStateChanged(bool ready) { mListener(ready); }
+
+void Session::readerMessage(int, const char* text) { mOutput.note(text); }

@@ -1,0 +1,148 @@
+// The program: reads the command line, opens a session, and runs one command in it.
+
+#include "Command.h"
+#include "Interrupt.h"
+#include "Output.h"
+#include "Session.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr double kShortestWaitSeconds = 0.001, kLongestWaitSeconds = 86'400;
+
+constexpr const char* kExamples = "Examples:\n"
+                                  "  qvltag info                                which reader answers\n"
+                                  "  qvltag poll                                follow the tags until Ctrl-C\n"
+                                  "  qvltag --json poll --count 1               the next tag as a JSON object\n"
+                                  "  qvltag --virtual tag.mfd poll --once       without a reader: a tag from an image\n"
+                                  "  qvltag --virtual new:1k --virtual new:ultralight poll --count 2\n\n"
+                                  "Exit status: 0 done, 1 refused, failed or cancelled, 2 usage, 3 no reader.\n"
+                                  "\"qvltag COMMAND --help\" explains a command, the manual page qvltag(1) all.";
+
+/// Help without the types and conditions that the library would spell out; the descriptions say what is needed.
+class PlainHelp : public CLI::Formatter {
+  public:
+    std::string make_option_opts(const CLI::Option* option) const override {
+        if (option->get_type_size() == 0) return {};
+        const std::string type = option->get_type_name();
+        const std::string name = type.substr(0, type.find(':'));
+        return name.empty() ? name : " " + name;
+    }
+};
+
+/// The command line as an object: options that all commands share, and the commands with their work.
+class CommandLine {
+  public:
+    CommandLine() : mApp("Work with contactless tags and smart cards through a reader.", "qvltag") {
+        addSharedOptions();
+        mApp.formatter(std::make_shared<PlainHelp>());
+        mApp.require_subcommand(1);
+        mApp.fallthrough();
+        mApp.get_formatter()->label("SUBCOMMAND", "COMMAND");
+        mApp.footer(kExamples);
+        for (const Command& command : commands()) {
+            CLI::App* sub = mApp.add_subcommand(command.name, command.summary);
+            sub->group("Commands");
+            sub->fallthrough();
+            mWorks.emplace_back(sub, command.setUp(*sub));
+        }
+    }
+
+    /// @throws CLI::ParseError for a wrong line, and for help and version.
+    void parse(int argc, char** argv) { mApp.parse(argc, argv); }
+    const SessionSettings& settings() const { return mSettings; }
+    const Work& work() const {
+        return std::ranges::find_if(mWorks, [](const auto& each) { return each.first->parsed(); })->second;
+    }
+    /// What to say and how to end when `parse` has thrown.
+    Outcome answer(const CLI::ParseError& thrown, Output& output) const;
+
+  private:
+    void addSharedOptions();
+
+    CLI::App mApp;
+    SessionSettings mSettings;
+    bool mJson = false;
+    std::vector<std::pair<CLI::App*, Work>> mWorks;
+};
+
+void CommandLine::addSharedOptions() {
+    mApp.add_flag("--json", mJson, "Say everything, complaints too, as one JSON object a line");
+    auto* images = mApp.add_option("--virtual", mSettings.images,
+                                   "Use a virtual reader with this tag, an image file or new:KIND (mini, 1k, 4k,\n"
+                                   "ultralight, card); once for each tag")
+                       ->type_name("IMAGE")
+                       ->allow_extra_args(false);
+    mApp.add_flag("--save", mSettings.saveImages, "Write changed tags of the virtual reader back to their files")
+        ->needs(images);
+    auto* noWait = mApp.add_flag(
+        "--no-wait", [this](std::int64_t) { mSettings.wait = false; }, "One attempt at a tag, no prompt, no wait");
+    mApp.add_option("--wait", mSettings.waitSeconds, "How long to wait for a tag (default: the reader's settings)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(kShortestWaitSeconds, kLongestWaitSeconds))
+        ->excludes(noWait);
+    mApp.set_version_flag("-V,--version", "qvltag " QVL_VERSION);
+}
+
+Outcome CommandLine::answer(const CLI::ParseError& thrown, Output& output) const {
+    if (thrown.get_exit_code() == 0) {
+        std::ostringstream text, unused;
+        mApp.exit(thrown, text, unused);
+        output.plain(text.str());
+        return Outcome::done;
+    }
+    const auto used = mApp.get_subcommands();
+    const auto words = mApp.remaining();
+    if (!used.empty())
+        return output.error({Outcome::usage, "usage", thrown.what(),
+                             "\"qvltag " + used.front()->get_name() + " --help\" tells more.", 0});
+    const std::string meaning =
+        words.empty() ? std::string(thrown.what()) : "\"" + words.front() + "\" is no command or option";
+    return output.error({Outcome::usage, "usage", meaning, "\"qvltag --help\" lists the commands.", 0});
+}
+
+/// Complaints about the line itself need to know before it is read.
+bool asksForJson(int argc, char** argv) {
+    return std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
+}
+
+Outcome runCommand(const CommandLine& line, Output& output, Interrupt& interrupt) {
+    Session session(line.settings(), output, interrupt);
+    Outcome outcome = session.open();
+    if (outcome == Outcome::done) outcome = line.work()(session);
+    const Outcome ending = session.close();
+    if (outcome == Outcome::done) outcome = ending;
+    return outcome == Outcome::done && !output.isOpen() ? Outcome::failed : outcome;
+}
+
+Outcome runProgram(int argc, char** argv, Output& output, Interrupt& interrupt) {
+    CommandLine line;
+    try {
+        line.parse(argc, argv);
+    } catch (const CLI::ParseError& thrown) {
+        return line.answer(thrown, output);
+    }
+    return runCommand(line, output, interrupt);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Interrupt interrupt;
+    Output output(asksForJson(argc, argv));
+    try {
+        return static_cast<int>(runProgram(argc, argv, output, interrupt));
+    } catch (const std::exception& error) {
+        return static_cast<int>(output.error({Outcome::failed, "failed", error.what(), "", 0}));
+    }
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace platform {
+
+/// A device that is present in an interface class.
+struct DeviceInterface {
+    std::string path;        ///< What a DeviceNode opens.
+    std::string instanceId;  ///< How the system names this one device.
+};
+
+/// The directory in which readers are published; resolved at each call. QVL_DEVICE_ROOT in the environment names
+/// another one, unless the process runs with raised rights.
+std::string deviceRoot();
+
+/// Lists the present devices of an interface class, in byte order of their names. `classGuid` is the class identifier
+/// as text in lower case, with dashes and without braces.
+/// @return 0, also when the class has no device; the system's error number when the class is there but cannot be read.
+int listDeviceInterfaces(const char* classGuid, std::vector<DeviceInterface>& out);
+
+/// Where serial port `name` lives: "COM<n>" of the device root, the system's n-th port when that is absent; any other
+/// name stands for itself.
+std::string serialPortPath(const char* name);
+
+}  // namespace platform

@@ -1,0 +1,10 @@
+#!/bin/sh
+# Builds everything and runs all tests.
+#   ./test.sh [PRESET]     release (default), debug, asan or tsan
+set -eu
+cd "$(dirname "$0")"
+preset=${1:-release}
+scripts/install-packages test
+cmake --preset "$preset" > /dev/null
+cmake --build --preset "$preset"
+ctest --preset "$preset"

@@ -1,0 +1,85 @@
+#pragma once
+
+#include "ChildProgram.h"
+#include "TempDirectory.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+/// A machine without a reader, on which qvltag runs. It leaves nothing behind in the directory for temporary files.
+class QvltagTest : public ::testing::Test {
+  protected:
+    struct Result {
+        int status = -1;
+        std::string out, err;
+    };
+    using Words = std::vector<std::string>;
+    using Json = nlohmann::json;
+
+    QvltagTest() {
+        std::filesystem::create_directories(place / "tmp");
+        // A serial port that no machine has.
+        place.write("installed/data/conf/QVLReader.ini", "[READER]\nSERIAL_PORT=77\n[/READER]\n");
+    }
+    void TearDown() override {
+        EXPECT_TRUE(std::filesystem::is_empty(place / "tmp")) << "left behind in the temporary directory";
+    }
+
+    std::unique_ptr<ChildProgram> start(Words arguments, const std::string& program = QVLTAG) {
+        arguments.insert(arguments.begin(), program);
+        return std::make_unique<ChildProgram>(arguments, environment);
+    }
+    Result run(const Words& arguments, const std::string& program = QVLTAG) {
+        const auto child = start(arguments, program);
+        Result result;
+        result.out = child->rest();
+        result.err = child->rest(ChildProgram::errors);
+        result.status = child->wait();
+        return result;
+    }
+    /// The same with --json. Every line must be an object and nothing else may be said.
+    std::vector<Json> runJson(Words arguments, int status) {
+        arguments.insert(arguments.begin(), "--json");
+        const Result result = run(arguments);
+        EXPECT_EQ(result.status, status) << result.out;
+        EXPECT_EQ(result.err, "");
+        return objects(result.out);
+    }
+    static std::vector<Json> objects(const std::string& text) {
+        std::vector<Json> all;
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            all.push_back(Json::parse(line, nullptr, false));
+            EXPECT_TRUE(all.back().is_object()) << line;
+        }
+        return all;
+    }
+    static Json only(const std::vector<Json>& all) {
+        EXPECT_EQ(all.size(), 1u);
+        return all.size() == 1 ? all[0] : Json::object();
+    }
+
+    /// A reader of the machine, steered through its input; without tags at first.
+    std::unique_ptr<ChildProgram> plugReaderIn() {
+        auto reader = start({"--root", environment["QVL_DEVICE_ROOT"], "--socket", "reader"}, QVLREADERSIM);
+        EXPECT_EQ(reader->line().substr(0, 5), "ready");
+        return reader;
+    }
+    std::string classicImage() {
+        return place.write("classic.mfd", std::string("\x01\x02\x03\x04\x04", 5) + std::string(1019, '\0'));
+    }
+    std::string ultralightImage() {
+        return place.write("light.bin", "\x04\x21\x32\x9F\x43\x54\x65\x76\x04" + std::string(55, '\0'));
+    }
+
+    const TempDirectory place;
+    std::map<std::string, std::string> environment{
+        {"QVL_PATH", place / "installed"}, {"QVL_DEVICE_ROOT", place / "devices"}, {"TMPDIR", place / "tmp"}};
+};

@@ -1,0 +1,119 @@
+// What all commands of the host program share: results in both forms, complaints, exit statuses, the virtual reader.
+
+#include "QvltagFixture.h"
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+TEST_F(QvltagTest, InfoShowsWhichReaderAnswers) {
+    const Result text = run({"--virtual", "new:1k", "info"});
+    EXPECT_EQ(text.status, 0) << text.err;
+    EXPECT_EQ(text.out, "Reader    QVLMF500\n"
+                        "Firmware  NFC Reader/Writer 2.1.03 for VID 0x04CC PID 0x0531\n"
+                        "Id        00172a000001\n");
+    EXPECT_EQ(text.err, "");
+    EXPECT_EQ(only(runJson({"--virtual", "new:1k", "info"}, 0)),
+              Json({{"reader", "QVLMF500"},
+                    {"firmware", "NFC Reader/Writer 2.1.03 for VID 0x04CC PID 0x0531"},
+                    {"id", "00172a000001"}}));
+}
+
+TEST_F(QvltagTest, LedBurnsWhileTheProgramStays) {
+    const auto reader = plugReaderIn();
+    const auto child = start({"led", "2", "on", "--duration", "5", "--for", "600"});
+    EXPECT_EQ(child->line(), "LED 2 on");
+    EXPECT_EQ(reader->ask("led"), "ok a5");
+    child->signalGroup(SIGINT);
+    EXPECT_EQ(child->wait(), 0);
+    EXPECT_EQ(reader->ask("led"), "ok c0");
+    EXPECT_EQ(only(runJson({"led", "0", "off"}, 0)), Json({{"led", 0}, {"on", false}, {"duration", 1}}));
+    const Json refused = only(runJson({"led", "0", "on", "--duration", "0"}, 1));
+    EXPECT_EQ(refused["error"], "reader failed");
+    EXPECT_EQ(refused["status"], 3101);
+    EXPECT_EQ(refused["where"], "LED 0");
+}
+
+TEST_F(QvltagTest, ComplaintsSayWhatIsWrongAndWhatToTry) {
+    const std::string odd = place.write("odd.mfd", std::string(1000, '\0'));
+    struct {
+        Words arguments;
+        int status;
+        const char *name, *meaning, *advice;
+    } const kMistakes[] = {
+        {{"info"}, 3, "no reader", "none is ready", "--virtual new:1k"},
+        {{"poll"}, 3, "no reader", "none is ready", "Is it connected?"},
+        {{}, 2, "usage", "subcommand is required", "qvltag --help"},
+        {{"dance"}, 2, "usage", "\"dance\" is no command", "qvltag --help"},
+        {{"--dance", "info"}, 2, "usage", "not expected: --dance", "qvltag info --help"},
+        {{"led", "1"}, 2, "usage", "STATE is required", "qvltag led --help"},
+        {{"led", "4", "on"}, 2, "usage", "not in range 0 to 3", "qvltag led --help"},
+        {{"led", "0", "green"}, 2, "usage", "green not in {on,off}", "qvltag led --help"},
+        {{"poll", "--count"}, 2, "usage", "--count: 1 required", "qvltag poll --help"},
+        {{"poll", "--count", "0"}, 2, "usage", "not in range", "qvltag poll --help"},
+        {{"poll", "--once", "--for", "1"}, 2, "usage", "excludes", "qvltag poll --help"},
+        {{"--no-wait", "--wait", "1", "info"}, 2, "usage", "excludes", "qvltag info --help"},
+        {{"--save", "info"}, 2, "usage", "requires --virtual", "qvltag info --help"},
+        {{"--virtual", "new:1k", "b.mfd", "info"}, 2, "usage", "not expected: b.mfd", "qvltag info --help"},
+        {{"--virtual", "none.mfd", "info"}, 2, "no such tag", "none.mfd: there is no such file", "qvlreadersim(1)"},
+        {{"--virtual", odd, "info"}, 2, "no such tag", "1000 bytes are no tag image", "qvlreadersim(1)"},
+        {{"--virtual", "new:2k", "info"}, 2, "no such tag", "\"2k\" is no kind of tag", "qvlreadersim(1)"},
+        {{"--virtual", "-q", "info"}, 2, "no such tag", "-q: there is no such file", "qvlreadersim(1)"},
+    };
+    for (const auto& each : kMistakes) {
+        const Result text = run(each.arguments);
+        EXPECT_EQ(text.status, each.status) << text.err;
+        EXPECT_EQ(text.out, "");
+        EXPECT_THAT(text.err, StartsWith("qvltag: " + std::string(each.name) + ": "));
+        EXPECT_THAT(text.err, HasSubstr(each.meaning));
+        EXPECT_THAT(text.err, HasSubstr(each.advice));
+        const Json object = only(runJson(each.arguments, each.status));
+        EXPECT_EQ(object.value("error", ""), each.name);
+        EXPECT_THAT(object.value("meaning", ""), HasSubstr(each.meaning));
+        EXPECT_THAT(object.value("advice", ""), HasSubstr(each.advice));
+        EXPECT_EQ(object.value("status", 0), each.status == 3 ? 3137 : 0);
+    }
+}
+
+TEST_F(QvltagTest, RemarksOnImagesAreNoFailure) {
+    const std::string image = place.write("odd\xFFname.mfd", std::string(1024, '\x01'));
+    const Result text = run({"--virtual", image, "info"});
+    EXPECT_EQ(text.status, 0);
+    EXPECT_THAT(text.err, HasSubstr("warning: byte 4 of block 0"));
+    const auto all = runJson({"--virtual", image, "info"}, 0);
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_THAT(all[0].value("note", ""), HasSubstr("warning: byte 4 of block 0"));
+    EXPECT_EQ(all[1].value("reader", ""), "QVLMF500");
+}
+
+TEST_F(QvltagTest, FindsTheVirtualReaderBesideItselfOrOnThePath) {
+    const std::string alone = place / "alone";
+    std::filesystem::copy_file(QVLTAG, alone);
+    environment["PATH"] = place / "tmp";
+    const Result missing = run({"--virtual", "new:1k", "info"}, alone);
+    EXPECT_EQ(missing.status, 3);
+    EXPECT_THAT(missing.err, StartsWith("qvltag: no virtual reader: the program qvlreadersim cannot be run: No such"));
+    environment["PATH"] += ":" + std::filesystem::path(QVLREADERSIM).parent_path().string();
+    EXPECT_EQ(run({"--virtual", "new:1k", "info"}, alone).status, 0);
+    EXPECT_EQ(run({"--virtual", "new:1k", "info"}).status, 0);
+
+    environment["TMPDIR"] = place / "none";
+    const Result homeless = run({"--virtual", "new:1k", "info"});
+    EXPECT_EQ(homeless.status, 3);
+    EXPECT_THAT(homeless.err, HasSubstr("Point TMPDIR to"));
+}
+
+TEST_F(QvltagTest, HelpAndVersionAreResults) {
+    EXPECT_THAT(run({"--version"}).out, StartsWith("qvltag "));
+    for (const Words& arguments : {Words{"--help"}, Words{"poll", "--help"}, Words{"led", "-h"}, Words{"info", "-h"}}) {
+        const Result help = run(arguments);
+        EXPECT_EQ(help.status, 0);
+        EXPECT_THAT(help.out, HasSubstr("Usage: qvltag"));
+        EXPECT_EQ(help.err, "");
+    }
+}
+
+}  // namespace

@@ -1,0 +1,143 @@
+// Where things are found: devices, ports, the installation, libraries; and who is believed about it.
+
+#include "Devices.h"
+#include "DynamicLibrary.h"
+#include "Environment.h"
+#include "ScopedEnvironment.h"
+#include "TempDirectory.h"
+#include "UniqueId.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <set>
+#include <sys/stat.h>
+
+namespace fs = std::filesystem;
+using namespace platform;
+
+namespace {
+
+constexpr char kClass[] = "4d36e978-e325-11ce-bfc1-08002be10318";
+
+class DevicesTest : public testing::Test {
+  protected:
+    TempDirectory mRoot;
+    ScopedEnvironment mEnvironment{"QVL_DEVICE_ROOT", mRoot.path().c_str()};
+};
+
+TEST_F(DevicesTest, ListsAClassInByteOrder) {
+    std::vector<DeviceInterface> found{{"stale", "stale"}};
+    EXPECT_EQ(listDeviceInterfaces(kClass, found), 0);
+    EXPECT_TRUE(found.empty());
+
+    const std::string expected[] = {"#1", "10", "9", "A", "a", "a b", "\xC3\xA9", "\xFF"};
+    for (const std::string& name :
+         {expected[5], expected[7], expected[0], expected[3], expected[6], expected[2], expected[4], expected[1]})
+        mRoot.write(std::string(kClass) + '/' + name, "");
+    EXPECT_EQ(listDeviceInterfaces(kClass, found), 0);
+    ASSERT_EQ(found.size(), std::size(expected));
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        EXPECT_EQ(found[i].instanceId, expected[i]);
+        EXPECT_EQ(found[i].path, mRoot / kClass + '/' + expected[i]);
+    }
+
+    mRoot.write("no-directory", "");
+    EXPECT_EQ(listDeviceInterfaces("no-directory", found), ENOTDIR);
+    EXPECT_TRUE(found.empty());
+}
+
+TEST_F(DevicesTest, FindsSerialPorts) {
+    mRoot.write("COM3", "");
+    mRoot.write("COM0", "");
+    const std::pair<const char*, std::string> cases[] = {{"COM3", mRoot / "COM3"},
+                                                         {"COM1", "/dev/ttyS0"},
+                                                         {"COM4294967295", "/dev/ttyS4294967294"},
+                                                         {"COM0", "COM0"},
+                                                         {"COM", "COM"},
+                                                         {"COM3x", "COM3x"},
+                                                         {"COM-1", "COM-1"},
+                                                         {"COM+1", "COM+1"},
+                                                         {"COM4294967296", "COM4294967296"},
+                                                         {"", ""},
+                                                         {"LPT1", "LPT1"},
+                                                         {"/dev/ttyUSB0", "/dev/ttyUSB0"}};
+    for (const auto& [name, path] : cases)
+        EXPECT_EQ(serialPortPath(name), path);
+}
+
+TEST_F(DevicesTest, RootIsResolvedAtEachCall) {
+    EXPECT_EQ(deviceRoot(), mRoot.path());
+    for (const char* unset : {static_cast<const char*>(nullptr), ""}) {
+        const ScopedEnvironment none("QVL_DEVICE_ROOT", unset);
+        EXPECT_EQ(deviceRoot(), "/dev/qvlreader");
+    }
+}
+
+TEST_F(DevicesTest, RaisedRightsSilenceTheEnvironment) {
+    EXPECT_FALSE(hasRaisedRights());
+    EXPECT_EQ(trustedVariable("QVL_DEVICE_ROOT", false), mRoot.path());
+    EXPECT_EQ(trustedVariable("QVL_DEVICE_ROOT", true), "");
+    const ScopedEnvironment planted("QVL_PATH", "/planted");
+    const std::string installed = mRoot.write("QVL_PATH", "/opt/qvl\n");
+    EXPECT_EQ(installationPathFrom(installed.c_str(), true), "/opt/qvl");
+    EXPECT_EQ(installationPathFrom(installed.c_str(), false), "/planted");
+    EXPECT_EQ(installationPath(), "/planted");
+}
+
+TEST_F(DevicesTest, InstallerLeavesThePathInTheFirstLine) {
+    const ScopedEnvironment unset("QVL_PATH", "");
+    const std::pair<const char*, const char*> cases[] = {
+        {"/opt/qvl", "/opt/qvl"}, {"/opt/q v l\r\nsecond\n", "/opt/q v l"}, {"", ""}, {"\n/opt", ""}};
+    for (const auto& [text, path] : cases)
+        EXPECT_EQ(installationPathFrom(mRoot.write("file", text).c_str(), false), path);
+    ::mkfifo((mRoot / "fifo").c_str(), 0600);
+    for (const char* name : {"fifo", "absent", "."})
+        EXPECT_EQ(installationPathFrom((mRoot / name).c_str(), false), "") << name;
+}
+
+TEST(SystemPathTest, DropsTheDriveAndTurnsBackslashes) {
+    const std::pair<const char*, const char*> cases[] = {{"C:\\QVL\\log", "/QVL/log"},
+                                                         {"d:log", "log"},
+                                                         {"/opt/qvl", "/opt/qvl"},
+                                                         {"C:", ""},
+                                                         {"", ""},
+                                                         {"1:\\x", "1:/x"},
+                                                         {"ab:\\x", "ab:/x"},
+                                                         {"\\\\host\\share", "//host/share"}};
+    for (const auto& [given, path] : cases)
+        EXPECT_EQ(toSystemPath(given), path);
+}
+
+TEST(ProgramTest, KnowsItsDirectory) {
+    EXPECT_EQ(programDirectory(), fs::read_symlink("/proc/self/exe").parent_path().string());
+}
+
+TEST(DynamicLibraryTest, LoadsByPathOnly) {
+    EXPECT_EQ(dynamicLibraryFileName("usbdll"), "libusbdll.so");
+    EXPECT_EQ(loadSymbol("libm.so.6", "cos"), nullptr);
+    EXPECT_EQ(loadSymbol("/nonexistent/libm.so.6", "cos"), nullptr);
+    const char* directories[] = {"/lib/x86_64-linux-gnu", "/lib/aarch64-linux-gnu", "/lib64", "/usr/lib"};
+    for (const char* directory : directories) {
+        const std::string library = std::string(directory) + "/libm.so.6";
+        if (!fs::exists(library)) continue;
+        EXPECT_NE(loadSymbol(library.c_str(), "cos"), nullptr);
+        EXPECT_EQ(loadSymbol(library.c_str(), "noSuchSymbol"), nullptr);
+        return;
+    }
+    GTEST_SKIP() << "no library to load";
+}
+
+TEST(UniqueIdTest, IsOfVersion4AndNew) {
+    const auto isVersion4 =
+        testing::MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
+    std::set<std::string> seen;
+    for (int i = 0; i < 200; ++i) {
+        const std::string id = newUniqueId();
+        EXPECT_THAT(id, isVersion4);
+        EXPECT_TRUE(seen.insert(id).second);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,124 @@
+// Time, events and threads.
+
+#include "Clock.h"
+#include "CountedThreads.h"
+#include "ManualResetEvent.h"
+
+#include <atomic>
+#include <chrono>
+#include <gtest/gtest.h>
+#include <memory>
+#include <pthread.h>
+#include <thread>
+
+using namespace platform;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr std::uint32_t kLongMs = 20000;  // a wait that must not go to its end
+
+class DrivenClock : public Clock {
+  public:
+    std::uint64_t nowMs() override { return mNow; }
+    void pauseMs(std::uint32_t ms) override { mNow += ms; }
+    bool waitFor(ManualResetEvent& event, std::uint32_t ms) override {
+        if (!event.isSet()) mNow += ms;
+        return event.isSet();
+    }
+
+  private:
+    std::uint64_t mNow = 0xFFFFFFF0;
+};
+
+TEST(ClockTest, CanBeReplacedAndPutBack) {
+    DrivenClock driven;
+    ManualResetEvent event;
+    Clock& own = Clock::current();
+    Clock::replace(&driven);
+    Clock::current().pauseMs(30000);
+    EXPECT_FALSE(Clock::current().waitFor(event, 30000));
+    EXPECT_EQ(Clock::current().nowMs(), 0xFFFFFFF0ull + 60000);
+    EXPECT_EQ(Clock::current().tick(), 60000u - 16u);
+    Clock::replace(nullptr);
+    EXPECT_EQ(&Clock::current(), &own);
+}
+
+TEST(ClockTest, SystemClockPassesRealTime) {
+    Clock& clock = Clock::current();
+    ManualResetEvent event;
+    const std::uint64_t start = clock.nowMs();
+    clock.pauseMs(15);
+    EXPECT_FALSE(clock.waitFor(event, 15));
+    EXPECT_GE(clock.nowMs() - start, 29u);
+}
+
+TEST(ClockTest, LocalTimeIsTheWallClock) {
+    const std::time_t before = wallSeconds();
+    const LocalTime now = localTime();
+    std::tm parts{};
+    parts.tm_year = now.year - 1900;
+    parts.tm_mon = now.month - 1;
+    parts.tm_mday = now.day;
+    parts.tm_hour = now.hour;
+    parts.tm_min = now.minute;
+    parts.tm_sec = now.second;
+    parts.tm_isdst = -1;
+    const std::time_t told = std::mktime(&parts);
+    EXPECT_GE(told, before);
+    EXPECT_LE(told, static_cast<std::time_t>(wallSeconds()));
+    EXPECT_TRUE(now.millisecond >= 0 && now.millisecond < 1000);
+}
+
+TEST(ManualResetEventTest, StaysSetForAllUntilReset) {
+    ManualResetEvent event;
+    std::atomic<int> woken = 0;
+    CountedThreads threads;
+    for (int i = 0; i < 4; ++i)
+        ASSERT_TRUE(threads.start([&] { woken += event.waitFor(std::chrono::milliseconds(kLongMs)); }));
+    EXPECT_EQ(woken, 0);
+    event.set();
+    threads.waitUntilNone();
+    EXPECT_EQ(woken, 4);
+    EXPECT_TRUE(event.isSet() && event.waitFor(0ms));
+    event.reset();
+    EXPECT_FALSE(event.isSet() || event.waitFor(5ms));
+}
+
+TEST(CountedThreadsTest, EndWaitsForAllAndForWhatTheyHold) {
+    for (int round = 0; round < 200; ++round) {
+        std::atomic<int> ended = 0;
+        const auto held = std::make_shared<int>(0);
+        {
+            auto threads = std::make_unique<CountedThreads>();
+            for (int i = 0; i < 3; ++i)
+                ASSERT_TRUE(threads->start([&ended, held] {
+                    std::this_thread::yield();
+                    ++ended;
+                }));
+        }
+        ASSERT_EQ(ended, 3);
+        ASSERT_EQ(held.use_count(), 1);
+    }
+}
+
+TEST(CountedThreadsTest, StartThatFailsIsReportedAndNotCounted) {
+    pthread_attr_t former, impossible;
+    ASSERT_EQ(::pthread_getattr_default_np(&former), 0);
+    ::pthread_attr_init(&impossible);
+    ::pthread_attr_setstacksize(&impossible, std::size_t{1} << 62);
+    ASSERT_EQ(::pthread_setattr_default_np(&impossible), 0);
+    bool ran = false;
+    CountedThreads threads;
+    EXPECT_FALSE(threads.start([&] { ran = true; }));
+    ::pthread_setattr_default_np(&former);
+    threads.waitUntilNone();
+    EXPECT_FALSE(ran);
+    EXPECT_TRUE(threads.start([&] { ran = true; }));
+    threads.waitUntilNone();
+    EXPECT_TRUE(ran);
+    ::pthread_attr_destroy(&former);
+    ::pthread_attr_destroy(&impossible);
+}
+
+}  // namespace

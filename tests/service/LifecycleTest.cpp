@@ -1,0 +1,318 @@
+// The life of the reader, through the service interface.
+
+#include "Workplace.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace {
+
+constexpr std::uint8_t kLedCommand = 0x26;
+
+class OnEachLine : public ::testing::TestWithParam<Line> {};
+INSTANTIATE_TEST_SUITE_P(Lines, OnEachLine, ::testing::Values(Line::inProcess, Line::terminal, Line::socket));
+
+TEST_P(OnEachLine, TheReaderComesUpTellsOfItselfAndGoesDown) {
+    Workplace place(GetParam());
+    ReaderImpl& adaptor = place.start();
+    EXPECT_STREQ(adaptor.getAdaptorName(), "QVLMF500");
+    std::uint8_t id[6] = {}, version[55];
+    std::uint16_t length = 0;
+    EXPECT_EQ(adaptor.getReaderId(id, length), kReaderFailed) << "nothing is open yet";
+    ASSERT_TRUE(adaptor.initReader());
+    EXPECT_TRUE(place.reader->isFieldOn());
+    EXPECT_TRUE(place.reader->isLinkKeyed());
+    EXPECT_EQ(adaptor.getReaderId(id, length), kOk);
+    EXPECT_EQ(length, 6);
+    EXPECT_TRUE(std::ranges::equal(id, place.reader->options().serialNumber));
+    EXPECT_EQ(adaptor.getReaderFwVersion(version, length), kOk);
+    EXPECT_STREQ(reinterpret_cast<char*>(version), "NFC Reader/Writer 2.1.03 for VID 0x04CC PID 0x0531");
+    EXPECT_EQ(adaptor.getReaderId(nullptr, length), kReaderFailed);
+    EXPECT_EQ(adaptor.getReaderFwVersion(nullptr, length), kReaderFailed);
+    EXPECT_TRUE(adaptor.stopReader());
+    EXPECT_FALSE(place.reader->isFieldOn());
+    EXPECT_EQ(adaptor.getReaderId(id, length), kReaderFailed);
+    ASSERT_TRUE(adaptor.initReader());
+    EXPECT_TRUE(adaptor.stopReader());
+    EXPECT_TRUE(adaptor.stopReader());
+    EXPECT_EQ(place.host.heard(), "") << "initReader tells nobody: its callers do";
+    EXPECT_EQ(adaptor.getDeviceInstanceID(), nullptr);
+}
+
+TEST(TheReader, ThatIsAbsentIsNoFailureAtCreation) {
+    Workplace place(Line::terminal);
+    place.terminal->stop();
+    ReaderImpl& adaptor = place.start();
+    EXPECT_FALSE(adaptor.initReader());
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_TRUE(adaptor.stopReader()) << "on an adaptor that was never ready as well";
+    EXPECT_EQ(place.host.heard(), "");
+    EXPECT_EQ(place.terminal->start(), "");
+    EXPECT_TRUE(adaptor.initReader());
+}
+
+TEST(TheReader, RestoresItsLedAfterEachInit) {
+    Workplace place;
+    ReaderImpl& adaptor = place.start();
+    VirtualTamaReader& reader = *place.reader;
+    const auto leds = [&] { return reader.commandCount(kLedCommand); };
+    ASSERT_TRUE(adaptor.initReader());
+    EXPECT_EQ(leds(), 2u) << "LED 1, then LED 3";
+    EXPECT_EQ(reader.ledByte(), 0x21);
+    ASSERT_TRUE(adaptor.initReader());
+    EXPECT_EQ(leds(), 3u) << "LED 3 is on already";
+    EXPECT_EQ(reader.ledByte(), 0x61);
+    EXPECT_EQ(adaptor.switchReaderLED(2, 1, 7), kOk);
+    ASSERT_TRUE(adaptor.initReader());
+    EXPECT_EQ(reader.ledByte(), 0xA7) << "the last LED comes back";
+    adaptor.stopReader();
+    EXPECT_EQ(reader.ledByte(), 0xC0) << "all off";
+    const std::uint32_t before = leds();
+    ASSERT_TRUE(adaptor.initReader());
+    EXPECT_EQ(leds(), before + 2) << "as at the start";
+}
+
+TEST(TheReader, SwitchesItsLeds) {
+    Workplace place;
+    ReaderImpl& adaptor = place.start();
+    ASSERT_TRUE(adaptor.initReader());  // LED 1, duration 1, LED 3 on
+    const struct {
+        std::uint8_t led, ctrl, dur;
+        int status;
+        int sent;  // LED byte, -1 for nothing
+    } cases[] = {
+        {0, 0, 0, kOk, 0xE0},          // 0, 1, 0
+        {1, 1, 0, kReaderFailed, -1},  // duration 0 only for the LED of last time
+        {0, 1, 0, kOk, 0xE0},         {3, 1, 0, kReaderFailed, -1},
+        {3, 1, 5, kOk, -1},  // on already
+        {3, 2, 5, kReaderFailed, -1}, {2, 1, 9, kOk, 0xA9},
+        {3, 0, 5, kOk, 0x29},  // sent with ctrl 1 and the last duration
+        {3, 0, 5, kOk, -1},    // off already
+        {3, 1, 5, kOk, 0x29},         {9, 1, 2, kOk, 0x22},
+    };
+    for (const auto& c : cases) {
+        const std::uint32_t before = place.reader->commandCount(kLedCommand);
+        EXPECT_EQ(adaptor.switchReaderLED(c.led, c.ctrl, c.dur), c.status) << int{c.led} << int{c.ctrl} << int{c.dur};
+        const bool sent = place.reader->commandCount(kLedCommand) != before;
+        EXPECT_EQ(sent ? place.reader->ledByte() : -1, c.sent) << int{c.led} << int{c.ctrl} << int{c.dur};
+    }
+    place.reader->addFaults("26 from 1 status 01");
+    EXPECT_EQ(adaptor.switchReaderLED(3, 0, 5), kReaderFailed);
+    place.reader->clearFaults();
+    EXPECT_EQ(adaptor.switchReaderLED(3, 0, 5), kOk) << "a refused switch changed nothing";
+    EXPECT_EQ(place.reader->ledByte(), 0x22);
+}
+
+TEST(TheReader, IsConfiguredInAtMostTwoTries) {
+    Workplace place;
+    ReaderImpl& adaptor = place.start();
+    place.reader->addFaults("12 1 error");
+    EXPECT_TRUE(adaptor.initReader());
+    place.reader->addFaults("12 1 error\n12 2 error");
+    EXPECT_FALSE(adaptor.initReader());
+    EXPECT_TRUE(adaptor.initReader());
+}
+
+TEST(TheReader, ThatLeavesTheLinkInTheClearIsServed) {
+    for (const bool zeroKey : {false, true}) {
+        ReaderOptions options;
+        options.knowsLinkKey = zeroKey;
+        options.zeroSessionKey = zeroKey;
+        Workplace place(Line::inProcess, options);
+        place.start();
+        place.placeClassic();
+        ASSERT_TRUE(place.adaptor->initReader());
+        EXPECT_FALSE(place.reader->isLinkKeyed());
+        EXPECT_EQ(place.poll(), "deadbeef 2002");
+        for (int i = 0; i < 200; ++i)
+            ASSERT_EQ(place.poll(), "");
+        EXPECT_EQ(place.poll(true), "deadbeef 2002") << "no key change spoils a command on such a link";
+    }
+}
+
+TEST(TheReader, ChangesItsLinkKeyOnTheWay) {
+    Workplace place;
+    place.start();
+    place.placeClassic();
+    ASSERT_TRUE(place.adaptor->initReader());
+    const std::uint32_t agreed = place.reader->commandCount(0x1C);
+    for (int i = 0; i < 200; ++i)
+        ASSERT_EQ(place.poll(true), "deadbeef 2002") << i;
+    EXPECT_GT(place.reader->commandCount(0x1C), agreed);
+}
+
+TEST(TheReader, KeepsItsBaudRateWhenItIsOpenedAgain) {
+    Workplace place;
+    place.settings("SERIAL_BAUDRATE=115200\n");
+    std::vector<std::string> opened;
+    setTamaDeviceFactory([&](const TamaDeviceRequest& request) {
+        opened.push_back(std::string(request.name) + " " + std::to_string(request.baudRate));
+        return std::make_unique<VirtualTamaDevice>(place.reader);
+    });
+    place.start();
+    EXPECT_TRUE(place.adaptor->initReader());
+    EXPECT_TRUE(place.adaptor->initReader());
+    EXPECT_EQ(opened, (std::vector<std::string>{"COM77 115200", "COM77 115200"}));
+}
+
+TEST(AScan, ChoosesTheReaderAnewWhenADeviceEventAsks) {
+    Workplace place;
+    place.clock.reset();  // real devices, real time
+    setTamaDeviceFactory({});
+    place.start();
+    EXPECT_FALSE(place.adaptor->initReader()) << "nothing on the serial port";
+    SocketEndpoint usb(place.reader, place.root.path(), kTamaClass, "usb");
+    ASSERT_EQ(usb.start(), "");
+    place.adaptor->scanUSBDevice(1);
+    EXPECT_FALSE(place.adaptor->initReader()) << "scans are at least half a second apart";
+    ManualClock clock;
+    clock.advance(1000000);
+    place.adaptor->scanUSBDevice(0);
+    EXPECT_TRUE(place.reader->isFieldOn()) << "event 0 starts the reader as well";
+    clock.advance(500);
+    usb.stop();
+    place.adaptor->scanUSBDevice(0);
+    EXPECT_EQ(place.poll(), "");
+    // After event 0 a failed start does not scan; the next device event changes that.
+    ASSERT_EQ(usb.start(), "");
+    clock.advance(500);
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.poll(), "");
+    place.adaptor->scanUSBDevice(2);
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.host.heard(), "+");
+}
+
+TEST(AScan, AfterAFailedStartRunsOnlyWhenADeviceEventIsPending) {
+    Workplace place;
+    place.clock->advance(600);
+    place.start();  // construction counts as an event
+    place.reader->vanish();
+    setTamaDeviceFactory({});
+    EXPECT_EQ(place.poll(), "");
+    SocketEndpoint usb(place.reader, place.root.path(), kTamaClass, "usb");
+    place.reader->comeBack();
+    ASSERT_EQ(usb.start(), "");
+    place.clock->advance(499);
+    EXPECT_EQ(place.poll(), "") << "too early";
+    place.clock->advance(1);
+    EXPECT_EQ(place.poll(), "") << "this one scans, the next one starts the reader";
+    EXPECT_EQ(place.host.heard(), "");
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.host.heard(), "+");
+}
+
+TEST(AScan, ThatFailsInstallsTheOtherDriver) {
+    Workplace place;
+    place.root.write(kTamaClass, "no directory");
+    place.start();
+    EXPECT_FALSE(place.adaptor->initReader());
+    std::uint8_t id[6];
+    std::uint16_t length = 0;
+    EXPECT_EQ(place.adaptor->getReaderId(id, length), kReaderFailed);
+    EXPECT_EQ(place.poll(), "");
+}
+
+TEST(TwoAdaptors, ShareTheOneDriver) {
+    for (const bool firstGoesFirst : {true, false}) {
+        Workplace place;
+        place.placeClassic();
+        place.start();
+        Host otherHost;
+        std::unique_ptr<ReaderImpl> other(createAdaptorInstance(&otherHost));
+        ASSERT_TRUE(place.adaptor->initReader());
+        ASSERT_TRUE(other->initReader());
+        (firstGoesFirst ? place.adaptor : other).reset();
+        ReaderImpl& left = firstGoesFirst ? *other : *place.adaptor;
+        EXPECT_TRUE(left.initReader()) << "the end of one closed the device of both";
+        EventObject* event = nullptr;
+        EXPECT_TRUE(left.pollTag(event, true, false));
+        left.freeMemory(event);
+    }
+}
+
+class Bare : public ReaderImpl {
+  public:
+    const char* getAdaptorName() override { return "bare"; }
+    bool initReader() override { return false; }
+    bool stopReader() override { return false; }
+    bool pollTag(EventObject*&, bool, bool) override { return false; }
+    void loadReaderConfig() override {}
+};
+
+TEST(AnAdaptorWithoutOperations, AnswersNotImplemented) {
+    Bare bare;
+    TagUID tag;
+    TagUID* tags = reinterpret_cast<TagUID*>(0x10);
+    OpResultCode* results = nullptr;
+    std::uint8_t* data = nullptr;
+    short* ids = nullptr;
+    short count = 7;
+    int number = 7;
+    DataAccControl access = AccInvalid;
+    QVLParamCollection in;
+    QVLParamCollection* out = nullptr;
+    const int answers[] = {
+        bare.getTagId(0, TagAppNone, 0, tags, AuthKeyA, nullptr, false),
+        bare.getAllTagId(0, TagAppNone, 0, AuthKeyA, nullptr, count, tags),
+        bare.suspendPoll(tag),
+        bare.resumePoll(tag),
+        bare.formatTag(0, TagAppMad1, nullptr, tags, nullptr, number, results),
+        bare.unformatTag(0, TagAppMad1, nullptr, tags, &number),
+        bare.getAllAppId(0, TagAppMad1, tag, count, ids, AuthKeyA, nullptr),
+        bare.getAppIdDir(0, TagAppMad1, tag, ids, AuthKeyA, nullptr),
+        bare.getBlockData(0, TagAppNone, tag, 0, AuthKeyA, nullptr, 4, 1, data, number, AuthKeyA, nullptr, &number),
+        bare.getValue(0, TagAppNone, tag, 0, AuthKeyA, nullptr, 4, number, AuthKeyA, nullptr),
+        bare.getBlockAccessMode(0, TagAppNone, tag, 0, AuthKeyA, nullptr, 4, access, AuthKeyA, nullptr),
+        bare.haltAllTag(true),
+        bare.runCommand(44, in, out),
+    };
+    for (const int answer : answers)
+        EXPECT_EQ(answer, kNotImplemented);
+    EXPECT_EQ(tags, reinterpret_cast<TagUID*>(0x10));
+    EXPECT_EQ(count, 7);
+    EXPECT_EQ(number, 7);
+    EXPECT_EQ(out, nullptr);
+    std::uint8_t id = 0;
+    std::uint16_t length = 9;
+    EXPECT_EQ(bare.getReaderId(&id, length), kReaderFailed);
+    EXPECT_EQ(length, 0);
+    length = 9;
+    EXPECT_EQ(bare.getReaderFwVersion(&id, length), kReaderFailed);
+    EXPECT_EQ(length, 0);
+    EXPECT_EQ(bare.switchReaderLED(0, 0, 0), kReaderFailed);
+}
+
+TEST(ReleasedMemory, MayBeNullAndIsCountedOnce) {
+    Bare bare;
+    EXPECT_EQ(bare.freeMemory(static_cast<QVLParamCollection*>(nullptr)), 3000);
+    EXPECT_EQ(bare.freeMemory(static_cast<EventObject*>(nullptr)), 3000);
+    EXPECT_EQ(bare.freeMemory(static_cast<std::uint8_t*>(nullptr)), 3000);
+    EXPECT_EQ(bare.freeMemory(static_cast<short*>(nullptr)), 3000);
+    EXPECT_EQ(bare.freeMemory(static_cast<OpResultCode*>(nullptr)), 3000);
+    EXPECT_EQ(bare.freeMemory(static_cast<TagUID*>(nullptr)), 3000);
+    const std::uint8_t uid[4] = {1, 2, 3, 4};
+    TagUID* tags = new TagUID[3];
+    for (int i = 0; i < 3; ++i)
+        tags[i].setUid(uid, 4);
+    EXPECT_EQ(bare.freeMemory(tags), 3000);
+    EXPECT_EQ(bare.freeMemory(new OpResultCode[5]), 3000);
+    EXPECT_EQ(bare.freeMemory(new QVLParamCollection), 3000);
+    EXPECT_EQ(ReaderImpl::freeMemory(static_cast<ReaderImpl*>(&bare)), 3000);
+    EXPECT_STREQ(bare.getAdaptorName(), "bare");
+}
+
+TEST(ADeviceInstanceId, HasOneOwner) {
+    Bare first;
+    EXPECT_EQ(first.getDeviceInstanceID(), nullptr);
+    first.setDeviceInstanceID("one");
+    Bare second(first);
+    first.setDeviceInstanceID("two");
+    EXPECT_STREQ(second.getDeviceInstanceID(), "one");
+    second = first;
+    first.setDeviceInstanceID(nullptr);
+    EXPECT_EQ(first.getDeviceInstanceID(), nullptr);
+    EXPECT_STREQ(second.getDeviceInstanceID(), "two");
+}
+
+}  // namespace

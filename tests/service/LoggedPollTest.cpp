@@ -1,0 +1,74 @@
+// What a support engineer finds in the log after a poll.
+
+#include "LogService.h"
+#include "NamedMutex.h"
+#include "Workplace.h"
+
+#include <regex>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+TEST(ALoggedPoll, LeavesReadableRecordsAndNothingElse) {
+    TempDirectory directory;
+    directory.write("data/conf/QVLReader.ini", "[LOGSERVICE]\nLOGENABLE=1\nLOGLEVEL=5\nLOGPATH=" + directory.path() +
+                                                   "/log\n[/LOGSERVICE]\n[READER]\nSERIAL_PORT=77\n[/READER]\n");
+    const std::string captured = directory / "stdout";
+    const pid_t child = ::fork();
+    if (child == 0) {  // the log reads its settings once a process
+        if (std::freopen(captured.c_str(), "w", stdout) == nullptr) ::_exit(3);
+        Workplace place(Line::terminal);
+        IniManager::instance().setDirectoryAndReload((directory / "data/conf").c_str());
+        IniManager::instance().loadAndReplace("QVLReader.ini");
+        place.start();
+        place.placeClassic();
+        const bool found = place.poll() == "deadbeef 2002" && place.poll().empty();
+        place.adaptor.reset();
+        std::fflush(stdout);
+        ::_exit(found ? 0 : 4);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(directory.read("stdout"), "") << "the library keeps off the standard output";
+
+    const std::string log = directory.read("log/rdrlog0000.txt");
+    const std::regex record(R"(\[\d{4} \d\d \d\d \d\d:\d\d:\d\d:\d{3}\] \[[ESVDMH]\] \[Line:\d+ @ \w+\.(cpp|h)\] .*)");
+    std::istringstream lines(log);
+    std::string line;
+    std::getline(lines, line);
+    EXPECT_EQ(line.front(), '\t') << "the notice";
+    int records = 0;
+    while (std::getline(lines, line)) {
+        // Some of the system's own texts hold line ends; their second halves begin with no time.
+        if (line.empty() || line.front() != '[') continue;
+        EXPECT_TRUE(std::regex_match(line, record)) << line;
+        ++records;
+    }
+    EXPECT_GE(records, 15);
+    std::size_t at = 0;
+    for (const char* text : {
+             "QvlMf500ReaderImpl mUSBFileIO.scanForDevices return 0",
+             "[D] [Line:",
+             "QvlMf500ReaderImpl ------------instantiates NFCTAMABFL",
+             "QvlMf500ReaderImpl::successfully create an adaptor instance - QvlMf500ReaderImpl.",
+             "[H] [Line:",
+             "Poll tag entering forced=0 ignoreSuspend=0",
+             "[S] [Line:",
+             "QVLReader initialization: interface successfully opened.",
+             "QVLReader initialization: Configuration done.",
+             "initReader() Turn on the LED:   mLED=255 ctrl=false dur=255",
+             "After      mLED=1 ctrl=true dur=1",
+             "NfcTamaBfl::piccActivateIdle - no tag found, failed to get a TagId!",
+             "npcdRfReset(): switch trun off ALL LED with duration=0",
+             "Desctruter mLED=1 ctrl=true dur=1",
+         }) {
+        at = log.find(text, at);
+        ASSERT_NE(at, std::string::npos) << text << "\n" << log;
+    }
+    EXPECT_EQ(log.find("failed"), log.find("failed to get a TagId!")) << "nothing failed";
+}
+
+}  // namespace

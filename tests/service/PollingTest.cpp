@@ -1,0 +1,213 @@
+// Finding tags by polling, through the service interface.
+
+#include "Workplace.h"
+
+#include <ctime>
+#include <future>
+#include <set>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+class Polling : public ::testing::TestWithParam<Line> {
+  protected:
+    Polling() : place(GetParam()) { place.start(); }
+    Workplace place;
+    TagUID anyTag;
+};
+INSTANTIATE_TEST_SUITE_P(Lines, Polling, ::testing::Values(Line::inProcess, Line::terminal, Line::socket));
+
+TEST_P(Polling, StartsTheReaderAndReportsEachTagOnce) {
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.host.heard(), "+");
+    const std::string tag = place.placeClassic();
+    EXPECT_EQ(place.poll(), "deadbeef 2002");
+    EXPECT_EQ(place.poll(), "") << "it sleeps now";
+    EXPECT_EQ(place.poll(true), "deadbeef 2002") << "a field reset wakes it";
+    EXPECT_EQ(place.poll(), "");
+    place.reader->field().setPresent(tag, false);
+    EXPECT_EQ(place.poll(), "");
+    place.reader->field().setPresent(tag, true);
+    EXPECT_EQ(place.poll(), "deadbeef 2002") << "it left and came back";
+    EXPECT_EQ(place.host.heard(), "");
+}
+
+TEST_P(Polling, ReportsAllTagsInTheField) {
+    std::set<std::string> expected, found;
+    for (std::uint8_t i = 0; i < 12; ++i) {
+        place.placeClassic({0x10, 0x20, 0x30, i});
+        expected.insert("1020300" + std::string(1, "0123456789ab"[i]) + " 2002");
+    }
+    for (std::size_t i = 0; i < expected.size(); ++i)
+        found.insert(place.poll());
+    EXPECT_EQ(found, expected);
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.adaptor->haltAllTag(true), kOk);
+}
+
+TEST_P(Polling, IsSuspendedForTheWholeAdaptor) {
+    place.placeClassic();
+    EXPECT_EQ(place.adaptor->resumePoll(anyTag), kNotSuspended);
+    EXPECT_EQ(place.adaptor->suspendPoll(anyTag), kOk);
+    EXPECT_EQ(place.adaptor->suspendPoll(anyTag), kAlreadySuspended);
+    EXPECT_EQ(place.poll(true), "");
+    EXPECT_EQ(place.poll(false, true), "deadbeef 2002");
+    EXPECT_EQ(place.adaptor->resumePoll(anyTag), kOk);
+    EXPECT_EQ(place.adaptor->resumePoll(anyTag), kNotSuspended);
+    EXPECT_EQ(place.poll(true), "deadbeef 2002");
+}
+
+TEST_P(Polling, NoticesALostReaderAndItsReturn) {
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.host.heard(), "+");
+    place.reader->vanish();
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.host.heard(), "-");
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.host.heard(), "");
+    place.placeClassic();
+    place.reader->comeBack();
+    std::string found;
+    for (int i = 0; i < 50 && found.empty(); ++i) {
+        found = place.poll();
+        if (found.empty() && GetParam() != Line::inProcess) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_EQ(found, "deadbeef 2002");
+    EXPECT_EQ(place.host.heard(), "+");
+}
+
+class InProcess : public ::testing::Test {
+  protected:
+    InProcess() { place.start(); }
+    Workplace place;
+};
+
+TEST_F(InProcess, EachKindOfTagHasItsWireCode) {
+    const struct {
+        std::shared_ptr<VirtualTag> tag;
+        const char* found;
+    } cases[] = {
+        {std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(4096, Bytes{1, 2, 3, 4}), Bytes{1, 2, 3, 4}),
+         "01020304 2003"},
+        {std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(1024, Bytes{4, 2, 3, 4, 5, 6, 7}),
+                                            Bytes{4, 2, 3, 4, 5, 6, 7}),
+         "04020304050607 2002"},
+        {std::make_shared<SmartCard>(Bytes{4, 9, 8, 7}, Bytes{0x75, 0x77, 0x81, 0x02, 0x80}), "04090807 2005"},
+        {std::make_shared<SmartCard>(Bytes{4, 1, 2, 3, 4, 5, 6, 7, 8, 9}, Bytes{0x70}), ""},  // a UID of ten bytes
+    };
+    for (const auto& c : cases) {
+        const std::string name = place.reader->field().place(c.tag);
+        EXPECT_EQ(place.poll(), c.found);
+        place.reader->field().remove(name);
+    }
+    cases[0].tag->setSak(0x28);
+    place.reader->field().place(cases[0].tag);
+    EXPECT_EQ(place.poll(), "01020304 2002");
+    cases[0].tag->setSak(0x01);
+    EXPECT_EQ(place.poll(true), "01020304 2000");
+}
+
+TEST_F(InProcess, TheEventTellsTheTime) {
+    place.placeClassic();
+    EventObject* event = nullptr;
+    const auto before = static_cast<std::uint32_t>(std::time(nullptr));
+    ASSERT_TRUE(place.adaptor->pollTag(event, false, false));
+    EXPECT_GE(event->getTime(), before);
+    EXPECT_LE(event->getTime(), static_cast<std::uint32_t>(std::time(nullptr)));
+    EXPECT_EQ(event->getExtra(), nullptr);
+    place.adaptor->freeMemory(event);
+}
+
+TEST_F(InProcess, PollsOnceEvenWithoutAReader) {
+    place.reader->vanish();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.host.heard(), "");
+    place.reader->comeBack();
+    place.placeClassic();
+    EXPECT_EQ(place.poll(), "deadbeef 2002") << "started and reported in one call";
+    EXPECT_EQ(place.host.heard(), "+");
+}
+
+TEST_F(InProcess, AForcedPollLeavesALostReaderToTheNextOne) {
+    place.placeClassic();
+    ASSERT_TRUE(place.adaptor->initReader());
+    place.reader->vanish();
+    place.reader->comeBack();
+    EXPECT_EQ(place.poll(true), "");
+    EXPECT_EQ(place.poll(true), "");
+    EXPECT_EQ(place.host.heard(), "") << "forced attempts hide the failure of the device";
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.host.heard(), "-+");
+    EXPECT_EQ(place.poll(), "deadbeef 2002");
+}
+
+TEST_F(InProcess, ATagLevelFailureIsNoLostReader) {
+    ASSERT_TRUE(place.adaptor->initReader());
+    place.placeClassic();
+    place.reader->addFaults("4A 1 error");
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.host.heard(), "") << "-100 is a matter of the tag";
+    EXPECT_EQ(place.poll(), "deadbeef 2002");
+    place.reader->addFaults("44 from 1 status 01");
+    EXPECT_EQ(place.poll(true), "deadbeef 2002") << "the halt's result does not count";
+}
+
+TEST_F(InProcess, HaltAllTagSendsTheFieldToSleep) {
+    EXPECT_EQ(place.adaptor->haltAllTag(false), kOk) << "not initialised";
+    ASSERT_TRUE(place.adaptor->initReader());
+    EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
+    EXPECT_EQ(place.reader->commandCount(0x4A), 1u) << "one attempt at an empty field";
+    for (std::uint8_t i = 0; i < 5; ++i)
+        place.placeClassic({1, 2, 3, i});
+    EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_NE(place.poll(true), "");
+}
+
+// A tag that answers again after HALT must not hold the lock for ever.
+TEST_F(InProcess, HaltAllTagEndsOnATagThatNeverSleeps) {
+    ASSERT_TRUE(place.adaptor->initReader());
+    place.placeClassic();
+    place.reader->addFaults("4A from 1 tag blinks");
+    EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
+    EXPECT_LE(place.reader->commandCount(0x4A), 4100u);
+    EXPECT_GE(place.reader->commandCount(0x4A), 4096u);
+    place.clock->setMsPerLook(10000);
+    const std::uint32_t before = place.reader->commandCount(0x4A);
+    EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
+    EXPECT_LE(place.reader->commandCount(0x4A) - before, 10u);
+}
+
+TEST_F(InProcess, PollingGivesWayToARunningOperation) {
+    place.placeClassic();
+    std::future<std::string> other;
+    place.host.onChange = [&](bool) {
+        other = std::async(std::launch::async, [this] { return place.poll(true); });
+        EXPECT_EQ(other.wait_for(std::chrono::seconds(10)), std::future_status::ready) << "it must not queue";
+    };
+    EXPECT_EQ(place.poll(), "deadbeef 2002");
+    EXPECT_EQ(other.get(), "");
+    EXPECT_EQ(place.poll(true), "deadbeef 2002");
+}
+
+TEST_F(InProcess, AHostMayCallBackAndThrow) {
+    place.placeClassic();
+    place.host.onChange = [this](bool) {
+        TagUID tag;
+        std::uint8_t id[6];
+        std::uint16_t length = 0;
+        EXPECT_EQ(place.adaptor->suspendPoll(tag), kOk);
+        EXPECT_EQ(place.adaptor->resumePoll(tag), kOk);
+        EXPECT_EQ(place.adaptor->getReaderId(id, length), kOk);
+        EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
+        place.clock->advance(1000);
+        place.adaptor->scanUSBDevice(2);
+        throw std::runtime_error("the host's own trouble");
+    };
+    EXPECT_EQ(place.poll(), "") << "the callback sent the tag to sleep";
+    EXPECT_EQ(place.poll(true), "deadbeef 2002") << "the lock is free";
+}
+
+}  // namespace

@@ -1,0 +1,334 @@
+#include "AirReader.h"
+#include "MifareClassicTag.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr const char* kKeyA = "A0A1A2A3A4A5";
+constexpr const char* kKeyB = "B0B1B2B3B4B5";
+constexpr const char* kValue100 = "64000000 9BFFFFFF 64000000 05FA05FA";
+constexpr const char* kSixteen = "00112233445566778899AABBCCDDEEFF";
+
+/// The published tables, in the order of the data sheet. Columns: read, write, increment, decrement and its kin.
+struct DataRow {
+    const char *bits, *read, *write, *increment, *decrement;
+};
+constexpr DataRow kDataTable[] = {
+    {"000", "AB", "AB", "AB", "AB"}, {"010", "AB", "", "", ""},   {"100", "AB", "B", "", ""},
+    {"110", "AB", "B", "B", "AB"},   {"001", "AB", "", "", "AB"}, {"011", "B", "B", "", ""},
+    {"101", "B", "", "", ""},        {"111", "", "", "", ""},
+};
+/// Columns: write key A, read and write access bits, read and write key B.
+struct TrailerRow {
+    const char *bits, *writeA, *readBits, *writeBits, *readB, *writeB;
+};
+constexpr TrailerRow kTrailerTable[] = {
+    {"000", "A", "A", "", "A", "A"}, {"010", "", "A", "", "A", ""},    {"100", "B", "AB", "", "", "B"},
+    {"110", "", "AB", "", "", ""},   {"001", "A", "A", "A", "A", "A"}, {"011", "B", "AB", "B", "", "B"},
+    {"101", "", "AB", "B", "", ""},  {"111", "", "AB", "", "", ""},
+};
+
+bool has(const char* who, char key) { return std::string(who).find(key) != std::string::npos; }
+
+/// Access bytes 6 to 8 with these conditions (text of C1 C2 C3) for groups 0 to 2 and the trailer.
+std::array<std::uint8_t, 3> accessBytes(const std::array<std::string, 4>& groups) {
+    unsigned c[3] = {};
+    for (unsigned group = 0; group < 4; ++group)
+        for (unsigned i = 0; i < 3; ++i)
+            if (groups[group][i] == '1') c[i] |= 1u << group;
+    return {static_cast<std::uint8_t>((~c[1] & 15) << 4 | (~c[0] & 15)),
+            static_cast<std::uint8_t>(c[0] << 4 | (~c[2] & 15)), static_cast<std::uint8_t>(c[2] << 4 | c[1])};
+}
+
+/// A 1K tag whose sector 1 has these conditions and keys; its data blocks hold the value 100, address 5.
+struct Sector1 {
+    explicit Sector1(const std::array<std::string, 4>& groups) : Sector1(accessBytes(groups)) {}
+    explicit Sector1(std::array<std::uint8_t, 3> access) : tag(image(access)), reader(tag) { reader.select(); }
+
+    static std::vector<std::uint8_t> image(std::array<std::uint8_t, 3> access) {
+        constexpr std::ptrdiff_t kTrailer = 112;
+        auto bytes = MifareClassicTag::blankImage(1024, hex("DEADBEEF"));
+        for (std::size_t block : {4u, 5u, 6u})
+            std::ranges::copy(hex(kValue100), bytes.begin() + static_cast<std::ptrdiff_t>(16 * block));
+        std::ranges::copy(hex(std::string(kKeyA) + "00000069" + kKeyB), bytes.begin() + kTrailer);
+        std::ranges::copy(access, bytes.begin() + kTrailer + 6);
+        return bytes;
+    }
+    bool login(char key) { return reader.select() == "08" && reader.authenticate(key, 7, key == 'A' ? kKeyA : kKeyB); }
+    std::string block(std::size_t number) { return text(tag.memory()->at(16 * number, 16)); }
+
+    MifareClassicTag tag;
+    AirReader reader;
+};
+
+/// True if the tag carries the operation out; a refusal must be a NAK after which the tag is no longer selected.
+bool allowed(Sector1& sector, char key, const std::string& command, const std::string& data = {}) {
+    EXPECT_TRUE(sector.login(key));
+    std::string answer = sector.reader.send(command);
+    const bool good = answer == "A" || answer.size() > 2;
+    if (!good) {
+        EXPECT_EQ(answer, "4") << command;
+        EXPECT_EQ(sector.tag.state(), VirtualTag::State::idle);
+    } else if (!data.empty()) {
+        EXPECT_EQ(sector.reader.send(data), command.starts_with("A0") ? "A" : "-");
+    }
+    return good;
+}
+
+TEST(ClassicAccess, EveryDataConditionUnderEveryTrailerConditionAndKey) {
+    for (const DataRow& row : kDataTable) {
+        for (const TrailerRow& trailer : kTrailerTable) {
+            for (char key : {'A', 'B'}) {
+                for (unsigned group = 0; group < 3; ++group) {
+                    std::array<std::string, 4> groups{"111", "111", "111", trailer.bits};
+                    groups[group] = row.bits;
+                    Sector1 sector(groups);
+                    SCOPED_TRACE(std::string(row.bits) + " under " + trailer.bits + " key " + key);
+                    const bool usable = key == 'A' || !*trailer.readB;
+                    const auto expect = [&](const char* who) { return usable && has(who, key); };
+                    const std::string at = " 0" + std::to_string(4 + group);
+                    EXPECT_EQ(allowed(sector, key, "30" + at), expect(row.read));
+                    EXPECT_EQ(allowed(sector, key, "C1" + at, "01000000"), expect(row.increment));
+                    EXPECT_EQ(allowed(sector, key, "C0" + at, "01000000"), expect(row.decrement));
+                    EXPECT_EQ(allowed(sector, key, "C2" + at, "00000000"), expect(row.decrement));
+                    if (expect(row.decrement)) {
+                        EXPECT_EQ(sector.reader.send("B0" + at), "A");
+                    }
+                    EXPECT_EQ(allowed(sector, key, "A0" + at, kSixteen), expect(row.write));
+                    EXPECT_EQ(sector.block(4 + group) == text(hex(kSixteen)), expect(row.write));
+                }
+            }
+        }
+    }
+}
+
+TEST(ClassicAccess, EveryTrailerConditionProtectsEachFieldByItself) {
+    constexpr const char* kNew = "C0C1C2C3C4C5 FF078000 D0D1D2D3D4D5";
+    for (const TrailerRow& row : kTrailerTable) {
+        for (char key : {'A', 'B'}) {
+            SCOPED_TRACE(std::string(row.bits) + " key " + key);
+            const bool usable = key == 'A' || !*row.readB;
+            Sector1 sector({"000", "000", "000", row.bits});
+            const std::string old = sector.block(7);
+
+            ASSERT_TRUE(sector.login(key));
+            const std::string seen = sector.reader.send("30 07");
+            if (usable) {
+                const auto field = [&](const char* who, std::size_t at, std::size_t length) {
+                    return has(who, key) ? old.substr(at, length) : text(std::vector<std::uint8_t>(length / 3 + 1));
+                };
+                EXPECT_EQ(seen, "00 00 00 00 00 00 " + field(row.readBits, 18, 11) + " " + field(row.readB, 30, 17));
+            } else {
+                EXPECT_EQ(seen, "4");
+            }
+
+            const auto may = [&](const char* who) { return usable && has(who, key); };
+            const bool any = may(row.writeA) || may(row.writeBits) || may(row.writeB);
+            EXPECT_EQ(allowed(sector, key, "A0 07", kNew), any);
+            const std::string fresh = text(hex(kNew));
+            EXPECT_EQ(sector.block(7).substr(0, 17), (may(row.writeA) ? fresh : old).substr(0, 17));
+            EXPECT_EQ(sector.block(7).substr(18, 11), (may(row.writeBits) ? fresh : old).substr(18, 11));
+            EXPECT_EQ(sector.block(7).substr(30, 17), (may(row.writeB) ? fresh : old).substr(30, 17));
+
+            Sector1 strict({"000", "000", "000", row.bits});
+            strict.tag.quirks().partialTrailerWriteRefused = true;
+            ASSERT_TRUE(strict.login(key));
+            if (any && strict.reader.send("A0 07") == "A") {
+                const bool whole = may(row.writeA) && may(row.writeBits) && may(row.writeB);
+                EXPECT_EQ(strict.reader.send(kNew), whole ? "A" : "4");
+                EXPECT_EQ(strict.block(7) == old, !whole);
+            }
+        }
+    }
+}
+
+TEST(ClassicAccess, PublishedAccessBytesAreUnderstood) {
+    struct {
+        const char *bytes, *data, *trailer;
+    } constexpr kSets[] = {{"FF0780", "000", "001"}, {"7F0788", "000", "011"}, {"787788", "100", "011"},
+                           {"0F078F", "010", "011"}, {"08778F", "110", "011"}, {"7F00F8", "001", "011"},
+                           {"0F00FF", "011", "011"}, {"00F0FF", "111", "111"}};
+    for (const auto& set : kSets) {
+        EXPECT_EQ(text(accessBytes({set.data, set.data, set.data, set.trailer})), text(hex(set.bytes)));
+        const auto trailer = hex("000000000000" + std::string(set.bytes) + "00000000000000");
+        const auto conditions = accessConditions(trailer);
+        ASSERT_TRUE(conditions) << set.bytes;
+        EXPECT_EQ((*conditions)[2], std::stoi(set.data, nullptr, 2));
+        EXPECT_EQ((*conditions)[3], std::stoi(set.trailer, nullptr, 2));
+    }
+}
+
+TEST(ClassicAccess, AnyBitWithoutItsComplementBlocksTheSectorAndNoOther) {
+    const auto sound = accessBytes({"000", "000", "000", "001"});
+    for (unsigned bit = 0; bit < 24; ++bit) {
+        auto access = sound;
+        access[bit / 8] ^= static_cast<std::uint8_t>(1u << (bit % 8));
+        Sector1 sector(access);
+        EXPECT_FALSE(sector.login('A')) << bit;
+        EXPECT_FALSE(sector.login('B')) << bit;
+        sector.reader.select();
+        EXPECT_TRUE(sector.reader.authenticate('A', 8));
+    }
+    // Written in good order, the same bytes close the sector behind the writer at once.
+    Sector1 sector({"000", "000", "000", "001"});
+    ASSERT_TRUE(allowed(sector, 'A', "A0 07", "FFFFFFFFFFFF FF0781 69 FFFFFFFFFFFF"));
+    EXPECT_EQ(sector.reader.send("30 04"), "4");
+    EXPECT_FALSE(sector.login('A'));
+}
+
+TEST(ClassicAccess, NewerChipsRefuseToAuthenticateWithAReadableKeyB) {
+    for (const TrailerRow& row : kTrailerTable) {
+        Sector1 sector({"000", "000", "000", row.bits});
+        sector.tag.quirks().readableKeyBRefused = true;
+        EXPECT_EQ(sector.login('B'), !*row.readB) << row.bits;
+        EXPECT_TRUE(sector.login('A'));
+    }
+}
+
+TEST(ClassicSession, EndsWithEveryErrorAndEveryChange) {
+    Sector1 sector({"000", "000", "000", "011"});
+    AirReader& reader = sector.reader;
+    const auto login = [&] { return sector.login('A'); };
+
+    EXPECT_EQ(reader.select(), "08");
+    EXPECT_EQ(reader.send("30 04"), "4") << "not authenticated";
+    EXPECT_EQ(reader.send("30 04"), "-") << "no longer selected";
+
+    for (const char* wrong : {"30 08", "30 40", "30 FF", "A0 00", "B0 04", "30 04 00", "31 04", ""}) {
+        ASSERT_TRUE(login());
+        EXPECT_LE(reader.send(wrong).size(), 1u) << wrong;
+        EXPECT_EQ(reader.send("30 04"), "-") << wrong;
+    }
+    ASSERT_TRUE(login());
+    EXPECT_FALSE(reader.authenticate('A', 4, kKeyB));
+    EXPECT_EQ(reader.send("30 04"), "-") << "dropped by the refused authentication";
+    ASSERT_TRUE(login());
+    EXPECT_FALSE(reader.authenticate('A', 64, kKeyA)) << "no such block";
+
+    ASSERT_TRUE(login());
+    EXPECT_TRUE(reader.authenticate('A', 8));
+    EXPECT_EQ(reader.send("30 08").size(), 47u);
+    EXPECT_EQ(reader.send("30 04"), "4") << "the other sector took over";
+
+    ASSERT_TRUE(login());
+    EXPECT_EQ(reader.send("A0 04"), "A");
+    EXPECT_EQ(reader.send("00 11"), "4") << "two bytes are no block";
+    EXPECT_EQ(sector.block(4), text(hex(kValue100)));
+
+    ASSERT_TRUE(login());
+    EXPECT_EQ(reader.send("50 00"), "-");
+    EXPECT_EQ(sector.tag.state(), VirtualTag::State::halted);
+    EXPECT_EQ(reader.select(VirtualTag::Request::wupa), "08");
+    EXPECT_EQ(reader.send("30 04"), "4");
+    EXPECT_EQ(sector.tag.state(), VirtualTag::State::halted) << "woken from there, so it drops back there";
+}
+
+TEST(ClassicSession, CipherTakesTheFirstOrTheLastBytesOfALongUid) {
+    MifareClassicTag tag(MifareClassicTag::blankImage(1024, hex("04112233445566")), hex("04112233445566"));
+    AirReader reader(tag);
+    EXPECT_EQ(reader.select(), "08");
+    EXPECT_EQ(tag.atqa(), 0x0044);
+    EXPECT_TRUE(reader.authenticate('A', 0));
+    tag.quirks().lastUidBytesAuthenticate = true;
+    EXPECT_FALSE(reader.authenticate('A', 0));
+    reader.select();
+    Authentication last;
+    last.key.fill(0xFF);
+    last.uid = {0x33, 0x44, 0x55, 0x66};
+    EXPECT_TRUE(tag.authenticate(last));
+}
+
+TEST(ClassicValue, ChangesGoThroughTheTransferBuffer) {
+    struct {
+        const char *command, *operand, *target, *result;
+    } constexpr kCases[] = {
+        {"C1 04", "01000000", "B0 04", "65000000 9AFFFFFF 65000000 05FA05FA"},
+        {"C0 04", "65000000", "B0 04", "FFFFFFFF 00000000 FFFFFFFF 05FA05FA"},
+        {"C2 05", "FFFFFFFF", "B0 04", kValue100},
+        {"C1 06", "9CFFFFFF", "B0 04", "00000000 FFFFFFFF 00000000 05FA05FA"},
+        {"C0 04", "00000080", "B0 04", "64000080 9BFFFF7F 64000080 05FA05FA"},
+    };
+    for (const auto& step : kCases) {
+        Sector1 sector({"000", "000", "000", "001"});
+        ASSERT_TRUE(sector.login('A'));
+        EXPECT_EQ(sector.reader.send(step.command), "A");
+        EXPECT_EQ(sector.reader.send(step.operand), "-");
+        EXPECT_EQ(sector.block(4), text(hex(kValue100))) << "nothing is stored before the transfer";
+        EXPECT_EQ(sector.reader.send(step.target), "A");
+        EXPECT_EQ(sector.block(4), text(hex(step.result)));
+        EXPECT_EQ(sector.tag.memory()->writeCount(), 1u);
+    }
+}
+
+TEST(ClassicValue, OnlySoundValueBlocksCountAndTheBufferDiesWithTheSession) {
+    for (int byte = 0; byte < 16; ++byte) {
+        Sector1 sector({"000", "000", "000", "001"});
+        auto block = hex(kValue100);
+        block[static_cast<std::size_t>(byte)] ^= 0x10;
+        ASSERT_TRUE(allowed(sector, 'A', "A0 04", text(block)));
+        EXPECT_FALSE(allowed(sector, 'A', "C1 04", "01000000")) << byte;
+    }
+    Sector1 sector({"000", "000", "000", "001"});
+    ASSERT_TRUE(allowed(sector, 'A', "C1 04", "01000000"));
+    ASSERT_TRUE(sector.login('A'));
+    EXPECT_EQ(sector.reader.send("B0 04"), "4") << "a new session has nothing to transfer";
+    ASSERT_TRUE(allowed(sector, 'A', "C1 04", "01000000"));
+    EXPECT_EQ(sector.reader.send("A0 03"), "0") << "the NAK says that the transfer buffer is valid";
+}
+
+TEST(ClassicGeometry, FourKilobytesHaveSmallAndLargeSectors) {
+    MifareClassicTag tag(MifareClassicTag::blankImage(4096, hex("DEADBEEF")));
+    AirReader reader(tag);
+    EXPECT_EQ(reader.select(), "18");
+    EXPECT_EQ(tag.atqa(), 0x0002);
+    for (int sector = 0; sector < 40; ++sector) {
+        const int first = sector < 32 ? 4 * sector : 128 + 16 * (sector - 32);
+        const int trailer = first + (sector < 32 ? 3 : 15);
+        reader.select();
+        ASSERT_TRUE(reader.authenticate('A', first)) << sector;
+        for (int block : {first, trailer}) {
+            const auto number = static_cast<std::uint8_t>(block);
+            EXPECT_EQ(reader.send("30" + text({&number, 1})).size(), 47u) << block;
+        }
+        const auto beyond = static_cast<std::uint8_t>(trailer + 1);
+        EXPECT_EQ(reader.send("30" + text({&beyond, 1})), "4");
+    }
+    const int large[][2] = {{128, 0}, {132, 0}, {133, 1}, {137, 1}, {138, 2}, {142, 2}, {143, 3}, {255, 3}};
+    for (const auto& [block, group] : large)
+        EXPECT_EQ(accessGroup(block), static_cast<std::size_t>(group)) << block;
+
+    MifareClassicTag mini(MifareClassicTag::blankImage(320, hex("DEADBEEF")));
+    AirReader small(mini);
+    EXPECT_EQ(small.select(), "09");
+    EXPECT_TRUE(small.authenticate('A', 19));
+    EXPECT_FALSE(small.authenticate('A', 20));
+}
+
+TEST(ClassicMemory, PowerLossTearsAWriteAndTheTagStartsAnew) {
+    struct Cut : WritePower {
+        std::optional<std::size_t> bytesUntilPowerLoss() override { return bytes; }
+        std::optional<std::size_t> bytes;
+    } cut;
+    for (std::size_t bytes : {0u, 1u, 15u, 16u}) {
+        Sector1 sector({"000", "000", "000", "001"});
+        sector.tag.memory()->setPower(&cut);
+        cut.bytes = bytes;
+        ASSERT_TRUE(sector.login('A'));
+        EXPECT_EQ(sector.reader.send("A0 04"), "A");
+        EXPECT_EQ(sector.reader.send(kSixteen), "-");
+        auto expected = hex(kValue100);
+        const auto fresh = hex(kSixteen);
+        std::copy_n(fresh.begin(), bytes, expected.begin());
+        EXPECT_EQ(sector.block(4), text(expected));
+        EXPECT_EQ(sector.tag.state(), VirtualTag::State::idle);
+        cut.bytes.reset();
+        EXPECT_TRUE(allowed(sector, 'A', "A0 04", kSixteen));
+    }
+}
+
+}  // namespace

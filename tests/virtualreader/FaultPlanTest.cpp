@@ -1,0 +1,198 @@
+#include "TestHost.h"
+
+#include "FaultPlan.h"
+#include "MifareClassicTag.h"
+#include "UltralightTag.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr const char* kFound = "4B 01 01 04 00 08 04 DE AD BE EF";
+constexpr const char* kLogin = "40 01 60 04 FFFFFFFFFFFF DEADBEEF";
+
+struct FaultTest : ::testing::Test {
+    FaultTest() {
+        host("32 05 05 05 05");
+        reader->field().place(tag);
+    }
+    /// Sends a command under one rule. @return all frames that come, and how it ends: "ACK, 27 00, silence".
+    std::string under(const std::string& rule, const char* command) {
+        EXPECT_EQ(reader->addFault(std::string_view(rule)), "");
+        return all(command);
+    }
+    std::string all(const char* command) {
+        std::string frames = host.send(command);
+        if (frames == "sent") frames.clear();
+        for (int count = 0; count < 6; ++count) {
+            const std::string frame = host.read();
+            frames += (frames.empty() ? "" : ", ") + frame;
+            if (frame == "silence" || frame == "gone") break;
+        }
+        return frames;
+    }
+
+    std::shared_ptr<VirtualTamaReader> reader = std::make_shared<VirtualTamaReader>();
+    std::shared_ptr<VirtualTag> tag =
+        std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(1024, hex("DEADBEEF")));
+    TestHost host{reader};
+};
+
+TEST_F(FaultTest, EachEffectOnTheWire) {
+    struct {
+        const char *effect, *frames;
+        bool done = true;
+    } const kEffects[] = {
+        {"no answer", "silence", false},
+        {"no ack", "27 00, silence"},
+        {"no reply", "ACK, silence"},
+        {"nack", "NACK, 27 00, silence"},
+        {"wrong ack", "damaged, 27 00, silence"},
+        {"error", "ACK, ERROR, silence", false},
+        {"late ack", "silence"},
+        {"late reply", "ACK, silence"},
+        {"overdue 500", "ACK, silence"},
+        {"reply twice", "ACK, 27 00, 27 00, silence"},
+        {"endless", "ACK, damaged, damaged, damaged, damaged, damaged"},
+        {"xor 7 80", "ACK, damaged, silence"},
+        {"xor 0 01", "ACK, damaged, silence"},
+        {"xor 99 01", "ACK, 27 00, silence"},
+        {"wrong checksum", "ACK, damaged, silence"},
+        {"wrong code", "ACK, 29 00, silence"},
+        {"status 14", "ACK, 27 14, silence", false},
+        {"cut 5", "ACK, damaged, silence"},
+        {"cut 0", "ACK, silence"},
+        {"short 0", "ACK, 27, silence"},
+        {"pad 3", "ACK, 27 00 00 00 00, silence"},
+        {"extended 65545", "ACK, 65545 bytes, silence"},
+        {"extended 1025", "ACK, 1025 bytes, silence"},
+        {"extended 12", "ACK, damaged, silence"},
+        {"already awake", "ACK, 27 00 00, silence", false},
+        {"vanish before", "gone", false},
+        {"vanish between", "ACK, gone", false},
+        {"vanish after", "ACK, 27 00, gone", false},
+    };
+    for (const auto& each : kEffects) {
+        SCOPED_TRACE(each.effect);
+        reader->comeBack();
+        host.device.OpenInterface("", 0, 0);
+        host("26 00");
+        EXPECT_EQ(under("26 1 " + std::string(each.effect), "26 15"), each.frames);
+        EXPECT_EQ(reader->ledByte() == 0x15, each.done);
+        if (!reader->isPresent()) continue;
+        host.device.discardInput();
+        const std::string after = all("24");
+        EXPECT_TRUE(after.ends_with("ACK, 25 00 00 17 2A 00 00 01 CC 04 31 05 02 01 03, silence")) << after;
+        reader->clearFaults();
+    }
+}
+
+TEST_F(FaultTest, HeldBackFramesComeBeforeTheNextAnswer) {
+    under("26 1 late reply", "26 15");
+    EXPECT_EQ(all("02"), "27 00, ACK, 03 04 02, silence");
+    under("26 1 late ack", "26 15");
+    EXPECT_EQ(all("02"), "ACK, 27 00, ACK, 03 04 02, silence");
+    EXPECT_EQ(all("02"), "ACK, 03 04 02, silence");
+    under("26 1 overdue 300", "26 15");
+    EXPECT_EQ(host.read(), "27 00") << "in process it comes after the first time-out";
+    under("26 1 overdue 300", "26 15");
+    host.device.discardInput();
+    EXPECT_EQ(all("02"), "ACK, 03 04 02, silence");
+}
+
+TEST_F(FaultTest, CountsChooseTheCommand) {
+    EXPECT_EQ(reader->addFaults("# a plan\n26 2 status 11\n\n  any 4 no reply # the fourth of all\n26 from 3 error\n"),
+              "");
+    const char* const kExpected[] = {"27 00", "27 11", "ERROR", "silence", "ERROR"};
+    for (const char* expected : kExpected)
+        EXPECT_EQ(host("26 00"), expected);
+    reader->clearFaults();
+    FaultRule rule;
+    rule.when = FaultRule::When::command;
+    rule.command = 0x26;
+    rule.first = 2;
+    rule.effect = FaultEffect::status;
+    rule.value = 0x2A;
+    reader->addFault(rule);
+    EXPECT_EQ(host("26 00"), "27 00");
+    EXPECT_EQ(host("26 00"), "27 2A");
+}
+
+TEST_F(FaultTest, TagsLeaveReturnAndChangePlaces) {
+    reader->field().place(std::make_shared<UltralightTag>(UltralightTag::blankImage(hex("04112233445566"))), "other");
+    reader->field().setPresent("other", false);
+    const auto found = [&] { return host("4A 01 00"); };
+    EXPECT_EQ(found(), kFound);
+    EXPECT_EQ(host(kLogin), "41 00");
+    reader->addFault("40 1 tag blinks");
+    EXPECT_EQ(host("40 01 30 04"), "41 01");
+    EXPECT_EQ(found(), kFound);
+    reader->addFault("4A 1 tag gone");
+    reader->addFault("4A 2 tag back");
+    EXPECT_EQ(found(), "4B 00");
+    EXPECT_EQ(found(), kFound);
+    reader->addFault("4A 1 tag swapped other");
+    EXPECT_EQ(found(), "4B 01 01 44 00 00 07 04 11 22 33 44 55 66");
+    reader->addFault("4A 1 tag swapped");
+    EXPECT_EQ(found(), "4B 01 01 44 00 00 07 04 11 22 33 44 55 99") << "a twin with another UID";
+    reader->addFault("4A 1 already awake");
+    EXPECT_EQ(found(), "4B 00 00");
+}
+
+TEST_F(FaultTest, PowerFailsInTheWriteThatWasNamed) {
+    constexpr const char* kWrite = "40 01 A0 05 000102030405060708090A0B0C0D0E0F";
+    const auto stored = [&] { return text(tag->memory()->at(80, 6)); };
+    const auto select = [&] { return host("4A 01 00") == kFound && host(kLogin) == "41 00"; };
+    struct {
+        const char *rule, *stored;
+        bool gone;
+    } constexpr kCuts[] = {{"write 1 power lost", "00 00 00 00 00 00", true},
+                           {"write 1 power dips", "00 00 00 00 00 00", false},
+                           {"write 2 torn 2", "00 01 02 03 04 05", true},
+                           {"write 1 dips after 16", "00 01 02 03 04 05", false}};
+    for (const auto& cut : kCuts) {
+        SCOPED_TRACE(cut.rule);
+        EXPECT_EQ(reader->addFault(cut.rule), "");
+        ASSERT_TRUE(select());
+        if (cut.rule[6] == '2') {
+            EXPECT_EQ(host(kWrite), "41 00");
+        }
+        EXPECT_EQ(host(kWrite), "41 01");
+        EXPECT_EQ(stored(), cut.stored);
+        EXPECT_EQ(reader->field().list()[0].present, !cut.gone);
+        EXPECT_EQ(host("4A 01 00"), cut.gone ? "4B 00" : kFound);
+        reader->field().setPresent("tag1", true);
+        reader->clearFaults();
+    }
+}
+
+TEST(FaultPlanText, MistakesNameLineAndCause) {
+    struct {
+        const char *text, *complaint;
+    } constexpr kMistakes[] = {
+        {"4A 1 no reply\n4G 1 no reply", "line 2: \"4G\" is no command"},
+        {"4A5 1 no reply", "line 1: \"4A5\" is no command"},
+        {"\n\n4A no reply", "line 3: a count is missing"},
+        {"4A", "line 1: a count is missing"},
+        {"4A 0 nack", "line 1: a count is missing"},
+        {"4A from nack", "line 1: a count is missing"},
+        {"4A 1", "line 1: what happens is missing"},
+        {"4A 1 no luck", "line 1: \"no\" is no effect; known are: no answer, "},
+        {"4A 1 nack now", "line 1: \"now\" is one word too many"},
+        {"4A 1 xor 5", "line 1: \"xor\" takes a decimal offset and a byte in hexadecimal"},
+        {"4A 1 xor A 01", "line 1: \"xor\" takes"},
+        {"4A 1 status 1FF", "line 1: \"status\" takes a byte in hexadecimal"},
+        {"4A 1 cut", "line 1: \"cut\" takes a decimal number"},
+        {"4A 1 cut -1", "line 1: \"cut\" takes a decimal number"},
+        {"4A 1 power lost", "line 1: \"power lost\" goes with \"write\" only"},
+        {"write 1 nack", "line 1: \"nack\" does not go with \"write\""},
+    };
+    for (const auto& each : kMistakes) {
+        FaultPlan plan;
+        const std::string complaint = plan.addText(each.text);
+        EXPECT_TRUE(complaint.starts_with(each.complaint)) << each.text << ": " << complaint;
+        EXPECT_TRUE(plan.isEmpty()) << "all or nothing";
+    }
+}
+
+}  // namespace

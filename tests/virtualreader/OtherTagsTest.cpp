@@ -1,0 +1,240 @@
+#include "AirReader.h"
+#include "MifareClassicTag.h"
+#include "SmartCard.h"
+#include "UltralightTag.h"
+#include "VirtualField.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+
+namespace {
+
+using State = VirtualTag::State;
+using Request = VirtualTag::Request;
+
+struct Ultralight {
+    Ultralight() : tag(UltralightTag::blankImage(hex("04112233445566"))), reader(tag) { reader.select(); }
+    std::string send(std::string_view frame) {
+        if (tag.state() != State::active) reader.select();
+        return reader.send(frame);
+    }
+    std::string page(std::size_t number) { return text(tag.memory()->at(4 * number, 4)); }
+
+    UltralightTag tag;
+    AirReader reader;
+};
+
+TEST(TagStates, RequestsWakeOnlyWhomTheyShould) {
+    Ultralight one;
+    VirtualTag& tag = one.tag;
+    std::uint16_t atqa = 0;
+    tag.fieldOff();
+    EXPECT_FALSE(tag.request(Request::wupa, atqa));
+    tag.fieldOn();
+    EXPECT_TRUE(tag.request(Request::reqa, atqa));
+    EXPECT_EQ(atqa, 0x0044);
+    EXPECT_FALSE(tag.request(Request::reqa, atqa)) << "a second request is a disturbance";
+    EXPECT_EQ(tag.state(), State::idle);
+
+    EXPECT_EQ(one.reader.select(), "00");
+    tag.halt();
+    EXPECT_EQ(tag.state(), State::halted);
+    EXPECT_FALSE(tag.request(Request::reqa, atqa));
+    EXPECT_EQ(one.reader.select(Request::wupa), "00");
+    EXPECT_FALSE(tag.request(Request::wupa, atqa));
+    EXPECT_EQ(tag.state(), State::halted) << "woken from halt, it drops back to halt";
+    tag.fieldOff();
+    tag.fieldOn();
+    EXPECT_EQ(one.reader.select(), "00") << "losing the field forgets the halt";
+    EXPECT_EQ(one.reader.send("FF FF"), "-") << "an unknown command";
+    EXPECT_EQ(tag.state(), State::idle);
+}
+
+TEST(TagStates, CascadeLevelsCarryThePublishedCheckBytes) {
+    Ultralight one;
+    one.tag.halt();
+    std::uint16_t atqa = 0;
+    std::uint8_t sak = 0;
+    CascadePart part{};
+    ASSERT_TRUE(one.tag.request(Request::wupa, atqa));
+    EXPECT_FALSE(one.tag.anticollision(1, {}, 0, part)) << "not its turn yet";
+    ASSERT_TRUE(one.tag.anticollision(0, {}, 0, part));
+    EXPECT_EQ(text(part), "88 04 11 22 BF");
+    ASSERT_TRUE(one.tag.select(0, part, sak));
+    EXPECT_EQ(sak & 0x04, 0x04);
+    ASSERT_TRUE(one.tag.anticollision(1, {}, 0, part));
+    EXPECT_EQ(text(part), "33 44 55 66 44");
+    part[0] ^= 1;
+    EXPECT_FALSE(one.tag.anticollision(1, part, 8, part)) << "a known bit that differs";
+    EXPECT_FALSE(one.tag.select(1, part, sak));
+    EXPECT_EQ(one.tag.state(), State::halted) << "another tag was meant";
+
+    SmartCard longUid(hex("01020304050607080910"), {});
+    AirReader reader(longUid);
+    EXPECT_EQ(reader.select(), "20");
+}
+
+TEST(FieldCollisions, AreResolvedBitByBit) {
+    VirtualField field;
+    for (const char* uid : {"DEADBEEF", "DEADBEEE", "88000001", "04112233"}) {
+        const auto bytes = hex(uid);
+        field.place(std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(320, bytes)));
+    }
+    field.place(std::make_shared<UltralightTag>(UltralightTag::blankImage(hex("04112233445566"))));
+    EXPECT_FALSE(field.request(Request::reqa)) << "the field is off";
+    field.setOn(true);
+    std::set<std::string> found;
+    while (const auto atqa = field.request(Request::reqa)) {
+        if (found.empty()) {
+            EXPECT_EQ(*atqa, 0x0044) << "answers lie over each other";
+        }
+        std::string uid;
+        for (int level = 0;; ++level) {
+            CascadePart known{};
+            auto heard = field.anticollision(level, known, 0);
+            ASSERT_TRUE(heard);
+            for (int bit; (bit = heard->firstCollision) >= 0;) {  // Goes on with the zeros here.
+                known = heard->bits;
+                known[static_cast<std::size_t>(bit / 8)] &= static_cast<std::uint8_t>(~(1 << (bit % 8)));
+                heard = field.anticollision(level, known, bit + 1);
+                ASSERT_TRUE(heard);
+            }
+            const auto sak = field.select(level, heard->bits);
+            ASSERT_TRUE(sak);
+            uid += text(heard->bits).substr(*sak & 4 ? 3 : 0, *sak & 4 ? 8 : 11);
+            if (!(*sak & 4)) break;
+            uid += ' ';
+        }
+        field.halt();
+        EXPECT_TRUE(found.insert(uid).second) << uid;
+    }
+    EXPECT_EQ(found, (std::set<std::string>{"DE AD BE EF", "DE AD BE EE", "88 00 00 01", "04 11 22 33",
+                                            "04 11 22 33 44 55 66"}));
+}
+
+TEST(UltralightPages, ReadGoesRoundAndOnlyUserPagesAreFree) {
+    Ultralight one;
+    EXPECT_EQ(one.send("30 00"), "04 11 22 BF 33 44 55 66 44 48 00 00 00 00 00 00");
+    EXPECT_EQ(one.send("A2 0F 01020304"), "A");
+    EXPECT_EQ(one.send("30 0F"), "01 02 03 04 04 11 22 BF 33 44 55 66 44 48 00 00");
+    EXPECT_EQ(one.send("30 10"), "0");
+    EXPECT_EQ(one.tag.state(), State::idle);
+    for (const char* refused : {"A2 00 01020304", "A2 01 01020304", "A2 10 01020304", "A0 01", "A0 10"})
+        EXPECT_EQ(one.send(refused), "0") << refused;
+    EXPECT_EQ(one.send("A2 04 0102"), "-") << "too short for a command";
+    EXPECT_EQ(one.send("A0 04"), "A");
+    EXPECT_EQ(one.send("AABBCCDD 000102030405060708090A0B"), "A");
+    EXPECT_EQ(one.page(4), "AA BB CC DD") << "compatibility writes store four bytes";
+    EXPECT_EQ(one.page(5), "00 00 00 00");
+    EXPECT_EQ(one.send("A0 04"), "A");
+    EXPECT_EQ(one.send("AABBCCDD"), "0") << "they need sixteen";
+}
+
+TEST(UltralightPages, OneTimeBitsAndLocksOnlyEverAppear) {
+    Ultralight one;
+    EXPECT_EQ(one.send("A2 03 01800010"), "A");
+    EXPECT_EQ(one.send("A2 03 02000000"), "A");
+    EXPECT_EQ(one.page(3), "03 80 00 10");
+    EXPECT_EQ(one.send("A2 02 FFFF0000"), "A");
+    EXPECT_EQ(one.page(2), "44 48 00 00") << "only lock bytes take part";
+
+    for (std::size_t page = 3; page < 16; ++page) {
+        Ultralight locked;
+        const unsigned bits = 1u << page;
+        const std::uint8_t bytes[] = {static_cast<std::uint8_t>(bits), static_cast<std::uint8_t>(bits >> 8)};
+        EXPECT_EQ(locked.send("A2 02 0000" + text(bytes)), "A");
+        for (std::uint8_t other = 3; other < 16; ++other)
+            EXPECT_EQ(locked.send("A2" + text({&other, 1}) + "01020304"), other == page ? "0" : "A");
+        EXPECT_EQ(locked.send("A2 02 00000000"), "A");
+        EXPECT_EQ(locked.page(2).substr(6), text(bytes)) << "nothing clears a lock";
+    }
+    // The three lowest bits freeze the locks of page 3, of 4 to 9 and of 10 to 15.
+    struct {
+        const char *freeze, *locks;
+    } constexpr kFrozen[] = {{"01", "F7 FF"}, {"02", "0F FC"}, {"04", "FF 03"}, {"07", "07 00"}};
+    for (const auto& [freeze, locks] : kFrozen) {
+        Ultralight frozen;
+        EXPECT_EQ(frozen.send("A2 02 0000" + std::string(freeze) + "00"), "A");
+        EXPECT_EQ(frozen.send("A2 02 0000FFFF"), "A");
+        EXPECT_EQ(frozen.page(2).substr(6), locks) << freeze;
+    }
+}
+
+struct Card {
+    explicit Card(std::string_view ats = "7577810280", bool strictCid = false)
+        : tag(hex("04A1B2C3D4E5F6"), hex(ats)), reader(tag) {
+        tag.quirks().strictCid = strictCid;
+        reader.select();
+    }
+    SmartCard tag;
+    AirReader reader;
+};
+
+TEST(SmartCardBlocks, FollowThePublishedNumbering) {
+    struct Step {
+        const char *send, *answer, *why;
+    };
+    constexpr Step kDialogue[] = {
+        {"E0 50", "06 75 77 81 02 80", "ATS with its length byte"},
+        {"D0 11 00", "D0", "PPS directly behind RATS"},
+        {"02 00A40000", "02 6D 00", "the first block has number 0"},
+        {"D0 11 00", "-", "too late for PPS"},
+        {"B2", "02 6D 00", "NAK with the card's number: the last block again"},
+        {"B3", "A2", "NAK with the other number: the card is there"},
+        {"03 00A40000", "03 6D 00", "the next number"},
+        {"12 00A4", "A2", "a part of a command is acknowledged"},
+        {"03 0000", "03 6D 00", "and the rest completes it"},
+        {"F2 01", "-", "nobody asked for more time"},
+        {"26", "-", "no block at all"},
+        {"C2", "C2", "deselection"},
+        {"02 00", "-", "which halts the card"},
+    };
+    Card card;
+    for (const Step& step : kDialogue)
+        EXPECT_EQ(card.reader.send(step.send), step.answer) << step.why;
+    EXPECT_EQ(card.tag.state(), State::halted);
+    EXPECT_EQ(card.reader.select(Request::wupa), "20");
+    EXPECT_EQ(card.reader.send("E0 5F"), "-") << "number 15 is reserved";
+}
+
+TEST(SmartCardBlocks, CardNumbersDecideWhoseBlockItIs) {
+    Card learning;
+    learning.reader.send("E0 50");
+    EXPECT_EQ(learning.reader.send("0A 03 00"), "0A 03 6D 00") << "learns its number from the first block";
+    EXPECT_EQ(learning.reader.send("0B 04 00"), "-");
+    EXPECT_EQ(learning.reader.send("CA 03"), "CA 03");
+
+    Card strict("7577810280", true);
+    strict.reader.send("E0 52");
+    EXPECT_EQ(strict.reader.send("02 00"), "-") << "blocks without number are for card 0";
+    EXPECT_EQ(strict.reader.send("0A 03 00"), "-");
+    EXPECT_EQ(strict.reader.send("0A 02 00"), "0A 02 6D 00");
+
+    Card withoutCid("40 00");
+    withoutCid.reader.send("E0 50");
+    EXPECT_EQ(withoutCid.reader.send("0A 00 00"), "-");
+    EXPECT_EQ(withoutCid.reader.send("06 00 00"), "-") << "nor does it know NAD";
+    withoutCid.tag.quirks().undeclaredCidTaken = true;
+    EXPECT_EQ(withoutCid.reader.send("0A 00 00"), "0A 00 6D 00");
+    Card withNad("40 01");
+    withNad.reader.send("E0 50");
+    EXPECT_EQ(withNad.reader.send("06 21 00"), "06 21 6D 00");
+}
+
+TEST(SmartCardBlocks, ACardInTheProtocolHearsNoRequests) {
+    Card card;
+    card.reader.send("E0 50");
+    std::uint16_t atqa = 0;
+    EXPECT_FALSE(card.tag.request(Request::wupa, atqa));
+    EXPECT_EQ(card.reader.send("02 00"), "02 6D 00");
+    card.tag.fieldOff();
+    const std::string before = text(card.tag.uid());
+    card.tag.quirks().freshUid = true;
+    card.tag.fieldOn();
+    EXPECT_NE(text(card.tag.uid()), before);
+    EXPECT_EQ(card.tag.uid()[0], 0x08);
+}
+
+}  // namespace

@@ -1,0 +1,249 @@
+#include "HexBytes.h"
+#include "TempDirectory.h"
+
+#include "MifareClassicTag.h"
+#include "Simulator.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <csignal>
+#include <filesystem>
+#include <optional>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace {
+
+/// One end of a stream that gives lines.
+class Lines {
+  public:
+    explicit Lines(int descriptor) : mDescriptor(descriptor) {}
+    ~Lines() { close(); }
+    Lines(const Lines&) = delete;
+    Lines& operator=(const Lines&) = delete;
+
+    void close() {
+        if (mDescriptor >= 0) ::close(mDescriptor);
+        mDescriptor = -1;
+    }
+    void write(const std::string& text) {
+        EXPECT_EQ(::write(mDescriptor, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+    /// The next line without its newline; "end" at the end or when nothing comes.
+    std::string read() {
+        for (std::string line;;) {
+            pollfd waiting{mDescriptor, POLLIN, 0};
+            char c = 0;
+            if (::poll(&waiting, 1, 10'000) <= 0 || ::read(mDescriptor, &c, 1) != 1) return "end";
+            if (c == '\n') return line;
+            line += c;
+        }
+    }
+    /// One command. @return all lines up to the one that begins with "ok" or "error", joined by " | ".
+    std::string ask(const std::string& command) {
+        write(command + "\n");
+        for (std::string all;;) {
+            const std::string line = read();
+            all += (all.empty() ? "" : " | ") + line;
+            if (line.starts_with("ok") || line.starts_with("error") || line == "end") return all;
+        }
+    }
+
+  private:
+    int mDescriptor;
+};
+
+/// The program with pipes on its three streams.
+class Program {
+  public:
+    explicit Program(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), QVLREADERSIM);
+        std::vector<char*> argv;
+        argv.reserve(arguments.size() + 1);
+        for (std::string& argument : arguments)
+            argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        int in[2], out[2], error[2];
+        EXPECT_EQ(::pipe2(in, O_CLOEXEC) | ::pipe2(out, O_CLOEXEC) | ::pipe2(error, O_CLOEXEC), 0);
+        posix_spawn_file_actions_t actions;
+        ::posix_spawn_file_actions_init(&actions);
+        ::posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+        ::posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        ::posix_spawn_file_actions_adddup2(&actions, error[1], 2);
+        EXPECT_EQ(::posix_spawn(&mChild, QVLREADERSIM, &actions, nullptr, argv.data(), environ), 0);
+        ::posix_spawn_file_actions_destroy(&actions);
+        for (int descriptor : {in[0], out[1], error[1]})
+            ::close(descriptor);
+        input.emplace(in[1]);
+        output.emplace(out[0]);
+        errors.emplace(error[0]);
+    }
+    ~Program() {
+        if (mChild > 0) ::kill(mChild, SIGKILL), wait();
+    }
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    void signal(int number) { ::kill(mChild, number); }
+    /// @return the exit status, -1 for a death by signal.
+    int wait() {
+        int status = 0;
+        ::waitpid(mChild, &status, 0);
+        mChild = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    std::optional<Lines> input, output, errors;
+
+  private:
+    pid_t mChild = -1;
+};
+
+std::unique_ptr<Lines> control(const std::string& path) {
+    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(::connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return std::make_unique<Lines>(descriptor);
+}
+
+std::string blank(const char* uid) {
+    const auto image = MifareClassicTag::blankImage(1024, hex(uid));
+    return {image.begin(), image.end()};
+}
+
+TEST(SimulatorProgram, IsSteeredOverItsControlSocket) {
+    const TempDirectory directory;
+    const std::string image = directory.write("my tag.mfd", blank("01020304"));
+    const std::string socket = directory / "control";
+    Program program({"--root", directory.path(), "--com", "3", "--control", socket, "new:1k:DEADBEEF"});
+    EXPECT_EQ(program.output->read(), "ready COM3 at " + directory.path());
+    program.input->close();
+
+    auto peer = control(socket);
+    auto other = control(socket);
+    struct {
+        std::string command, answer;
+    } const kDialogue[] = {
+        {"list", "tag1  Classic 1K  deadbeef  off  new:1k:DEADBEEF | ok"},
+        {"place " + image + " as mine", "ok mine"},
+        {"place " + image + " as mine", "error: the name \"mine\" is taken; \"remove mine\" frees it"},
+        {"place", "error: a file is missing: place FILE [as NAME]"},
+        {"place " + image + " as two words", "error: a name is one word: place FILE [as NAME]"},
+        {"away mine", "ok"},
+        {"list",
+         "tag1  Classic 1K  deadbeef  off  new:1k:DEADBEEF | mine  Classic 1K  01020304  away  " + image + " | ok"},
+        {"back mine", "ok"},
+        {"save mine " + (directory / "copy"), "ok " + (directory / "copy")},
+        {"save mine", "ok " + image},
+        {"save tag1", "error: \"tag1\" has no image file of its own: save tag1 FILE"},
+        {"remove mine", "ok"},
+        {"remove mine", "error: there is no tag \"mine\"; \"list\" shows them"},
+        {"away", "error: the name of a tag is missing; \"list\" shows them"},
+        {"fault 4A 1 no reply", "ok"},
+        {"fault 4A", "error: a count is missing, \"3\" or \"from 3\", the first being 1; found nothing"},
+        {"faults clear", "ok"},
+        {"faults", "error: \"faults\" takes \"clear\""},
+        {"led", "ok 00"},
+        {"field", "ok off"},
+        {"reader gone", "ok"},
+        {"reader back", "ok"},
+        {"reader", "error: \"reader\" takes \"gone\" or \"back\""},
+        {"dance", "error: \"dance\" is no command; \"help\" lists them"},
+    };
+    for (const auto& step : kDialogue)
+        EXPECT_EQ(peer->ask(step.command), step.answer);
+    EXPECT_EQ(directory.read("copy"), directory.read("my tag.mfd"));
+    EXPECT_NE(other->ask("help").find("place FILE"), std::string::npos);
+    EXPECT_EQ(other->ask("quit"), "ok");
+    EXPECT_EQ(program.wait(), 0);
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(directory / "COM3")));
+    EXPECT_FALSE(std::filesystem::exists(socket));
+}
+
+TEST(SimulatorProgram, EndsWithItsInputOrASignalAndCleansUp) {
+    const TempDirectory directory;
+    const auto isThere = [&](const char* name) {
+        return std::filesystem::exists(std::filesystem::symlink_status(directory / name));
+    };
+    Program byInput({"--root", directory.path(), "--socket", "usb#vid_04cc&pid_0531#1", "--class", "c1"});
+    EXPECT_EQ(byInput.output->read(), "ready usb#vid_04cc&pid_0531#1 at " + directory.path());
+    EXPECT_TRUE(isThere("c1/usb#vid_04cc&pid_0531#1"));
+    byInput.input->write("led\n");
+    EXPECT_EQ(byInput.output->read(), "ok 00");
+    byInput.input->write("field");
+    byInput.input->close();
+    EXPECT_EQ(byInput.output->read(), "ok off") << "the last line may lack its newline";
+    EXPECT_EQ(byInput.wait(), 0);
+    EXPECT_FALSE(isThere("c1/usb#vid_04cc&pid_0531#1"));
+
+    for (int number : {SIGTERM, SIGINT}) {
+        Program bySignal({"--root", directory.path(), "--keep-running"});
+        EXPECT_EQ(bySignal.output->read(), "ready COM1 at " + directory.path());
+        bySignal.input->close();
+        EXPECT_TRUE(isThere("COM1"));
+        bySignal.signal(number);
+        EXPECT_EQ(bySignal.wait(), 0);
+        EXPECT_FALSE(isThere("COM1"));
+    }
+}
+
+TEST(SimulatorProgram, RefusesWhatItCannotServe) {
+    const TempDirectory directory;
+    const std::string plan = directory.write("plan", "4A 1 no reply\n4A oops\n");
+    struct {
+        std::vector<std::string> arguments;
+        int status;
+        const char* complaint;
+    } const kMistakes[] = {
+        {{"--root", directory.path(), "none.mfd"}, 2, "qvlreadersim: none.mfd: there is no such file"},
+        {{"--root", directory.path(), "--faults", plan}, 2, "plan: line 2: a count is missing"},
+        {{"--root", directory.path(), "--faults", "none"}, 2, "none: the fault plan cannot be read"},
+        {{"--com", "0"}, 2, "--com"},
+        {{"--com", "1", "--socket", "x"}, 2, "excludes"},
+        {{"--socket", "a/b"}, 2, "a name without slashes"},
+        {{"--root", plan}, 1, "the directory cannot be made"},
+        {{"--root", directory.path(), "--control", "/no/such/place"}, 1, "the control socket cannot be made"},
+    };
+    for (const auto& each : kMistakes) {
+        Program program(each.arguments);
+        const std::string complaint = program.errors->read();
+        EXPECT_NE(complaint.find(each.complaint), std::string::npos) << complaint;
+        EXPECT_EQ(program.wait(), each.status) << complaint;
+    }
+    Program version({"--version"});
+    EXPECT_EQ(version.output->read().substr(0, 13), "qvlreadersim ");
+    EXPECT_EQ(version.wait(), 0);
+}
+
+TEST(Simulator, SavesWhatChangedWhenTagsLeave) {
+    const TempDirectory directory;
+    const std::uint8_t change[] = {0xAA};
+    for (bool save : {false, true}) {
+        const std::string image = directory.write("tag.mfd", blank("01020304"));
+        const std::string kept = directory.write("kept.mfd", blank("01020304"));
+        const auto reader = std::make_shared<VirtualTamaReader>();
+        Simulator simulator(reader, {}, save);
+        EXPECT_EQ(simulator.run("  place " + image + " \r"), "ok tag1\n");
+        EXPECT_EQ(simulator.run("place " + kept), "ok tag2\n");
+        EXPECT_EQ(simulator.run("place new:card"), "ok tag3\n");
+        for (const auto& entry : reader->field().list())
+            if (entry.tag->memory()) entry.tag->memory()->write(20, change);
+        EXPECT_EQ(simulator.run("remove tag1"), "ok\n");
+        EXPECT_EQ(directory.read("tag.mfd")[20] == '\xAA', save);
+        EXPECT_EQ(simulator.saveAll(), "");
+        EXPECT_EQ(directory.read("kept.mfd")[20] == '\xAA', save);
+    }
+}
+
+}  // namespace

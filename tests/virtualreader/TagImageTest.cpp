@@ -1,0 +1,117 @@
+#include "HexBytes.h"
+#include "TempDirectory.h"
+
+#include "MifareClassicTag.h"
+#include "SmartCard.h"
+#include "TagImage.h"
+#include "TagMemory.h"
+#include "UltralightTag.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+std::string asText(const std::vector<std::uint8_t>& bytes) { return {bytes.begin(), bytes.end()}; }
+
+std::string describe(const MadeTag& made) {
+    if (!made.tag) return "none";
+    char identity[32];
+    std::snprintf(identity, sizeof identity, "%04X %02X ", made.tag->atqa(), made.tag->sak());
+    return std::string(made.tag->kind()) + " " + identity + text(made.tag->uid());
+}
+
+TEST(TagImages, ComeInAndGoOutByteForByte) {
+    const TempDirectory directory;
+    struct {
+        const char* file;
+        std::vector<std::uint8_t> image;
+        const char* identity;
+    } const kImages[] = {
+        {"mini.mfd", MifareClassicTag::blankImage(320, hex("DEADBEEF")), "Classic Mini 0004 09 DE AD BE EF"},
+        {"one.bin", MifareClassicTag::blankImage(1024, hex("01020304")), "Classic 1K 0004 08 01 02 03 04"},
+        {"four.dump", MifareClassicTag::blankImage(4096, hex("88020304")), "Classic 4K 0002 18 88 02 03 04"},
+        {"light", UltralightTag::blankImage(hex("04112233445566")), "Ultralight 0044 00 04 11 22 33 44 55 66"},
+    };
+    for (const auto& each : kImages) {
+        const std::string path = directory.write(each.file, asText(each.image));
+        const MadeTag made = makeTag(path);
+        EXPECT_EQ(describe(made), each.identity);
+        EXPECT_EQ(made.message, "");
+        EXPECT_EQ(imagePathOf(path), path);
+        const std::uint8_t change[] = {0x12, 0x34};
+        made.tag->memory()->write(60, change);
+        EXPECT_EQ(saveTag(*made.tag, path), "");
+        auto changed = each.image;
+        changed[60] = 0x12, changed[61] = 0x34;
+        EXPECT_EQ(directory.read(each.file), asText(changed));
+    }
+    const MadeTag made = makeTag("new:1k");
+    EXPECT_EQ(saveTag(*made.tag, directory / "no/such/place"), directory / "no/such/place: cannot be written");
+    EXPECT_EQ(saveTag(*makeTag("new:card").tag, directory / "card"), "a smart card has no memory to save");
+}
+
+TEST(TagImages, DescriptionsSayWhatAnImageCannot) {
+    const TempDirectory directory;
+    directory.write("seven.bin", asText(MifareClassicTag::blankImage(1024, hex("04112233445566"))));
+    struct {
+        const char *lines, *identity, *image;
+    } constexpr kCards[] = {
+        {"kind 1k\nuid 04 11 22 33 44 55 66 # long\nimage seven.bin\n", "Classic 1K 0044 08 04 11 22 33 44 55 66",
+         "seven.bin"},
+        {"kind 4k\r\nuid 04112233445566\r\nsak 88\r\n", "Classic 4K 0042 88 04 11 22 33 44 55 66", ""},
+        {"\n# phone\nkind card\nuid 08:01:02:03\nats 78 80 70 02\natqa 0004\nquirk fresh-uid",
+         "smart card 0004 20 08 01 02 03", ""},
+        {"kind ultralight", "Ultralight 0044 00 04 11 22 33 44 55 66", ""},
+    };
+    for (const auto& each : kCards) {
+        const std::string path = directory.write("a.card", each.lines);
+        const MadeTag made = makeTag(path);
+        EXPECT_EQ(describe(made), each.identity) << made.message;
+        EXPECT_EQ(imagePathOf(path), *each.image ? directory / each.image : "");
+    }
+    const MadeTag card = makeTag(directory.write("b.card", "kind card\nats 40 00\nquirk strict-cid"));
+    EXPECT_EQ(text(dynamic_cast<SmartCard&>(*card.tag).ats()), "40 00");
+    EXPECT_TRUE(card.tag->quirks().strictCid);
+    EXPECT_EQ(describe(makeTag("new:mini:01020304")), "Classic Mini 0004 09 01 02 03 04");
+}
+
+TEST(TagImages, MistakesSayWhatIsWrongAndWhatWouldBeRight) {
+    const TempDirectory directory;
+    const auto file = [&](const char* name, const std::string& content) { return directory.write(name, content); };
+    struct {
+        std::string path, part;
+    } const kMistakes[] = {
+        {directory / "none.bin", "there is no such file"},
+        {directory.path(), "this is no file"},
+        {file("huge", std::string(70000, 'x')), "too large for a tag"},
+        {file("e", ""), "0 bytes are no tag image; right are 320"},
+        {file("f", std::string(2048, '\0')), "the 2K chip is not simulated"},
+        {file("g", std::string(1152, '\0')), "cut the 1152 bytes"},
+        {"new:2k", "\"2k\" is no kind of tag; known are mini, 1k, 4k, ultralight, card"},
+        {"new:1k:XY", "\"XY\" is no UID"},
+        {"new:1k:0102030405", "a UID of 5 bytes does not fit the kind \"1k\": 4 or 7 bytes"},
+        {"new:ultralight:01020304", "7 bytes"},
+        {"new:card:0102", "4, 7 or 10 bytes"},
+        {file("a.card", "uid 01020304"), "a line \"kind\" is missing"},
+        {file("b.card", "kind 1k\ncolour red"), "line 2: \"colour\" is unknown; known are kind, uid"},
+        {file("c.card", "kind card\nats"), "line 2: \"\" is not 1 to 19 bytes"},
+        {file("d.card", "kind card\nsak 0808"), "line 2: \"0808\" is not 1 bytes"},
+        {file("e.card", "kind card\nquirk odd"), "\"odd\" is no quirk; known are readable-key-b-refused"},
+        {file("f.card", "kind 1k\nimage g"), "the kind \"1k\" has 1024 bytes, this file 1152"},
+        {file("g.card", "kind 1k\nimage none"), "none: there is no such file"},
+    };
+    for (const auto& each : kMistakes) {
+        const MadeTag made = makeTag(each.path);
+        EXPECT_EQ(made.tag, nullptr) << each.path;
+        EXPECT_NE(made.message.find(each.part), std::string::npos) << made.message;
+    }
+    auto image = MifareClassicTag::blankImage(1024, hex("DEADBEEF"));
+    image[4] ^= 1;
+    const MadeTag odd = makeTag(file("odd", asText(image)));
+    EXPECT_NE(odd.tag, nullptr);
+    EXPECT_NE(odd.message.find("warning: byte 4 of block 0"), std::string::npos) << odd.message;
+}
+
+}  // namespace

@@ -1,0 +1,179 @@
+// The program: a virtual reader behind a serial port or a message socket, steered by line commands.
+
+#include "ControlServer.h"
+#include "Devices.h"
+#include "Simulator.h"
+#include "SocketEndpoint.h"
+#include "TerminalEndpoint.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kFailed = 1, kUsage = 2;
+
+/// The first interface class in which hosts look for this kind of reader.
+constexpr const char* kReaderClass = "fe2f504b-5f97-4d4d-873d-559e49009dc6";
+
+struct Settings {
+    std::string root;
+    unsigned com = 0;
+    std::string socket, classGuid = kReaderClass;
+    std::uint32_t baudRate = 0;
+    std::string faults, control;
+    std::vector<std::string> tags;
+    bool keepRunning = false, saveOnExit = false, quiet = false;
+    bool noLinkKey = false;
+    ReaderOptions reader;
+    TagQuirks quirks;
+};
+
+void addWhereOptions(CLI::App& app, Settings& into) {
+    constexpr const char* kWhere = "Where the reader appears";
+    app.add_option("--root", into.root, "Device root (default: QVL_DEVICE_ROOT, else /dev/qvlreader)")
+        ->type_name("DIR")
+        ->group(kWhere);
+    auto* com = app.add_option("--com", into.com, "Serial port COM<N> (default, with N = 1)")
+                    ->type_name("N")
+                    ->check(CLI::Range(1, 255))
+                    ->group(kWhere);
+    app.add_option("--socket", into.socket, "Message socket of this name instead of a serial port")
+        ->type_name("NAME")
+        ->check([](const std::string& name) {
+            const bool sound = !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+            return sound ? std::string() : "a name without slashes is needed, such as usb#vid_04cc&pid_0531#1";
+        })
+        ->excludes(com)
+        ->group(kWhere);
+    app.add_option("--class", into.classGuid, "Interface class of the socket")
+        ->type_name("GUID")
+        ->capture_default_str()
+        ->group(kWhere);
+    app.add_option("--baud", into.baudRate, "Pace the serial bytes at this rate, 10 bits a byte (default: no pacing)")
+        ->type_name("RATE")
+        ->check(CLI::Range(300, 4'000'000))
+        ->group(kWhere);
+}
+
+void addModelOptions(CLI::App& app, Settings& into) {
+    constexpr const char* kReader = "Reader model";
+    app.add_flag("--no-link-key", into.noLinkKey, "Does not know the key commands; the link stays in the clear")
+        ->group(kReader);
+    app.add_flag("--zero-session-key", into.reader.zeroSessionKey, "Gives a session key of zeros")->group(kReader);
+    app.add_flag("--error-to-bad-frames", into.reader.errorToBadFrames,
+                 "Answers a frame with a wrong checksum with ERROR instead of silence")
+        ->group(kReader);
+    app.add_flag("--atqa-high-first", into.reader.atqaHighByteFirst, "Reports the ATQA high byte first")
+        ->group(kReader);
+    app.add_flag("--cascade-tag", into.reader.cascadeTagInUid, "Reports long UIDs with their cascade tags")
+        ->group(kReader);
+    app.add_flag(
+           "--refused-13", [&into](std::int64_t) { into.reader.refusedStatus = kTamaBadFormat; },
+           "Status 13 instead of 01 when a tag refuses a block command")
+        ->group(kReader);
+
+    constexpr const char* kTags = "Tag model, for all tags";
+    app.add_flag("--auth-uid-last", into.quirks.lastUidBytesAuthenticate,
+                 "Authentication takes the last four bytes of a long UID, not the first")
+        ->group(kTags);
+    app.add_flag("--readable-key-b-refused", into.quirks.readableKeyBRefused,
+                 "Refuses the authentication itself with a key B that can be read")
+        ->group(kTags);
+    app.add_flag("--partial-trailer-refused", into.quirks.partialTrailerWriteRefused,
+                 "Refuses a trailer of which only some fields may be written")
+        ->group(kTags);
+    app.add_flag("--strict-cid", into.quirks.strictCid, "Smart cards keep the number that RATS gave them")
+        ->group(kTags);
+}
+
+void addRunOptions(CLI::App& app, Settings& into) {
+    constexpr const char* kRun = "How it runs";
+    app.add_option("--faults", into.faults, "Fault plan, one rule a line")->type_name("FILE")->group(kRun);
+    app.add_option("--control", into.control, "Stream socket that takes the line commands too")
+        ->type_name("SOCKET")
+        ->group(kRun);
+    app.add_flag("--keep-running", into.keepRunning, "The end of standard input does not end the program")->group(kRun);
+    app.add_flag("--save-on-exit", into.saveOnExit, "Write changed images back to their files")->group(kRun);
+    app.add_flag("-q,--quiet", into.quiet, "No \"ready\" line and no warnings")->group(kRun);
+    app.set_version_flag("-V,--version", "qvlreadersim " QVL_VERSION);
+    app.add_option("TAG", into.tags, "Tags in the field: image files, .card files, or new:KIND[:UID]")
+        ->option_text("TAG...");
+    app.footer("Line commands on standard input: place, remove, away, back, list, save, reader, fault, faults, led,\n"
+               "field, help, quit. The manual page qvlreadersim(1) explains them, fault plans and .card files.\n\n"
+               "Example: qvlreadersim --root /tmp/dev --com 1 mytag.mfd");
+}
+
+/// @return 0, or the exit status after a message.
+int fail(const std::string& message, int status = kFailed) {
+    std::cerr << "qvlreadersim: " << message << "\n";
+    return status;
+}
+
+std::string addFaultFile(VirtualTamaReader& reader, const std::string& path) {
+    if (path.empty()) return {};
+    std::ifstream file(path);
+    std::ostringstream text;
+    if (!file || !(text << file.rdbuf())) return path + ": the fault plan cannot be read";
+    const std::string wrong = reader.addFaults(text.str());
+    return wrong.empty() ? wrong : path + ": " + wrong;
+}
+
+/// Publishes the reader, tells so, and serves the commands until the end.
+template <typename Endpoint>
+int serve(Endpoint&& endpoint, ControlServer& control, const Settings& settings) {
+    if (const std::string wrong = endpoint.start(); !wrong.empty()) return fail(wrong);
+    if (!settings.quiet) std::cout << "ready " << endpoint.name() << " at " << settings.root << std::endl;
+    control.run();
+    endpoint.stop();
+    return 0;
+}
+
+int simulate(const Settings& settings) {
+    const auto reader = std::make_shared<VirtualTamaReader>(settings.reader);
+    Simulator simulator(reader, settings.quirks, settings.saveOnExit);
+    ControlServer control(simulator, settings.control.empty() && !settings.keepRunning);
+
+    if (const std::string wrong = addFaultFile(*reader, settings.faults); !wrong.empty()) return fail(wrong, kUsage);
+    for (const std::string& tag : settings.tags) {
+        std::string answer = simulator.place(tag);
+        if (!answer.empty()) answer.pop_back();
+        if (answer.starts_with("error: ")) return fail(answer.substr(7), kUsage);
+        if (!settings.quiet && answer.find("warning") != std::string::npos) fail(answer.substr(3));
+    }
+    if (!settings.control.empty())
+        if (const std::string wrong = control.listen(settings.control); !wrong.empty()) return fail(wrong);
+
+    const int status =
+        settings.socket.empty()
+            ? serve(TerminalEndpoint(reader, settings.root, settings.com, settings.baudRate), control, settings)
+            : serve(SocketEndpoint(reader, settings.root, settings.classGuid, settings.socket), control, settings);
+    const std::string unsaved = simulator.saveAll();
+    return unsaved.empty() ? status : fail(unsaved.substr(0, unsaved.size() - 1));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Settings settings;
+    CLI::App app("A reader for contactless tags without hardware: hosts open it like a real one.", "qvlreadersim");
+    addWhereOptions(app, settings);
+    addModelOptions(app, settings);
+    addRunOptions(app, settings);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& problem) {
+        return app.exit(problem) == 0 ? 0 : kUsage;
+    }
+    if (settings.root.empty()) settings.root = platform::deviceRoot();
+    if (settings.com == 0) settings.com = 1;
+    settings.reader.knowsLinkKey = !settings.noLinkKey;
+    return simulate(settings);
+}
