@@ -39,10 +39,10 @@ TagUID& TagUID::operator=(const TagUID& other) {
     return *this;
 }
 
-TagUID::~TagUID() { delete[] mUid; }
+TagUID::~TagUID() { adopt(nullptr, 0); }
 
 void TagUID::adopt(std::uint8_t* uid, std::uint32_t length) {
-    delete[] mUid;
+    if (mUid != mShortUid) delete[] mUid;
     mUid = uid;
     mUidLen = mOwned = uid ? length : 0;
 }
@@ -52,7 +52,12 @@ void TagUID::reset() {
     mTagType = kTagStandard;
 }
 
-void TagUID::setUid(const std::uint8_t* uid, std::uint32_t length) { adopt(newCopy(uid, length), length); }
+void TagUID::setUid(const std::uint8_t* uid, std::uint32_t length) {
+    if (!uid || length == 0) return adopt(nullptr, 0);
+    if (length > sizeof mShortUid) return adopt(newCopy(uid, length), length);
+    std::memmove(mShortUid, uid, length);
+    adopt(mShortUid, length);
+}
 
 void TagUID::setUidLen(std::uint32_t length) {
     if (length <= mOwned) mUidLen = length;

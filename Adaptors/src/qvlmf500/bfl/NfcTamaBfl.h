@@ -121,6 +121,14 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
     QVL_INTERNAL std::span<const std::uint8_t> received() const;
     QVL_INTERNAL std::size_t replyLen() const { return mDataInBuf[3]; }
     QVL_INTERNAL bool uidFits() const;
+    /// How the messages of an activation with ATS name it.
+    struct AtsForm {
+        const char* name;
+        bool tellsResetStatus;
+    };
+    template <typename Activation>
+    QVL_INTERNAL short activateWithAts(const AtsForm& form, Activation activate, const std::uint8_t& uidLen,
+                                       std::uint8_t* ats, std::uint8_t* ats_len);
     QVL_INTERNAL short takeAts(std::size_t uidLen, std::uint8_t* ats, std::uint8_t* ats_len) const;
 
     std::uint8_t mDataInBuf[1024];  // the frame last received

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <string>
 
 namespace {
 
@@ -102,27 +103,38 @@ short NfcTamaBfl::takeAts(std::size_t uidLen, std::uint8_t* ats, std::uint8_t* a
     return kBflOk;
 }
 
-short NfcTamaBfl::piccActivateIdle(std::uint8_t baudrate, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid,
-                                   std::uint8_t* uid_len, std::uint8_t* ats, std::uint8_t* ats_len) {
-    const OperationLock lock = lockOperation();
+// With its parameter byte switched the reader goes on to RATS by itself. It goes back whatever happened in between.
+template <typename Activation>
+short NfcTamaBfl::activateWithAts(const AtsForm& form, Activation activate, const std::uint8_t& uidLen,
+                                  std::uint8_t* ats, std::uint8_t* ats_len) {
     if (ats == nullptr || ats_len == nullptr) return kBflOutOfRange;
     if (const short status = setTAMAParam4TCL(true); status != kBflOk) {
-        QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateIdle w/ ATS - set TAMA Parameter failed, tamaCommand failed!");
+        QVL_LOG(kLogFailure, "NfcTamaBfl::%s w/ ATS - set TAMA Parameter failed, tamaCommand failed!", form.name);
         return status;
     }
-    short kept = piccActivateIdle(baudrate, atq, sak, uid, uid_len);
+    short kept = activate();
     if (kept != kBflOk) {
-        QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateIdle w/ ATS calling piccActivateIdle failed %d", kept);
+        QVL_LOG(kLogFailure, "NfcTamaBfl::%s w/ ATS calling %s failed %d", form.name, form.name, kept);
     } else {
-        kept = takeAts(*uid_len, ats, ats_len);
+        kept = takeAts(uidLen, ats, ats_len);
         if (kept != kBflOk)
-            QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateIdle w/ ATS failed to get ATS, wrong atsLen=%d", *ats_len);
+            QVL_LOG(kLogFailure, "NfcTamaBfl::%s w/ ATS failed to get ATS, wrong atsLen=%d", form.name, *ats_len);
     }
     if (const short status = setTAMAParam4TCL(false); status != kBflOk) {
-        QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateIdle w/ ATS - reset TAMA Parameter failed, tamaCommand failed!");
+        const std::string told = form.tellsResetStatus ? " " + std::to_string(status) : std::string();
+        QVL_LOG(kLogFailure, "NfcTamaBfl::%s w/ ATS - reset TAMA Parameter failed%s, tamaCommand failed!", form.name,
+                told.c_str());
         return status;
     }
     return kept;
+}
+
+short NfcTamaBfl::piccActivateIdle(std::uint8_t baudrate, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid,
+                                   std::uint8_t* uid_len, std::uint8_t* ats, std::uint8_t* ats_len) {
+    const OperationLock lock = lockOperation();
+    if (uid_len == nullptr) return kBflOutOfRange;
+    const auto activate = [&] { return piccActivateIdle(baudrate, atq, sak, uid, uid_len); };
+    return activateWithAts({"piccActivateIdle", false}, activate, *uid_len, ats, ats_len);
 }
 
 // The reader's own retries stand in for the waiting of the loops.
@@ -175,25 +187,8 @@ short NfcTamaBfl::piccActivateWakeup(std::uint8_t, std::uint8_t* atq, std::uint8
 short NfcTamaBfl::piccActivateWakeup(std::uint8_t baudrate, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid,
                                      std::uint8_t uid_len, std::uint8_t* ats, std::uint8_t* ats_len) {
     const OperationLock lock = lockOperation();
-    if (ats == nullptr || ats_len == nullptr) return kBflOutOfRange;
-    if (const short status = setTAMAParam4TCL(true); status != kBflOk) {
-        QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateWakeup w/ ATS - set TAMA Parameter failed, tamaCommand failed!");
-        return status;
-    }
-    short kept = piccActivateWakeup(baudrate, atq, sak, uid, uid_len);
-    if (kept != kBflOk) {
-        QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateWakeup w/ ATS calling piccActivateWakeup failed %d", kept);
-    } else {
-        kept = takeAts(uid_len, ats, ats_len);
-        if (kept != kBflOk)
-            QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateWakeup w/ ATS failed to get ATS, wrong atsLen=%d", *ats_len);
-    }
-    if (const short status = setTAMAParam4TCL(false); status != kBflOk) {
-        QVL_LOG(kLogFailure,
-                "NfcTamaBfl::piccActivateWakeup w/ ATS - reset TAMA Parameter failed %d, tamaCommand failed!", status);
-        return status;
-    }
-    return kept;
+    const auto activate = [&] { return piccActivateWakeup(baudrate, atq, sak, uid, uid_len); };
+    return activateWithAts({"piccActivateWakeup", true}, activate, uid_len, ats, ats_len);
 }
 
 short NfcTamaBfl::piccAuthKey(std::uint8_t keyType, std::uint8_t* uid, std::uint8_t* key, std::uint8_t block) {

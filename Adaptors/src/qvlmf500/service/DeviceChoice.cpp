@@ -25,7 +25,6 @@ constexpr const char* kUsbDll = "usbdll";
 constexpr int kStartAnew = 0;
 constexpr int kDeviceEvent1 = 1;
 constexpr int kDeviceEvent2 = 2;
-constexpr int kAfterFailedInit = 3;
 
 std::atomic<std::uint32_t> gLastScanTick{0};
 std::atomic<bool> gUsbEventPending{false};
@@ -45,7 +44,7 @@ void QvlMf500ReaderImpl::scanUSBDevice(int event) {
 void QvlMf500ReaderImpl::scan(int event) {
     if (event == kDeviceEvent1 || event == kDeviceEvent2) gUsbEventPending = true;
     if (event == kStartAnew) gUsbEventPending = false;
-    if (event == kAfterFailedInit && !gUsbEventPending) return;
+    if (event == kScanAfterFailedInit && !gUsbEventPending) return;
 
     const std::uint32_t now = platform::Clock::current().tick();
     if (mScanned && now - gLastScanTick < kScanIntervalMs) return;

@@ -34,28 +34,28 @@ bool QvlMf500ReaderImpl::pollTag(EventObject*& event, bool forced, bool ignoreSu
     return guarded("pollTag", false, [&] {
         const ReaderLock lock(*this);
         QVL_LOG(kLogDetail, "Poll tag entering forced=%d ignoreSuspend=%d", forced ? 1 : 0, ignoreSuspend ? 1 : 0);
-        if (!mInitialised) {
-            if (initReader()) {
-                tellHost(true);
-            } else {
-                QVL_LOG(
-                    kLogDetail,
-                    "QvlMf500ReaderImpl::pollTag() failed initReader() and try to call scanUSBDevice() and wait for "
-                    "the next initReader() -- the scanUSBDevice() will be execute only when USBDevice event "
-                    "arrived");
-                scanUSBDevice(3);
-            }
-        }
+        if (!mInitialised) startReader();
         TagUID tag;
-        if (getTagIdOnce(tag, forced) != kOk) return false;
-        // Without memory for the event the tag stays awake, and the next poll reports it.
-        auto found = std::make_unique<EventObject>();
-        found->set(EventObject::kTagFound, platform::wallSeconds(), tag, 0, nullptr);
-        if (found->getUidLen() != tag.getUidLen()) return false;
-        driver()->piccHalt();
-        event = found.release();
-        return true;
+        return getTagIdOnce(tag, forced) == kOk && report(tag, event);
     });
+}
+
+void QvlMf500ReaderImpl::startReader() {
+    if (initReader()) return tellHost(true);
+    QVL_LOG(kLogDetail,
+            "QvlMf500ReaderImpl::pollTag() failed initReader() and try to call scanUSBDevice() and wait for the next "
+            "initReader() -- the scanUSBDevice() will be execute only when USBDevice event arrived");
+    scanUSBDevice(kScanAfterFailedInit);
+}
+
+// Without memory for the event the tag stays awake, and the next poll reports it.
+bool QvlMf500ReaderImpl::report(const TagUID& tag, EventObject*& event) {
+    auto found = std::make_unique<EventObject>();
+    found->set(EventObject::kTagFound, platform::wallSeconds(), tag, 0, nullptr);
+    if (found->getUidLen() != tag.getUidLen()) return false;
+    driver()->piccHalt();
+    event = found.release();
+    return true;
 }
 
 int QvlMf500ReaderImpl::getTagIdOnce(TagUID& tag, bool forced) {

@@ -64,6 +64,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     void turnOff(Qvl14443bfl& bfl, const char* logged);
 
     // DeviceChoice.cpp
+    static constexpr int kScanAfterFailedInit = 3;
     void scan(int event);
     void chooseDriver(int scanStatus);
     void useTama(const char* path);
@@ -71,6 +72,8 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     void findUsbDll();
 
     // Polling.cpp
+    void startReader();
+    bool report(const TagUID& tag, EventObject*& event);
     int getTagIdOnce(TagUID& tag, bool forced);
     short piccActivateWakup(Qvl14443bfl& bfl, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid,
                             std::uint8_t* uidLen);

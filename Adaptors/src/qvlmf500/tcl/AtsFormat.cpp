@@ -19,7 +19,6 @@ constexpr InterfaceByte kInterfaceBytes[] = {
 
 AtsFault decodeAts(std::span<const std::uint8_t> ats, Ats& out) {
     const std::uint8_t t0 = ats[1];
-    out.hasFormat = true;
     out.fsci = std::min<std::uint8_t>(t0 & 0x0F, kLargestFsci);
     std::size_t index = 2;
     for (const InterfaceByte& byte : kInterfaceBytes) {

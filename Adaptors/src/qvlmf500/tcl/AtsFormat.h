@@ -6,8 +6,7 @@
 
 /// The answer to select of ISO/IEC 14443-4, decoded. Pure.
 struct Ats {
-    std::uint8_t fsci = 2;   ///< At most 8.
-    bool hasFormat = false;  ///< False for an ATS of its length byte alone: everything stays at its default.
+    std::uint8_t fsci = 2;  ///< At most 8.
     std::uint8_t ta1 = 0;
     std::uint8_t tb1 = 0;
     std::uint8_t tc1 = 2;

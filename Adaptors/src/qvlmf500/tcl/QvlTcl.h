@@ -122,10 +122,15 @@ class QVL_API QvlTcl {
     std::uint8_t mAtsLen;
     std::uint8_t mAts[256];  // as a TAMA reader delivered it at activation
 
+    template <typename Plain, typename WithAts>
+    QVL_INTERNAL short activate(std::uint8_t baudrate, const std::uint8_t* uid, const std::uint8_t& uidLen, Plain plain,
+                                WithAts withAts);
     QVL_INTERNAL short rememberSelected(std::uint8_t baudrate, const std::uint8_t* uid, std::uint8_t uidLen);
     QVL_INTERNAL short fetchAts(Qvl14443bfl& bfl, const PiccInfo& card, std::uint8_t cid, std::uint8_t* ats,
                                 std::uint16_t* atsLen);
     QVL_INTERNAL short requestAts(Qvl14443bfl& bfl, const PiccInfo& card, std::uint8_t cid, std::uint8_t* ats,
                                   std::uint16_t* atsLen);
+    QVL_INTERNAL short readAts(PiccInfo& card, const std::uint8_t* ats, std::size_t atsLen,
+                               std::unique_ptr<std::uint8_t[]>& hist, std::uint16_t& histLen) const;
     QVL_INTERNAL void takeCid(PiccInfo& card, std::uint8_t cid) const;
 };
