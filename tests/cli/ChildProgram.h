@@ -42,7 +42,7 @@ class ChildProgram {
             if (!environment.contains(std::string(*variable).substr(0, std::string(*variable).find('='))))
                 variables.emplace_back(*variable);
         for (const auto& [name, value] : environment)
-            variables.push_back(name + "=" + value);
+            variables.emplace_back(name).append("=").append(value);
         const auto argv = pointers(arguments), envp = pointers(variables);
         EXPECT_EQ(::posix_spawn(&mChild, argv[0], &actions, &attributes, argv.data(), envp.data()), 0);
         ::posix_spawnattr_destroy(&attributes);
@@ -105,6 +105,7 @@ class ChildProgram {
 
     static std::vector<char*> pointers(std::vector<std::string>& texts) {
         std::vector<char*> all;
+        all.reserve(texts.size() + 1);
         for (std::string& text : texts)
             all.push_back(text.data());
         all.push_back(nullptr);

@@ -6,5 +6,6 @@
 /// the object allocator by replacement.
 
 extern long gAllowed;         ///< Allocations until they begin to fail; negative for never.
+extern bool gFailsOnce;       ///< Only one allocation fails then.
 extern bool gHasFailed;       ///< An allocation has failed. Set back by the test.
 extern std::size_t gLargest;  ///< Largest size asked for. Set back by the test.

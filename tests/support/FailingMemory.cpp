@@ -5,15 +5,16 @@
 #include <new>
 
 long gAllowed = -1;
+bool gFailsOnce = false;
 bool gHasFailed = false;
 std::size_t gLargest = 0;
 
 static bool isRefused(std::size_t size) {
     gLargest = std::max(gLargest, size);
     if (gAllowed < 0) return false;
-    if (gAllowed == 0) return gHasFailed = true;
-    --gAllowed;
-    return false;
+    if (gAllowed-- > 0) return false;
+    gAllowed = gFailsOnce ? -1 : 0;
+    return gHasFailed = true;
 }
 
 extern "C" {

@@ -1,0 +1,84 @@
+// An allocation fails, once or from then on, at each place of each operation: nothing is thrown, the lock is free, and
+// the next operation works.
+
+#include "FailingMemory.h"
+#include "Workplace.h"
+
+namespace {
+
+class OutOfMemory : public ::testing::TestWithParam<bool> {
+  protected:
+    OutOfMemory() { place.placeClassic(); }
+    ~OutOfMemory() override { gAllowed = -1; }
+
+    /// Runs `operation` with the n-th allocation failing, for all n that it reaches, and `after` behind each.
+    template <typename Operation, typename After>
+    void sweep(Operation operation, After after) {
+        int places = 0;
+        for (long allowed = 0;; ++allowed) {
+            gFailsOnce = GetParam();
+            gHasFailed = false;
+            gAllowed = allowed;
+            operation();
+            gAllowed = -1;
+            after();
+            if (HasFailure() || !gHasFailed) break;
+            ++places;
+        }
+        EXPECT_GT(places, 0);
+    }
+
+    Workplace place;
+};
+INSTANTIATE_TEST_SUITE_P(OnceAndForGood, OutOfMemory, ::testing::Bool());
+
+TEST_P(OutOfMemory, CreationGivesNullOrAnAdaptorThatWorks) {
+    sweep([this] { place.adaptor.reset(createAdaptorInstance(&place.host)); },
+          [this] {
+              if (place.adaptor) {
+                  EXPECT_TRUE(place.adaptor->initReader());
+              }
+              place.adaptor.reset();
+          });
+}
+
+TEST_P(OutOfMemory, StartingIsRefusedAndThenWorks) {
+    place.start();
+    sweep([this] { place.adaptor->initReader(); },
+          [this] {
+              EXPECT_TRUE(place.adaptor->initReader());
+              place.adaptor->stopReader();
+          });
+}
+
+TEST_P(OutOfMemory, APolledTagIsReportedByTheNextPoll) {
+    place.start();
+    ASSERT_TRUE(place.adaptor->initReader());
+    sweep(
+        [this] {
+            EventObject* event = nullptr;
+            if (place.adaptor->pollTag(event, false, false)) place.adaptor->freeMemory(event);
+            EXPECT_EQ(event == nullptr, gHasFailed) << "no event, or a whole one";
+        },
+        [this] {
+            if (gHasFailed) {
+                EXPECT_EQ(place.poll(), "deadbeef 2002") << "it stayed awake";
+            }
+            const std::string name = place.reader->field().list()[0].name;
+            place.reader->field().setPresent(name, false);
+            place.reader->field().setPresent(name, true);
+        });
+}
+
+TEST_P(OutOfMemory, AScanKeepsTheDriver) {
+    place.start();
+    ASSERT_TRUE(place.adaptor->initReader());
+    sweep(
+        [this] {
+            place.clock->advance(500);
+            place.adaptor->scanUSBDevice(1);
+        },
+        [this] { EXPECT_EQ(place.poll(true), "deadbeef 2002"); });
+}
+
+}  // namespace
