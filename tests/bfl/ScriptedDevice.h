@@ -29,7 +29,10 @@ inline Bytes hex(const std::string& text) {
 /// A frame around TFI and body, worked out here anew: a mistake of the codec under test does not cancel out.
 inline Bytes frame(std::uint8_t tfi, const Bytes& body) {
     const auto len = static_cast<std::uint8_t>(body.size() + 1);
-    Bytes out{0x00, 0x00, 0xFF, len, static_cast<std::uint8_t>(-len), tfi};
+    Bytes out;
+    out.reserve(body.size() + 8);
+    for (const int head : {0x00, 0x00, 0xFF, int{len}, -len, int{tfi}})
+        out.push_back(static_cast<std::uint8_t>(head));
     out.insert(out.end(), body.begin(), body.end());
     const unsigned sum = std::accumulate(body.begin(), body.end(), unsigned{tfi});
     out.push_back(static_cast<std::uint8_t>(-sum));

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <span>
 
 class LinkCipher;
@@ -86,12 +85,8 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
     NfcTamaBfl& operator=(const NfcTamaBfl&) = default;
 
   private:
-    using OperationLock = std::unique_lock<std::recursive_mutex>;
-
     NfcTamaBfl();
     ~NfcTamaBfl() override;
-
-    QVL_INTERNAL OperationLock lockOperation() { return OperationLock(*mOperationMutex); }
 
     QVL_INTERNAL std::int32_t openDevice();
 
@@ -141,7 +136,6 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
     std::int16_t mRekeyInterval;  // the count at which the next key change happens
     bool mRelayMode;
 
-    std::shared_ptr<std::recursive_mutex> mOperationMutex;
     bool mInputStale;     // what is pending belongs to an earlier command
     bool mDeviceGone;     // until the next open
     int mTimeOutsInARow;  // within one operation of the service

@@ -66,8 +66,7 @@ std::uint32_t takeBaudRate(char* name) {
 
 NfcTamaBfl::NfcTamaBfl()
     : mDataInBuf{}, mDataInBufLen(0), mTimeout(kDefaultTimeoutMs), mLinkCipher(std::make_shared<LinkCipher>()),
-      mCommandCount(0), mRekeyInterval(nextRekeyInterval()), mRelayMode(false),
-      mOperationMutex(std::make_shared<std::recursive_mutex>()), mInputStale(false), mDeviceGone(false),
+      mCommandCount(0), mRekeyInterval(nextRekeyInterval()), mRelayMode(false), mInputStale(false), mDeviceGone(false),
       mTimeOutsInARow(0) {
     seedKeyPool();
     setDeviceName(reinterpret_cast<const std::uint8_t*>(kDefaultDeviceName));

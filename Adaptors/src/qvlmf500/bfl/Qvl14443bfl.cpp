@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
-Qvl14443bfl::Qvl14443bfl() : mIsQvlDevice(false), mDeviceName{} {}
+Qvl14443bfl::Qvl14443bfl()
+    : mIsQvlDevice(false), mDeviceName{}, mOperationMutex(std::make_shared<std::recursive_mutex>()) {}
 
 Qvl14443bfl::~Qvl14443bfl() = default;
 
@@ -11,6 +12,7 @@ bool Qvl14443bfl::isQvlDevice() { return mIsQvlDevice; }
 
 void Qvl14443bfl::setDeviceName(const std::uint8_t* name) {
     if (name == nullptr) return;
+    const OperationLock lock = lockOperation();
     const std::size_t length = std::min(std::strlen(reinterpret_cast<const char*>(name)), sizeof mDeviceName - 1);
     std::memmove(mDeviceName, name, length);
     std::memset(mDeviceName + length, 0, sizeof mDeviceName - length);

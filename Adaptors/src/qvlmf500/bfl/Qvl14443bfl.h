@@ -4,6 +4,8 @@
 #include "QvlExport.h"
 
 #include <cstdint>
+#include <memory>
+#include <mutex>
 
 /// Which driver an object is. A caller that needs an operation of one driver only asks this first.
 enum BflType : std::int32_t {
@@ -104,6 +106,13 @@ class QVL_API Qvl14443bfl {
     virtual void operationBegins();
 
   protected:
+    /// Held for one operation of the driver, the reading of its reply included. Nests on its thread.
+    using OperationLock = std::unique_lock<std::recursive_mutex>;
+    QVL_INTERNAL OperationLock lockOperation() { return OperationLock(*mOperationMutex); }
+
     bool mIsQvlDevice;
     std::uint8_t mDeviceName[256];
+
+  private:
+    std::shared_ptr<std::recursive_mutex> mOperationMutex;
 };
