@@ -8,6 +8,7 @@ set(QVL_PUBLIC_HEADERS
   foundation/QVLParamCollection.h
   foundation/QVLParameter.h
   foundation/QvlExport.h
+  foundation/ServiceEnums.h
   foundation/ServiceStatus.h
   foundation/TagTypes.h
   foundation/TagUID.h

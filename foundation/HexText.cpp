@@ -51,3 +51,11 @@ std::string hexText(const std::uint8_t* bytes, std::size_t count) {
     if (bytes) writeDigits(bytes, count, text.data());
     return text;
 }
+
+HexLine::HexLine(const std::uint8_t* bytes, std::size_t count, std::size_t shown) {
+    count = bytes != nullptr ? std::min(count, kMostBytes) : 0;
+    shown = std::min(shown, count);
+    hexDump(bytes, static_cast<std::uint32_t>(shown), mText);
+    std::fill(mText + 2 * shown, mText + 2 * count, '*');
+    mText[2 * count] = '\0';
+}

@@ -15,5 +15,18 @@ std::uint32_t hexDecode(const char* text, std::uint32_t& count, std::uint8_t* ou
 /// Value of a hexadecimal digit in either case; 23 for any other character.
 std::uint8_t hexDigit(char digit);
 
-/// The same text for log records; a null pointer gives an empty text.
+/// The digits of at most 1024 bytes as a log record shows them; needs no memory. From byte `shown` on each byte stands
+/// as
+/// "**": what follows may be a key.
+class HexLine {
+  public:
+    HexLine(const std::uint8_t* bytes, std::size_t count, std::size_t shown = SIZE_MAX);
+    const char* text() const { return mText; }
+
+  private:
+    static constexpr std::size_t kMostBytes = 1024;
+    char mText[2 * kMostBytes + 1];
+};
+
+/// The same text for people; a null pointer gives an empty text.
 std::string hexText(const std::uint8_t* bytes, std::size_t count);

@@ -5,31 +5,39 @@
 #include <numeric>
 #include <utility>
 
-Rc4::Rc4() { std::iota(mPermutation.begin(), mPermutation.end(), std::uint8_t{0}); }
+Rc4::Rc4() { std::iota(mPermutation.begin(), mPermutation.end(), std::uint32_t{0}); }
 
 Rc4::~Rc4() {
-    wipe(mPermutation.data(), mPermutation.size());
+    wipe(mPermutation.data(), sizeof mPermutation);
     wipe(&mI, sizeof mI);
     wipe(&mJ, sizeof mJ);
 }
 
 void Rc4::setKey(std::span<const std::uint8_t> key) {
-    std::iota(mPermutation.begin(), mPermutation.end(), std::uint8_t{0});
+    std::iota(mPermutation.begin(), mPermutation.end(), std::uint32_t{0});
     mI = mJ = 0;
     if (key.empty()) return;
     std::uint8_t j = 0;
-    for (std::size_t i = 0; i < mPermutation.size(); ++i) {
-        j = static_cast<std::uint8_t>(j + mPermutation[i] + key[i % key.size()]);
-        std::swap(mPermutation[i], mPermutation[j]);
+    auto next = key.begin();
+    for (std::uint32_t& entry : mPermutation) {
+        j = static_cast<std::uint8_t>(j + entry + *next);
+        if (++next == key.end()) next = key.begin();
+        std::swap(entry, mPermutation[j]);
     }
 }
 
+// Works on copies of the indices: the data might lie anywhere, so members would be written back for each byte.
 void Rc4::crypt(std::span<std::uint8_t> data) {
+    std::uint8_t i = mI;
+    std::uint8_t j = mJ;
     for (std::uint8_t& byte : data) {
-        mI = static_cast<std::uint8_t>(mI + 1);
-        mJ = static_cast<std::uint8_t>(mJ + mPermutation[mI]);
-        std::swap(mPermutation[mI], mPermutation[mJ]);
-        const auto index = static_cast<std::uint8_t>(mPermutation[mI] + mPermutation[mJ]);
-        byte = static_cast<std::uint8_t>(byte ^ mPermutation[index]);
+        const std::uint32_t a = mPermutation[++i];
+        j = static_cast<std::uint8_t>(j + a);
+        const std::uint32_t b = mPermutation[j];
+        mPermutation[i] = b;
+        mPermutation[j] = a;
+        byte = static_cast<std::uint8_t>(byte ^ mPermutation[static_cast<std::uint8_t>(a + b)]);
     }
+    mI = i;
+    mJ = j;
 }

@@ -20,7 +20,7 @@ class Rc4 {
     void crypt(std::span<std::uint8_t> data);
 
   private:
-    std::array<std::uint8_t, 256> mPermutation;
+    std::array<std::uint32_t, 256> mPermutation;
     std::uint8_t mI = 0;
     std::uint8_t mJ = 0;
 };

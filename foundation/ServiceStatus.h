@@ -21,6 +21,11 @@ enum ServiceStatus : int {
     kDirectoryNotWritten = 3111,  ///< The directory could not be written.
     kApplicationMissing = 3112,   ///< The application is not on the tag.
     kOutOfRange = 3113,           ///< Block, sector or index outside the tag or application.
+    kBlockKindRefused = 3114,     ///< setDataBlockType: this kind of block is refused.
+    kZeroValue = 3115,            ///< setDataBlockType: a value block that only goes down must not start at 0.
+    kNoValueBlock = 3116,         ///< The block is no value block, or the condition none of a value block.
+    kNoDataCondition = 3117,      ///< setDataBlockType: the condition is none of a data block.
+    kBlockNotOpened = 3118,       ///< setDataBlockType: the trailer could not be written before the data.
     kNotAllowedHere = 3119,       ///< Not allowed for this tag type or addressing.
     kValueFailed = 3120,          ///< A value operation failed; whether it took place is unknown.
     kCancelled = 3121,            ///< The wait was cancelled, or nobody can wait: no prompt stands.

@@ -29,8 +29,6 @@ class DeviceNode {
     IoResult read(std::span<std::uint8_t> buffer, std::size_t& count, std::uint32_t timeoutMs);
     /// Writes `data` as one message.
     IoResult write(std::span<const std::uint8_t> data, std::size_t& count, std::uint32_t timeoutMs);
-    /// Drops the messages that have already arrived, a bounded number of them. Does not wait.
-    void discardInput();
 
   private:
     IoResult readSocket(std::span<std::uint8_t> buffer, std::size_t& count, std::uint32_t timeoutMs);

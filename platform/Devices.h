@@ -17,11 +17,12 @@ std::string deviceRoot();
 
 /// Lists the present devices of an interface class, in byte order of their names. `classGuid` is the class identifier
 /// as text in lower case, with dashes and without braces.
-/// @return 0, also when the class has no device; the system's error number when the class is there but cannot be read.
+/// @return 0, also when the class has no device or cannot be listed; the system's error number when what is there is no
+/// class or stops being readable on the way.
 int listDeviceInterfaces(const char* classGuid, std::vector<DeviceInterface>& out);
 
-/// Where serial port `name` lives: "COM<n>" of the device root, the system's n-th port when that is absent; any other
-/// name stands for itself.
+/// Where serial port `name` lives: the entry of that name in the device root; for "COM<n>" the system's n-th port when
+/// that is absent. A path stands for itself.
 std::string serialPortPath(const char* name);
 
 }  // namespace platform

@@ -71,6 +71,12 @@ class SerialLine {
 
     /// True if read() has something without asking the system.
     bool hasBuffered() const { return mBufferStart != mBufferEnd; }
+    /// Takes one byte without asking the system. @return false if none has been fetched.
+    bool takeBuffered(std::uint8_t& byte) {
+        if (!hasBuffered()) return false;
+        byte = mBuffer[mBufferStart++];
+        return true;
+    }
 
   private:
     IoResult fill(std::uint32_t waitMs);

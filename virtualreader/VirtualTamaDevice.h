@@ -25,6 +25,7 @@ class VirtualTamaDevice : public TamaDevice, private ReaderSink, private ReaderW
     std::int32_t ReadBytesUnBlocked(std::uint8_t* buffer, int size, std::uint32_t* count,
                                     std::uint32_t timeout) override;
     void discardInput() override;
+    bool isGone() override { return mBroken; }
 
   private:
     void onFrame(std::span<const std::uint8_t> frame, std::uint32_t delayMs) override;

@@ -13,7 +13,6 @@
 namespace platform {
 namespace {
 
-constexpr int kMaxDiscardedMessages = 64;
 constexpr std::uint32_t kMsPerSecond = 1000;
 constexpr suseconds_t kUsPerMs = 1000;
 
@@ -131,15 +130,6 @@ IoResult DeviceNode::writeNode(std::span<const std::uint8_t> data, std::size_t& 
         });
     }
     return result;
-}
-
-void DeviceNode::discardInput() {
-    std::uint8_t scrap[512];
-    for (int i = 0; i < kMaxDiscardedMessages; ++i) {
-        const ssize_t result = mIsSocket ? ::recv(mDescriptor, scrap, sizeof scrap, MSG_DONTWAIT)
-                                         : ::read(mDescriptor, scrap, sizeof scrap);
-        if (result < 0 && errno != EINTR) return;
-    }
 }
 
 // To the system 0 means "no limit"; a time-out of 0 is asked for by MSG_DONTWAIT instead and needs no change here.

@@ -42,7 +42,8 @@ int listDeviceInterfaces(const char* classGuid, std::vector<DeviceInterface>& ou
     out.clear();
     const std::string directory = deviceRoot() + '/' + classGuid;
     std::unique_ptr<DIR, CloseDirectory> entries(::opendir(directory.c_str()));
-    if (!entries) return errno == ENOENT ? 0 : errno;
+    // Whatever cannot be listed is a class without devices; only a class that is no directory at all is a mistake.
+    if (!entries) return errno == ENOTDIR ? ENOTDIR : 0;
 
     for (;;) {
         errno = 0;
@@ -60,9 +61,10 @@ int listDeviceInterfaces(const char* classGuid, std::vector<DeviceInterface>& ou
 }
 
 std::string serialPortPath(const char* name) {
-    const std::uint32_t number = portNumber(name);
-    if (number == 0) return name;
+    if (std::string_view(name).find('/') != std::string_view::npos) return name;
     std::string published = deviceRoot() + '/' + name;
+    const std::uint32_t number = portNumber(name);
+    if (number == 0) return published;
     // A link that leads nowhere is a reader that has just gone: no other port may be taken for it.
     struct stat status;
     if (::lstat(published.c_str(), &status) == 0) return published;

@@ -156,7 +156,10 @@ int SerialLine::open(const char* name) {
 }
 
 void SerialLine::close() {
-    if (isOpen()) ::ioctl(mDescriptor, TCFLSH, TCOFLUSH);
+    if (isOpen()) {
+        ::ioctl(mDescriptor, TCFLSH, TCOFLUSH);
+        ::ioctl(mDescriptor, TIOCNXCL);  // else the mark stays as long as anybody has the line open
+    }
     const Descriptor waiting(std::exchange(mWaitDescriptor, -1));
     const Descriptor line(std::exchange(mDescriptor, -1));
 }
@@ -189,8 +192,13 @@ int SerialLine::setHandshaking(Handshaking mode) {
     settings.c_iflag &= ~kFlowControlInput;
     if (mode == Handshaking::hardware) settings.c_cflag |= CRTSCTS;
     if (mode == Handshaking::software) settings.c_iflag |= kFlowControlInput;
-    const int error = setTerminal(mDescriptor, settings);
-    return error == 0 ? 0 : mLastError = error;
+    if (const int error = setTerminal(mDescriptor, settings); error != 0) return mLastError = error;
+    if (mode != Handshaking::hardware) {
+        // Opening raises both lines. A pseudo-terminal has none, so the result does not matter.
+        const int lines = TIOCM_DTR | TIOCM_RTS;
+        ::ioctl(mDescriptor, TIOCMBIC, &lines);
+    }
+    return 0;
 }
 
 int SerialLine::handshaking(Handshaking& out) const {

@@ -165,7 +165,13 @@ TEST_F(Link, TellsAFailedDeviceFromASilentOne) {
     EXPECT_EQ(command("4A 01 00"), kBflDeviceTimedOut);
     script->expects({}).answers(ack()).readGives(kDeviceFailed);
     EXPECT_EQ(command("4A 01 00"), kBflDeviceFailed);
+    script->writeFails(kDeviceFailed);
+    EXPECT_EQ(command("4A 01 00"), kBflDeviceFailed) << "one failure is not the end";
+    script->gone = true;
+    script->writeFails(kDeviceFailed);
+    EXPECT_EQ(command("4A 01 00"), kBflDeviceFailed);
     EXPECT_EQ(command("4A 01 00"), kBflDeviceFailed) << "a device that is gone is not asked again";
+    script->gone = false;
     driver->interfaceOpen(49, 0);
     script->writeFails(kDeviceFailed);
     EXPECT_EQ(command("4A 01 00"), kBflDeviceFailed);
@@ -184,6 +190,12 @@ TEST_F(Link, GivesASilentReaderUpUntilTheNextOperation) {
     driver->operationBegins();
     script->dialogue("4A 01 00", "4B 00");
     EXPECT_EQ(command("4A 01 00"), kBflOk);
+    for (int i = 0; i < 3; ++i) {
+        script->expects({}).answers(ack()).readGives(kDeviceTimedOut);
+        EXPECT_EQ(command("4A 01 00"), kBflDeviceTimedOut) << "an ACK alone is no sign of life";
+    }
+    EXPECT_EQ(command("4A 01 00"), kBflDeviceTimedOut);
+    EXPECT_TRUE(script->finished());
 }
 
 TEST_F(Link, DropsWhatIsLeftOverBeforeTheNextCommand) {

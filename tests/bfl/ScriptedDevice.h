@@ -58,6 +58,7 @@ class ScriptedDevice : public TamaDevice {
     struct Script {
         std::deque<Step> steps;
         int opened = 0, closed = 0, discarded = 0;
+        bool gone = false;
         std::int32_t openResult = kDeviceOk;
         std::vector<Bytes> written;
         std::string name;
@@ -110,6 +111,7 @@ class ScriptedDevice : public TamaDevice {
         return step.result;
     }
     void discardInput() override { ++mScript->discarded; }
+    bool isGone() override { return mScript->gone; }
 
   private:
     Step take(Step::Kind kind) {

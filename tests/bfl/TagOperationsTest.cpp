@@ -114,7 +114,7 @@ TEST_F(TagOperations, WakeUpTakesOnlyTheTagThatWasNamed) {
         {"already awake", "4B 00 01", kBflOk, "A5 A5 A5"},
         {"another tag", "4B 01 01 04 00 08 04 DE AD BE EE", kBflNoTag, "04 00 08"},
         {"another length", "4B 01 01 44 00 00 07 DE AD BE EF 01 02 03", kBflNoTag, "44 00 00"},
-        {"no UID", "4B 01 01 04 00 08 00", kBflNoTag, "A5 A5 A5"},
+        {"no UID", "4B 01 01 04 00 08 00", kBflNoTag, "04 00 08"},
         {"UID beyond the frame", "4B 01 01 04 00 08 09 DE AD BE EF", kBflNoTag, "A5 A5 A5"},
         {"cut", "4B 01 01", kBflNoTag, "A5 A5 A5"},
     };

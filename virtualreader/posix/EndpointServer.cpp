@@ -156,7 +156,7 @@ void EndpointServer::onFrame(std::span<const std::uint8_t> frame, std::uint32_t 
     {
         const std::lock_guard held(mMutex);
         const Instant readyAt = Clock::now() + std::chrono::milliseconds(delayMs);
-        mQueue.push_back({{frame.begin(), frame.end()}, readyAt});
+        mQueue.push_back({{frame.begin(), frame.end()}, readyAt, delayMs != 0});
     }
     wake();
 }

@@ -49,6 +49,7 @@ class EndpointServer : private ReaderSink, private ReaderWatcher {
     struct Outgoing {
         std::vector<std::uint8_t> bytes;
         Instant readyAt;
+        bool delayed = false;
     };
 
     /// Opens and publishes; called by `start` and when the reader comes back. @return empty or what went wrong.

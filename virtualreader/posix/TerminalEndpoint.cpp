@@ -52,6 +52,7 @@ class TerminalEndpoint::Server : public EndpointServer {
 
     std::deque<std::uint8_t> mInput;  ///< Bytes of the host that are still on the line.
     Instant mInputDue;                ///< When the first of them has arrived.
+    Instant mAnswersFrom;             ///< When the last byte that the reader has heard had arrived.
     Outgoing mOutput;
     std::size_t mSent = 0;  ///< Bytes of mOutput that have left.
     Instant mOutputDue;     ///< When the last byte has left the line.
@@ -152,6 +153,7 @@ std::optional<TerminalEndpoint::Server::Instant> TerminalEndpoint::Server::deliv
         if (mInputDue > Clock::now()) return mInputDue;
         const std::uint8_t byte = mInput.front();
         mInput.pop_front();
+        mAnswersFrom = mInputDue;
         if (!mInput.empty()) mInputDue += mByteTime;
         reader().receive({&byte, 1});
     }
@@ -168,7 +170,7 @@ std::optional<TerminalEndpoint::Server::Instant> TerminalEndpoint::Server::sendO
             auto next = takeOutgoing(wakeAt);
             if (!next) return wakeAt;
             mOutput = std::move(*next);
-            mOutputDue = std::max(mOutputDue, mOutput.readyAt);
+            mOutputDue = std::max(mOutputDue, mOutput.delayed ? mOutput.readyAt : mAnswersFrom);
         }
         const Instant now = Clock::now();
         std::size_t due = mOutput.bytes.size() - mSent;

@@ -5,50 +5,11 @@
 #include "QVLParamCollection.h"
 #include "QVLReaderServiceIntf.h"
 #include "QvlExport.h"
+#include "ServiceEnums.h"
 #include "ServiceStatus.h"
 #include "TagUID.h"
 
 #include <cstdint>
-
-/// How an operation addresses the memory of a tag.
-enum TagAppType : std::int32_t {
-    TagAppNone = 0,  ///< Absolute blocks and sectors, no application directory.
-    TagAppMad1 = 1,  ///< Blocks and sectors of an application in the tag's directory.
-    TagAppMad2 = 2,  ///< The same; formatting writes a version 2 directory.
-};
-
-/// With which key of a sector to authenticate: the Mifare command byte itself.
-enum AuthKeyMode : std::int32_t {
-    AuthKeyA = 0x60,
-    AuthKeyB = 0x61,
-};
-
-/// Operations on a value block.
-enum ValueBlockOper : std::int32_t {
-    ValueIncrement = 0,
-    ValueDecrement = 1,
-};
-
-/// Access condition of a data block or a sector trailer, by its bits C1 C2 C3.
-enum DataAccControl : std::int32_t {
-    AccData010 = 0,
-    AccData100 = 1,
-    AccData011 = 2,
-    AccData101 = 3,
-    AccData111 = 4,
-    AccData000 = 5,
-    AccData110 = 6,  ///< Value block.
-    AccData001 = 7,  ///< Value block that can only be decremented.
-    AccTrailer000 = 8,
-    AccTrailer010 = 9,
-    AccTrailer100 = 10,
-    AccTrailer110 = 11,
-    AccTrailer001 = 12,
-    AccTrailer011 = 13,
-    AccTrailer101 = 14,
-    AccTrailer111 = 15,
-    AccInvalid = 16,
-};
 
 /// What a host sees of an adaptor: the operations, with the answer of an adaptor that does not provide one.
 ///
@@ -89,64 +50,95 @@ class QVL_API ReaderImpl {
     /// suspendPoll. Opens the reader by itself when it is not ready.
     virtual bool pollTag(EventObject*& event, bool forced, bool ignoreSuspend) = 0;
 
+    /// Waits for a tag, with an `appType` other than TagAppNone for one with a directory, with `appId` for one that
+    /// carries the application. `tag` becomes an array of one. `halt` sends the tag and all others to sleep.
     virtual int getTagId(int readerId, TagAppType appType, short appId, TagUID*& tag, AuthKeyMode keyMode,
                          const std::uint8_t* key, bool halt);
+    /// All tags in the field, waiting for the first. `tags` becomes an array of `count`, null for none.
     virtual int getAllTagId(int readerId, TagAppType appType, short appId, AuthKeyMode keyMode, const std::uint8_t* key,
                             short& count, TagUID*& tags);
     /// Stops pollTag for all tags until resumePoll. 3106 when suspended already; resumePoll 3107 when not.
     virtual int suspendPoll(TagUID& tag);
     virtual int resumePoll(TagUID& tag);
 
-    virtual int formatTag(int readerId, TagAppType appType, std::uint8_t* newKeyB, TagUID*& tag, std::uint8_t* key,
-                          int& count, OpResultCode*& results);
-    virtual int unformatTag(int readerId, TagAppType appType, std::uint8_t* key, TagUID*& tag, int* results);
+    /// Gives a factory tag, whichever lies in the field, the trailers of this system, with `appType` 1 or 2 a directory
+    /// too. `tag` becomes the tag that was found. A null `newKeyA` is the directory's public key, without directory the
+    /// factory key. One record a sector.
+    virtual int formatTag(int readerId, TagAppType appType, std::uint8_t* newKeyB, TagUID*& tag, std::uint8_t* newKeyA,
+                          int& sectorCount, OpResultCode*& results);
+    /// Brings a formatted tag back to the factory state; `key` is its key B. `statuses`, if given, has an entry for
+    /// each sector of the largest tag that is expected.
+    virtual int unformatTag(int readerId, TagAppType appType, std::uint8_t* key, TagUID*& tag, int* statuses);
+
+    /// Creates an application of `sectorCount` sectors in the tag's directory. `madKey` is key B of sector 0,
+    /// `sectorKey` key B of free sectors (null: `madKey`). `access` is a data condition, 0 to 7. `done` sectors are
+    /// finished; one record for each sector tried. `spareShort` plays no part.
     virtual int initApp(int readerId, TagAppType appType, short appId, const std::uint8_t* madKey,
-                        const std::uint8_t* sectorKey, short sectorIndex, short sectorCount, const TagUID& tag,
-                        const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, DataAccControl access, int& first,
-                        int& count, OpResultCode*& results);
-    virtual int resetApp(int readerId, TagAppType appType, short appId, const std::uint8_t* madKey, short sectorIndex,
+                        const std::uint8_t* sectorKey, short spareShort, short sectorCount, const TagUID& tag,
+                        const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, DataAccControl access, int& done,
+                        int& resultCount, OpResultCode*& results);
+    /// removeAppSector from the application's first sector on.
+    virtual int resetApp(int readerId, TagAppType appType, short appId, const std::uint8_t* madKey, short spareShort,
                          short sectorCount, const TagUID& tag, AuthKeyMode keyMode, const std::uint8_t* key,
-                         const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, int* results);
+                         const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, int* statuses);
+    /// Takes `sectorCount` sectors from an application, from list position `startIndex`; without a directory `appId` is
+    /// the first sector. Their data is zeroed. `statuses`, if given, has an entry for each sector.
     virtual int removeAppSector(int readerId, TagAppType appType, short appId, const std::uint8_t* madKey,
-                                short sectorIndex, short sectorCount, short startIndex, const TagUID& tag,
+                                short spareShort, short startIndex, short sectorCount, const TagUID& tag,
                                 AuthKeyMode keyMode, const std::uint8_t* key, const std::uint8_t* newKeyA,
-                                const std::uint8_t* newKeyB, int* results);
+                                const std::uint8_t* newKeyB, int* statuses);
+
+    /// Gives one data block an access condition and clears it; `blockKind` 2051 is a data block, 2052 a value block
+    /// that starts with `value`. All of a trailer is written, so key A comes from the caller.
     virtual int setDataBlockType(int readerId, TagAppType appType, short appId, const TagUID& tag,
-                                 const std::uint8_t* keyA, const std::uint8_t* keyB, short sector, short block,
+                                 const std::uint8_t* newKeyA, const std::uint8_t* keyB, short block, short blockKind,
                                  DataAccControl access, unsigned int value, AuthKeyMode madKeyMode,
                                  const std::uint8_t* madKey);
+    /// Writes the conditions 12 (as delivered) or 13 (formatted) and both keys to whole sectors.
     virtual int setTrailerBlockType(int readerId, TagAppType appType, short appId, const TagUID& tag,
                                     AuthKeyMode keyMode, const std::uint8_t* keyA, const std::uint8_t* keyB,
                                     DataAccControl access, AuthKeyMode madKeyMode, const std::uint8_t* madKey,
-                                    short sectorCount, int& count, OpResultCode*& results);
+                                    short sectorCount, int& resultCount, OpResultCode*& results);
+    /// Replaces both keys of sectors.
     virtual int setKey(int readerId, TagAppType appType, short appId, const TagUID& tag, AuthKeyMode keyMode,
                        const std::uint8_t* key, const std::uint8_t* newKeyA, const std::uint8_t* newKeyB,
-                       short sectorCount, AuthKeyMode madKeyMode, const std::uint8_t* madKey, int& count,
+                       short sectorCount, AuthKeyMode madKeyMode, const std::uint8_t* madKey, int& resultCount,
                        OpResultCode*& results);
+
+    /// The applications in a tag's directory, each once.
     virtual int getAllAppId(int readerId, TagAppType appType, const TagUID& tag, short& count, short*& appIds,
                             AuthKeyMode keyMode, const std::uint8_t* key);
+    /// The directory as it stands: sixteen values, the entry of each sector at its number.
     virtual int getAppIdDir(int readerId, TagAppType appType, const TagUID& tag, short* directory, AuthKeyMode keyMode,
                             const std::uint8_t* key);
+    /// getBlockData and setBlockData over all of an application.
     virtual int getAppData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
                            const std::uint8_t* key, std::uint8_t*& data, int& dataLength, AuthKeyMode madKeyMode,
-                           const std::uint8_t* madKey, int& count, OpResultCode*& results);
+                           const std::uint8_t* madKey, int& resultCount, OpResultCode*& results);
     virtual int setAppData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
                            const std::uint8_t* key, std::uint8_t* data, int dataLength, AuthKeyMode madKeyMode,
-                           const std::uint8_t* madKey, const std::uint8_t* fill, int& count, OpResultCode*& results);
+                           const std::uint8_t* madKey, const std::uint8_t* fillBlock, int& resultCount,
+                           OpResultCode*& results);
+    /// Moves a run of data blocks: from an absolute block, or with a directory from a block index of an application.
+    /// `blockCount` 999 is all to the end. Sector by sector, one record a block, so that a run can half succeed (3132);
+    /// failed blocks read as zero. Short data is padded with zeroes, or with the 16 bytes of `fillBlock`.
     virtual int getBlockData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
-                             const std::uint8_t* key, short startIndex, short blockCount, std::uint8_t*& data,
-                             int& dataLength, AuthKeyMode madKeyMode, const std::uint8_t* madKey, int& count,
+                             const std::uint8_t* key, short startBlock, short blockCount, std::uint8_t*& data,
+                             int& dataLength, AuthKeyMode madKeyMode, const std::uint8_t* madKey, int& resultCount,
                              OpResultCode*& results);
     virtual int getBlockData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
-                             const std::uint8_t* key, short startIndex, short blockCount, std::uint8_t*& data,
-                             int& dataLength, AuthKeyMode madKeyMode, const std::uint8_t* madKey, int* results);
+                             const std::uint8_t* key, short startBlock, short blockCount, std::uint8_t*& data,
+                             int& dataLength, AuthKeyMode madKeyMode, const std::uint8_t* madKey, int* statuses);
     virtual int setBlockData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
-                             const std::uint8_t* key, short startIndex, short blockCount, std::uint8_t* data,
+                             const std::uint8_t* key, short startBlock, short blockCount, std::uint8_t* data,
                              int dataLength, AuthKeyMode madKeyMode, const std::uint8_t* madKey,
-                             const std::uint8_t* fill, int& count, OpResultCode*& results);
+                             const std::uint8_t* fillBlock, int& resultCount, OpResultCode*& results);
     virtual int setBlockData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
-                             const std::uint8_t* key, short startIndex, short blockCount, std::uint8_t* data,
-                             int dataLength, AuthKeyMode madKeyMode, const std::uint8_t* madKey, int* results);
+                             const std::uint8_t* key, short startBlock, short blockCount, std::uint8_t* data,
+                             int dataLength, AuthKeyMode madKeyMode, const std::uint8_t* madKey, int* statuses);
+
+    /// Value blocks. 3120 of adjustValue means that nobody knows whether the change took place; it is never repeated.
+    /// `transferBlock` -1 is the block itself.
     virtual int getValue(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
                          const std::uint8_t* key, int block, int& value, AuthKeyMode madKeyMode,
                          const std::uint8_t* madKey);
@@ -157,18 +149,20 @@ class QVL_API ReaderImpl {
                             const std::uint8_t* key, int block, ValueBlockOper operation, unsigned int amount,
                             int transferBlock, AuthKeyMode madKeyMode, const std::uint8_t* madKey);
     virtual int initDecrementOnlyBlock(int readerId, TagAppType appType, const TagUID& tag, short appId,
-                                       const std::uint8_t* keyA, const std::uint8_t* keyB, int block, int value,
+                                       const std::uint8_t* newKeyA, const std::uint8_t* keyB, int block, int value,
                                        AuthKeyMode madKeyMode, const std::uint8_t* madKey);
+    /// The access condition of one block, and of a whole sector: three groups and the trailer.
     virtual int getBlockAccessMode(int readerId, TagAppType appType, const TagUID& tag, short appId,
                                    AuthKeyMode keyMode, const std::uint8_t* key, int block, DataAccControl& access,
                                    AuthKeyMode madKeyMode, const std::uint8_t* madKey);
     virtual int getSectorAccessMode(int readerId, TagAppType appType, const TagUID& tag, short appId,
-                                    AuthKeyMode keyMode, const std::uint8_t* key, short sector, DataAccControl* access,
-                                    AuthKeyMode madKeyMode, const std::uint8_t* madKey);
+                                    AuthKeyMode keyMode, const std::uint8_t* key, short sectorIndex,
+                                    DataAccControl* conditions, AuthKeyMode madKeyMode, const std::uint8_t* madKey);
+    /// More sectors for an application; without a directory for `sectorCount` sectors from number `appId` on.
     virtual int addAppSector(int readerId, TagAppType appType, short appId, const std::uint8_t* madKey,
-                             const std::uint8_t* sectorKey, short sectorIndex, short sectorCount, const TagUID& tag,
-                             const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, DataAccControl access,
-                             int& first, int& count, OpResultCode*& results);
+                             const std::uint8_t* sectorKey, short spareShort, short sectorCount, const TagUID& tag,
+                             const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, DataAccControl access, int& done,
+                             int& resultCount, OpResultCode*& results);
 
     /// Whether operations that wait for a tag put up the prompt (TagPrompt.h). On at the start.
     virtual void setTagPromptFlag(bool on);

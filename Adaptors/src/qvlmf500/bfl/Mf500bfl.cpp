@@ -1,6 +1,8 @@
 #include "Mf500bfl.h"
 
-Mf500bfl::Mf500bfl() = default;
+#include "KeyPool.h"
+
+Mf500bfl::Mf500bfl() { seedKeyPool(); }
 
 Mf500bfl::~Mf500bfl() = default;
 

@@ -93,6 +93,7 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
     // The link.
     QVL_INTERNAL short nfcWrite(const std::uint8_t* data, int len);
     QVL_INTERNAL short nfcRead();
+    QVL_INTERNAL short deviceReady() const;
     QVL_INTERNAL short deviceFailed();
     QVL_INTERNAL short deviceTimedOut();
     QVL_INTERNAL std::size_t buildCommand(const char* caller, const std::uint8_t* cmd, int len,
@@ -102,6 +103,7 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
     QVL_INTERNAL short readReply(const char* caller);
     QVL_INTERNAL void unscrambleReply();
     QVL_INTERNAL short checkTamaProtocol(std::span<const std::uint8_t> sent);
+    QVL_INTERNAL short shortReply();
     QVL_INTERNAL short changeKeyWhenDue();
     QVL_INTERNAL short exchangeSecretKey();
     QVL_INTERNAL short agreeLinkKey();

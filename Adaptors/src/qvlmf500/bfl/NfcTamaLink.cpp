@@ -45,7 +45,8 @@ std::span<const std::uint8_t> NfcTamaBfl::received() const {
 }
 
 short NfcTamaBfl::deviceFailed() {
-    mDeviceGone = true;
+    mDeviceGone = mDevice->isGone();
+    mInputStale = true;
     return kBflDeviceFailed;
 }
 
@@ -55,10 +56,14 @@ short NfcTamaBfl::deviceTimedOut() {
     return kBflDeviceTimedOut;
 }
 
-short NfcTamaBfl::nfcWrite(const std::uint8_t* data, int len) {
+// Told before anything is scrambled: a command that is not sent takes nothing from the key stream.
+short NfcTamaBfl::deviceReady() const {
     if (!mDevice) return kBflNoDevice;
     if (mDeviceGone) return kBflDeviceFailed;
-    if (mTimeOutsInARow >= kMostTimeOutsInARow) return kBflDeviceTimedOut;
+    return mTimeOutsInARow >= kMostTimeOutsInARow ? kBflDeviceTimedOut : kBflOk;
+}
+
+short NfcTamaBfl::nfcWrite(const std::uint8_t* data, int len) {
     if (mInputStale) {
         mDevice->discardInput();
         mInputStale = false;
@@ -90,9 +95,7 @@ short NfcTamaBfl::nfcRead() {
         return deviceFailed();
     }
     mDataInBufLen = static_cast<std::int32_t>(count);
-    if (result == kDeviceTimedOut) return deviceTimedOut();
-    mTimeOutsInARow = 0;
-    return kBflOk;
+    return result == kDeviceTimedOut ? deviceTimedOut() : short{kBflOk};
 }
 
 std::size_t NfcTamaBfl::buildCommand(const char* caller, const std::uint8_t* cmd, int len,
@@ -106,6 +109,7 @@ std::size_t NfcTamaBfl::buildCommand(const char* caller, const std::uint8_t* cmd
 }
 
 short NfcTamaBfl::writeCommand(const std::uint8_t* plain, std::size_t size, bool scramble) {
+    if (const short status = deviceReady(); status != kBflOk) return status;
     FrameBuffer frame;
     std::copy_n(plain, size, frame.begin());
     if (scramble) {
@@ -121,8 +125,9 @@ short NfcTamaBfl::readAck(const char* caller) {
         return status;
     }
     if (!tama::isAck(received())) {
+        // What came may be a reply of an earlier command, with a key in it.
         QVL_LOG(kLogFailure, "NfcTamaBfl::%s - expecting an ACK frame, but 0x%s", caller,
-                hexText(received().data(), received().size()).c_str());
+                HexLine(received().data(), received().size(), tama::kData).text());
         mInputStale = true;
         return kBflBadFrame;
     }
@@ -135,9 +140,10 @@ short NfcTamaBfl::readReply(const char* caller) {
         QVL_LOG(kLogFailure, "NfcTamaBfl::%s - nfcRead failed %d to read TAMA response", caller, status);
         return status;
     }
+    mTimeOutsInARow = 0;
     if (!tama::isError(received())) return kBflOk;
     QVL_LOG(kLogFailure, "NfcTamaBfl::%s - returned the ERROR frame 0x%s", caller,
-            hexText(received().data(), received().size()).c_str());
+            HexLine(received().data(), received().size()).text());
     return kBflErrorFrame;
 }
 
@@ -212,7 +218,7 @@ short NfcTamaBfl::checkTamaProtocol(std::span<const std::uint8_t> sent) {
                 in[tama::kCode]);
         break;
     case Fault::noStatus:
-        return kBflBadFrame;
+        return shortReply();
     case Fault::status:
         QVL_LOG(kLogFailure, "NfcTamaBfl::checkTamaProtocl - failed %02X for command %02X", in[tama::kData],
                 sent[tama::kCode]);
@@ -220,6 +226,13 @@ short NfcTamaBfl::checkTamaProtocol(std::span<const std::uint8_t> sent) {
     }
     mInputStale = true;
     return fault == Fault::start ? kBflBadStart : kBflBadFrame;
+}
+
+short NfcTamaBfl::shortReply() {
+    QVL_LOG(kLogFailure, "NfcTamaBfl::reply to command %02X is too short, LEN=%02X", mDataInBuf[tama::kCode] - 1,
+            mDataInBuf[tama::kLen]);
+    mInputStale = true;
+    return kBflBadFrame;
 }
 
 short NfcTamaBfl::changeKeyWhenDue() {
@@ -260,13 +273,13 @@ short NfcTamaBfl::agreeLinkKey() {
     const short status = tamaCommand1(command.data(), static_cast<int>(command.size()), confirmation.data());
     if (status == kBflErrorFrame) runInTheClear("the reader does not take part in the key agreement");
     if (status != kBflOk) return kBflOk;  // served all the same, with the link as the call left it
+    const WipedAtEnd reply(mDataInBuf, sizeof mDataInBuf);
     if (const short refused =
             checkStatusByte(kAgreementReplyLen, "NfcTamaBfl::pcdConfig tamaCommand 0x1C return error code");
         refused != kBflOk)
         return refused;
     if (!std::equal(confirmation.begin(), confirmation.end(), mDataInBuf + kReplyKey)) return kBflOutOfRange;
     mLinkCipher->setKey(mDataInBuf + kReplySessionKey);
-    wipe(mDataInBuf, sizeof mDataInBuf);
     if (!mLinkCipher->hasKey()) runInTheClear("the reader gave out a zero key");
     return confirmLinkKey(confirmation.data());
 }

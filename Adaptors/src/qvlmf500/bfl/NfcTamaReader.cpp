@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -57,8 +58,10 @@ std::uint32_t takeBaudRate(char* name) {
     char* separator = std::strchr(name, ';');
     if (separator == nullptr) return baudRate;
     *separator = '\0';
-    int number = 0;
-    if (std::sscanf(separator + 1, "%9d", &number) == 1) baudRate = static_cast<std::uint32_t>(number);
+    const char* digits = separator + 1;
+    char* end = nullptr;
+    const long number = std::strtol(digits, &end, 10);
+    if (end != digits) baudRate = static_cast<std::uint32_t>(std::clamp<long>(number, 0, INT32_MAX));
     return baudRate;
 }
 
@@ -154,13 +157,13 @@ short NfcTamaBfl::send(std::span<std::uint8_t> command, const char* failure) {
 }
 
 short NfcTamaBfl::checkStatusByte(std::size_t leastLen, const char* failure) {
-    if (replyLen() < kStatusReplyLen) return kBflBadFrame;
+    if (replyLen() < kStatusReplyLen) return shortReply();
     const std::uint8_t status = mDataInBuf[tama::kData];
     if (status != 0) {
         QVL_LOG(kLogFailure, "%s 0x%02X", failure, status);
         return status;
     }
-    return replyLen() < leastLen ? kBflBadFrame : kBflOk;
+    return replyLen() < leastLen ? shortReply() : short{kBflOk};
 }
 
 short NfcTamaBfl::pcdConfig() {
@@ -203,7 +206,7 @@ short NfcTamaBfl::readIdentity(const char* operation) {
                 mDataInBuf[tama::kData]);
         return mDataInBuf[tama::kData];
     }
-    return replyLen() < kIdentityReplyLen ? kBflBadFrame : kBflOk;
+    return replyLen() < kIdentityReplyLen ? shortReply() : short{kBflOk};
 }
 
 short NfcTamaBfl::pcdGetSnr(std::uint8_t* snr, std::uint16_t& snrLen) {

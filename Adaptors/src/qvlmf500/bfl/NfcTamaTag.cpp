@@ -8,9 +8,9 @@
 #include "TamaFrame.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <new>
-#include <string>
 
 namespace {
 
@@ -121,9 +121,10 @@ short NfcTamaBfl::activateWithAts(const AtsForm& form, Activation activate, cons
             QVL_LOG(kLogFailure, "NfcTamaBfl::%s w/ ATS failed to get ATS, wrong atsLen=%d", form.name, *ats_len);
     }
     if (const short status = setTAMAParam4TCL(false); status != kBflOk) {
-        const std::string told = form.tellsResetStatus ? " " + std::to_string(status) : std::string();
+        char told[8] = "";
+        if (form.tellsResetStatus) std::snprintf(told, sizeof told, " %d", status);
         QVL_LOG(kLogFailure, "NfcTamaBfl::%s w/ ATS - reset TAMA Parameter failed%s, tamaCommand failed!", form.name,
-                told.c_str());
+                told);
         return status;
     }
     return kept;
@@ -157,30 +158,33 @@ short NfcTamaBfl::piccActivateWakeup(std::uint8_t, std::uint8_t* atq, std::uint8
     const short status = tamaCommand(command, 3 + uid_len);
     if (status != kBflOk) {
         QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateWakeup tamaCommand failed for the given tag 0x%s!",
-                hexText(uid, uid_len).c_str());
+                HexLine(uid, uid_len).text());
         return status;
     }
     if (mDataInBuf[kTargetCount] == 0 && replyLen() == kNoTargetLen) {
         QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateWakeup - the tag 0x%s is not in the field.",
-                hexText(uid, uid_len).c_str());
+                HexLine(uid, uid_len).text());
         return kBflNoTag;
     }
     if (mDataInBuf[kTargetCount] == 0) {
         QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateWakeup - the tag 0x%s is already waked up.",
-                hexText(uid, uid_len).c_str());
+                HexLine(uid, uid_len).text());
         return kBflOk;
     }
-    const std::size_t foundLen = uidFits() ? mDataInBuf[kUidLen] : 0;
+    const bool fits = uidFits();
+    if (fits) {
+        std::copy_n(mDataInBuf + kAtq, 2, atq);
+        *sak = mDataInBuf[kSak];
+    }
+    const std::size_t foundLen = fits ? mDataInBuf[kUidLen] : 0;
     if (foundLen == 0) {
         QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateWakeup - failed to activate wakeup the given tag 0x%s!",
-                hexText(uid, uid_len).c_str());
+                HexLine(uid, uid_len).text());
         return kBflNoTag;
     }
-    std::copy_n(mDataInBuf + kAtq, 2, atq);
-    *sak = mDataInBuf[kSak];
     if (foundLen == uid_len && std::memcmp(mDataInBuf + kUid, uid, uid_len) == 0) return kBflOk;
     QVL_LOG(kLogFailure, "NfcTamaBfl::piccActivateWakeup initialize wrong tag=0x%s uidWakeupLen = %d",
-            hexText(mDataInBuf + kUid, foundLen).c_str(), static_cast<int>(foundLen));
+            HexLine(mDataInBuf + kUid, foundLen).text(), static_cast<int>(foundLen));
     return kBflNoTag;
 }
 
@@ -209,7 +213,7 @@ short NfcTamaBfl::piccRead(std::uint8_t block, std::uint8_t* data) {
     if (data == nullptr) return kBflOutOfRange;
     std::uint8_t command[] = {tama::kInDataExchange, kTarget, kMifareRead, block};
     if (const short status = send(command, "NfcTamaBfl::piccRead tamaCommand failed!"); status != kBflOk) return status;
-    if (replyLen() < kStatusReplyLen + kBlockSize) return kBflBadFrame;
+    if (replyLen() < kStatusReplyLen + kBlockSize) return shortReply();
     std::copy_n(mDataInBuf + kReplyData, kBlockSize, data);
     return kBflOk;
 }
@@ -245,11 +249,11 @@ short NfcTamaBfl::piccValue(std::uint8_t operation, std::uint8_t block, std::uin
 short NfcTamaBfl::piccExchangeBlock(std::uint8_t* sendData, std::uint16_t sendLen, std::uint8_t* rec_data,
                                     std::uint16_t* rec_bytelen, std::uint8_t, std::uint32_t) {
     const OperationLock lock = lockOperation();
-    if (anyNull(sendData, rec_data, rec_bytelen)) return kBflOutOfRange;
     if (sendLen == 0 || sendLen > kLongestBlockSent) {
         QVL_LOG(kLogFailure, "NfcTamaBfl::piccExchangeBlock  wrong send data length %d", sendLen);
         return kBflBadSendLength;
     }
+    if (anyNull(sendData, rec_data, rec_bytelen)) return kBflOutOfRange;
     SecretBytes<1 + kLongestBlockSent> command;
     command[0] = kInCommunicateThru;
     std::copy_n(sendData, sendLen, command.begin() + 1);

@@ -6,6 +6,7 @@
 #include "LogService.h"
 #include "QvlMf500ReaderImpl.h"
 #include "ReaderLock.h"
+#include "SearchLimit.h"
 
 #include <algorithm>
 #include <memory>
@@ -21,10 +22,6 @@ constexpr std::uint8_t kReqA = 0x26;
 constexpr std::uint8_t kFirstSelectCode = 0x93;
 constexpr std::uint8_t kUidIncomplete = 0x04;
 constexpr std::size_t kCascadePart = 4;
-
-// A tag that answers again after HALT would keep the search going for ever.
-constexpr int kMostHalts = 4096;
-constexpr std::uint32_t kLongestHaltingMs = 60000;
 
 }  // namespace
 
@@ -113,12 +110,13 @@ short QvlMf500ReaderImpl::piccActivateWakup(Qvl14443bfl& bfl, std::uint8_t* atq,
 
 int QvlMf500ReaderImpl::haltAllTag(bool haltSelected) {
     return guarded("haltAllTag", int{kOk}, [&] {
-        if (haltSelected) driver()->piccHalt();
-        const std::uint32_t start = platform::Clock::current().tick();
+        const auto bfl = idleDriver();
+        if (haltSelected) bfl->piccHalt();
+        SearchLimit limit;
         TagUID tag;
-        for (int halts = 0; getTagIdOnce(tag, false) == kOk; ++halts) {
-            if (halts == kMostHalts || platform::Clock::current().tick() - start >= kLongestHaltingMs) {
-                QVL_LOG(kLogFailure, "QvlMf500ReaderImpl::haltAllTag gives up after %d tags", halts);
+        while (getTagIdOnce(tag, false) == kOk) {
+            if (!limit.mayGoOn()) {
+                QVL_LOG(kLogFailure, "QvlMf500ReaderImpl::haltAllTag gives up after %d tags", limit.tags());
                 break;
             }
             driver()->piccHalt();

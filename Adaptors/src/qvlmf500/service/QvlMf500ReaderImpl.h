@@ -11,6 +11,21 @@
 #include <memory>
 #include <string>
 
+struct AppSectorChange;
+struct AppSectorRemoval;
+struct BlockAddress;
+struct BlockResults;
+struct BlockRun;
+struct BlockTypeChange;
+class DirectoryImage;
+struct DirtyBlocks;
+struct KeyUse;
+struct ResolvedRun;
+struct RunRequest;
+struct SectorList;
+struct SectorResults;
+struct TrailerChange;
+
 /// The adaptor. It has no worker thread: every operation runs on the thread of its caller, and the one lock under which
 /// all tag work runs orders threads and processes. It works with the driver that the last device scan chose.
 class QvlMf500ReaderImpl : public virtual ReaderImpl {
@@ -42,12 +57,102 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     void resetSuspendTime(std::uint32_t ms) override;
     int haltAllTag(bool haltSelected) override;
 
+    // Search.cpp
+    int getTagId(int readerId, TagAppType appType, short appId, TagUID*& tag, AuthKeyMode keyMode,
+                 const std::uint8_t* key, bool halt) override;
+    int getAllTagId(int readerId, TagAppType appType, short appId, AuthKeyMode keyMode, const std::uint8_t* key,
+                    short& count, TagUID*& tags) override;
+
+    // tagdata/Directory.cpp
+    int getAllAppId(int readerId, TagAppType appType, const TagUID& tag, short& count, short*& appIds,
+                    AuthKeyMode keyMode, const std::uint8_t* key) override;
+    int getAppIdDir(int readerId, TagAppType appType, const TagUID& tag, short* directory, AuthKeyMode keyMode,
+                    const std::uint8_t* key) override;
+
+    // tagdata/Formatting.cpp
+    int formatTag(int readerId, TagAppType appType, std::uint8_t* newKeyB, TagUID*& tag, std::uint8_t* newKeyA,
+                  int& sectorCount, OpResultCode*& results) override;
+    int unformatTag(int readerId, TagAppType appType, std::uint8_t* key, TagUID*& tag, int* statuses) override;
+
+    // tagdata/Applications.cpp
+    int initApp(int readerId, TagAppType appType, short appId, const std::uint8_t* madKey,
+                const std::uint8_t* sectorKey, short spareShort, short sectorCount, const TagUID& tag,
+                const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, DataAccControl access, int& done,
+                int& resultCount, OpResultCode*& results) override;
+    int addAppSector(int readerId, TagAppType appType, short appId, const std::uint8_t* madKey,
+                     const std::uint8_t* sectorKey, short spareShort, short sectorCount, const TagUID& tag,
+                     const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, DataAccControl access, int& done,
+                     int& resultCount, OpResultCode*& results) override;
+    int removeAppSector(int readerId, TagAppType appType, short appId, const std::uint8_t* madKey, short spareShort,
+                        short startIndex, short sectorCount, const TagUID& tag, AuthKeyMode keyMode,
+                        const std::uint8_t* key, const std::uint8_t* newKeyA, const std::uint8_t* newKeyB,
+                        int* statuses) override;
+    int resetApp(int readerId, TagAppType appType, short appId, const std::uint8_t* madKey, short spareShort,
+                 short sectorCount, const TagUID& tag, AuthKeyMode keyMode, const std::uint8_t* key,
+                 const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, int* statuses) override;
+    int getAppData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
+                   const std::uint8_t* key, std::uint8_t*& data, int& dataLength, AuthKeyMode madKeyMode,
+                   const std::uint8_t* madKey, int& resultCount, OpResultCode*& results) override;
+    int setAppData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
+                   const std::uint8_t* key, std::uint8_t* data, int dataLength, AuthKeyMode madKeyMode,
+                   const std::uint8_t* madKey, const std::uint8_t* fillBlock, int& resultCount,
+                   OpResultCode*& results) override;
+
+    // tagdata/BlockData.cpp
+    int getBlockData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
+                     const std::uint8_t* key, short startBlock, short blockCount, std::uint8_t*& data, int& dataLength,
+                     AuthKeyMode madKeyMode, const std::uint8_t* madKey, int& resultCount,
+                     OpResultCode*& results) override;
+    int getBlockData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
+                     const std::uint8_t* key, short startBlock, short blockCount, std::uint8_t*& data, int& dataLength,
+                     AuthKeyMode madKeyMode, const std::uint8_t* madKey, int* statuses) override;
+    int setBlockData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
+                     const std::uint8_t* key, short startBlock, short blockCount, std::uint8_t* data, int dataLength,
+                     AuthKeyMode madKeyMode, const std::uint8_t* madKey, const std::uint8_t* fillBlock,
+                     int& resultCount, OpResultCode*& results) override;
+    int setBlockData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
+                     const std::uint8_t* key, short startBlock, short blockCount, std::uint8_t* data, int dataLength,
+                     AuthKeyMode madKeyMode, const std::uint8_t* madKey, int* statuses) override;
+
+    // tagdata/Values.cpp
+    int getValue(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
+                 const std::uint8_t* key, int block, int& value, AuthKeyMode madKeyMode,
+                 const std::uint8_t* madKey) override;
+    int setValue(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
+                 const std::uint8_t* key, int block, int value, AuthKeyMode madKeyMode,
+                 const std::uint8_t* madKey) override;
+    int adjustValue(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
+                    const std::uint8_t* key, int block, ValueBlockOper operation, unsigned int amount,
+                    int transferBlock, AuthKeyMode madKeyMode, const std::uint8_t* madKey) override;
+    int initDecrementOnlyBlock(int readerId, TagAppType appType, const TagUID& tag, short appId,
+                               const std::uint8_t* newKeyA, const std::uint8_t* keyB, int block, int value,
+                               AuthKeyMode madKeyMode, const std::uint8_t* madKey) override;
+
+    // tagdata/AccessRules.cpp
+    int setDataBlockType(int readerId, TagAppType appType, short appId, const TagUID& tag, const std::uint8_t* newKeyA,
+                         const std::uint8_t* keyB, short block, short blockKind, DataAccControl access,
+                         unsigned int value, AuthKeyMode madKeyMode, const std::uint8_t* madKey) override;
+    int setTrailerBlockType(int readerId, TagAppType appType, short appId, const TagUID& tag, AuthKeyMode keyMode,
+                            const std::uint8_t* keyA, const std::uint8_t* keyB, DataAccControl access,
+                            AuthKeyMode madKeyMode, const std::uint8_t* madKey, short sectorCount, int& resultCount,
+                            OpResultCode*& results) override;
+    int setKey(int readerId, TagAppType appType, short appId, const TagUID& tag, AuthKeyMode keyMode,
+               const std::uint8_t* key, const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, short sectorCount,
+               AuthKeyMode madKeyMode, const std::uint8_t* madKey, int& resultCount, OpResultCode*& results) override;
+    int getBlockAccessMode(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
+                           const std::uint8_t* key, int block, DataAccControl& access, AuthKeyMode madKeyMode,
+                           const std::uint8_t* madKey) override;
+    int getSectorAccessMode(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
+                            const std::uint8_t* key, short sectorIndex, DataAccControl* conditions,
+                            AuthKeyMode madKeyMode, const std::uint8_t* madKey) override;
+
     /// Puts up the prompt. @return true when the caller has to take it down with closeTagPrompt at the end of its
     /// operation; false when another prompt stands already, under which the operation may wait as well.
     virtual bool showTagPrompt();
 
   private:
     friend class ReaderLock;
+    friend class OperationFrame;
 
     std::shared_ptr<Qvl14443bfl> driver() const { return mTcl->driver(); }
     /// The driver for an operation outside the lock, which counts as an operation of its own when nobody holds the
@@ -77,6 +182,85 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     int getTagIdOnce(TagUID& tag, bool forced);
     short piccActivateWakup(Qvl14443bfl& bfl, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid,
                             std::uint8_t* uidLen);
+
+    // Search.cpp
+    int waitForAnyTag(TagUID& tag, bool forced);
+    int findAppTag(const std::uint8_t* aid, TagUID& tag, const KeyUse& key, bool wait, bool forced);
+    int lookForDirectory(const std::uint8_t* aid, TagUID& tag, const KeyUse& key, bool& found);
+
+    static constexpr std::uint8_t kIdleRequest = 0x26;    // REQA: idle tags
+    static constexpr std::uint8_t kWakeUpRequest = 0x52;  // WUPA: halted ones as well
+
+    // tagdata/Selection.cpp: a known tag. `tag` is the one that the caller named; its type is refreshed.
+    int activateTag(int readerId, TagUID& tag);
+    int waitForTag(std::uint8_t requestCode, TagUID& tag);
+    int selectTag(std::uint8_t requestCode, TagUID& tag);
+    short wakeByUid(Qvl14443bfl& bfl, const TagUID& tag, std::uint8_t& sak, bool& sakKnown);
+
+    // tagdata/BlockAccess.cpp: the only place that reads and writes blocks.
+    int authenticateKey(TagUID& tag, int blockAddress, const KeyUse& key);
+    int getBlock(TagUID& tag, int sector, const KeyUse& key, int firstBlock, int blockCount, std::uint8_t* buffer,
+                 bool authenticate, int* statuses);
+    int setBlock(TagUID& tag, int sector, const KeyUse& key, int firstBlock, int blockCount, const std::uint8_t* data,
+                 int dataLength, bool authenticate, int* statuses);
+    template <typename Attempt>
+    short tryThreeTimes(TagUID& tag, int base, const KeyUse& key, Attempt attempt);
+    template <typename Move, typename Failed>
+    int moveBlocks(TagUID& tag, int base, const KeyUse& key, const BlockRun& run, int* statuses, Move move,
+                   Failed failed);
+
+    // tagdata/Directory.cpp
+    int checkAppType(TagUID& tag, const KeyUse& key, bool authenticate, int& kind);
+    int readDirectory(TagUID& tag, const KeyUse& key, bool authenticate, DirectoryImage& image);
+    int writeDirectory(TagUID& tag, const KeyUse& key, const DirectoryImage& image, const DirtyBlocks& dirty,
+                       bool authenticate);
+    int findAppSectors(std::uint16_t appId, TagUID& tag, const KeyUse& key, SectorList& list);
+    int locateAppBlock(std::uint16_t appId, TagUID& tag, const KeyUse& key, int blockIndex, int& sector,
+                       int& blockInSector);
+    int locateAppRange(std::uint16_t appId, TagUID& tag, const KeyUse& key, int firstIndex, SectorList& list,
+                       int& firstListIndex, int& offset);
+
+    // tagdata/DirectoryTransactions.cpp
+    int addMADAppSector(const AppSectorChange& change, TagUID& tag, bool isNew, SectorResults& out);
+    void prepareSectors(const AppSectorChange& change, TagUID& tag, DirectoryImage& image, const SectorList& claimed,
+                        int start, DirtyBlocks& dirty, SectorResults& out);
+    int prepareSector(const AppSectorChange& change, TagUID& tag, int sector);
+    int removeMADAppSector(const AppSectorRemoval& removal, TagUID& tag, int& lastStatus);
+    int resetSector(const AppSectorRemoval& removal, TagUID& tag, int sector);
+
+    // tagdata/Formatting.cpp
+    struct FormatKeys {
+        TagAppType appType;
+        const std::uint8_t* keyA;
+        const std::uint8_t* keyB;
+    };
+    int formatSectors(const FormatKeys& keys, TagUID& tag, int sectors, OpResultCode* records, bool& tagIsSelected);
+    int unformatSectors(TagAppType appType, const KeyUse& key, TagUID& tag, int* statuses, int& last);
+
+    // tagdata/Applications.cpp
+    int changeApp(bool isNew, int readerId, TagAppType appType, TagUID& tag, const AppSectorChange& change, int& done,
+                  int& resultCount, OpResultCode*& results);
+    int addPlainSectors(const AppSectorChange& change, TagUID& tag, SectorResults& out);
+    int addPlainSector(const AppSectorChange& change, TagUID& tag, int sector, bool isLast);
+    int removePlainSectors(const AppSectorRemoval& removal, TagUID& tag, int& lastStatus);
+    int clearDataBlocks(TagUID& tag, int sector, const KeyUse& key, int& lastStatus);
+
+    // tagdata/Values.cpp
+    int locateBlock(const BlockAddress& address, TagUID& tag, int& sector, int& blockInSector);
+    int getAccessCode(TagUID& tag, int sector, const KeyUse& key, int blockInSector, DataAccControl& code);
+
+    // tagdata/BlockData.cpp, AccessRules.cpp
+    int resolveRun(const RunRequest& request, TagUID& tag, bool writing, ResolvedRun& run);
+    int readRun(const ResolvedRun& run, TagUID& tag, const KeyUse& key, BlockResults& out, std::uint8_t* data);
+    int writeRun(const ResolvedRun& run, TagUID& tag, const KeyUse& key, BlockResults& out, const std::uint8_t* data,
+                 int dataLength);
+    int changeBlockType(const BlockTypeChange& change, TagUID& tag, int sector, int blockInSector,
+                        std::uint8_t addressByte);
+    template <typename Change>
+    int changeTrailers(const TrailerChange& change, TagUID& tag, int& resultCount, OpResultCode*& results,
+                       bool& tagIsSelected, Change changeOne);
+    int listSectors(TagAppType appType, short appId, TagUID& tag, const KeyUse& madKey, int sectorCount,
+                    SectorList& list);
 
     using GetCurrentDevInstID = int (*)(char* buffer, int size, std::uint16_t* length);
 

@@ -67,8 +67,8 @@ class SerialPort {
 
     /// Drops what has arrived and what waits to be sent.
     std::uint32_t purge();
-    /// True if the next read has something without asking the system.
-    bool hasBufferedInput() const { return mHandle && mHandle->hasBuffered(); }
+    /// Takes one byte without asking the system. @return false if none has been fetched.
+    bool takeBuffered(std::uint8_t& byte) { return mHandle && mHandle->takeBuffered(byte); }
     /// Waits at most `ms` for a byte, and no longer than until it comes. kTimeout if none came; any other failure means
     /// that the line is gone.
     std::uint32_t waitForByte(std::uint32_t ms);

@@ -1,8 +1,9 @@
 #include "TamaFileDevice.h"
 
-namespace {
+#include "Clock.h"
+#include "Installation.h"
 
-std::int32_t toDeviceStatus(platform::IoResult result) {
+std::int32_t TamaFileDevice::toDeviceStatus(platform::IoResult result) {
     switch (result) {
     case platform::IoResult::done:
         return kDeviceOk;
@@ -11,13 +12,15 @@ std::int32_t toDeviceStatus(platform::IoResult result) {
     case platform::IoResult::failed:
         break;
     }
+    mIsGone = true;
     return kDeviceFailed;
 }
 
-}  // namespace
-
 std::int32_t TamaFileDevice::OpenInterface(const char* name, std::uint32_t, std::uint32_t) {
-    return mHandle.open(name) ? kDeviceOk : kDeviceFailed;
+    mIsGone = false;
+    // The default name is one of another system; a path of this system stays as it is.
+    const bool isForeign = name[0] == '\\';
+    return mHandle.open(isForeign ? platform::toSystemPath(name).c_str() : name) ? kDeviceOk : kDeviceFailed;
 }
 
 std::int32_t TamaFileDevice::CloseInterface() {
@@ -39,4 +42,14 @@ std::int32_t TamaFileDevice::ReadBytesUnBlocked(std::uint8_t* buffer, int size, 
     const platform::IoResult result = mHandle.read({buffer, static_cast<std::size_t>(size)}, got, timeout);
     *count = static_cast<std::uint32_t>(got);
     return toDeviceStatus(result);
+}
+
+void TamaFileDevice::discardInput() {
+    platform::Clock& clock = platform::Clock::current();
+    const std::uint64_t start = clock.nowMs();
+    std::uint8_t scrap[64];
+    std::size_t got = 0;
+    while (clock.nowMs() - start < kLongestDiscardMs &&
+           mHandle.read(scrap, got, kQuietMs) == platform::IoResult::done) {
+    }
 }

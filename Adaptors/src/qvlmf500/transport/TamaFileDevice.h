@@ -13,8 +13,12 @@ class TamaFileDevice : public TamaDevice {
                                      std::uint32_t timeout) override;
     std::int32_t ReadBytesUnBlocked(std::uint8_t* buffer, int size, std::uint32_t* count,
                                     std::uint32_t timeout) override;
-    void discardInput() override { mHandle.discardInput(); }
+    void discardInput() override;
+    bool isGone() override { return mIsGone; }
 
   private:
+    std::int32_t toDeviceStatus(platform::IoResult result);
+
     platform::DeviceNode mHandle;
+    bool mIsGone = false;
 };

@@ -7,8 +7,6 @@ namespace {
 constexpr std::uint32_t kWaitForByteMs = 100;
 constexpr std::uint64_t kReadLimitSeconds = 3;
 constexpr std::size_t kScratchSize = 512;
-// More than any reader has under way; ends the dropping of input when a line never stops sending.
-constexpr int kMostDiscards = 16;
 
 std::uint64_t wholeSeconds() { return platform::Clock::current().nowMs() / 1000; }
 
@@ -20,6 +18,7 @@ TamaSerialDevice::TamaSerialDevice(TamaFrameAssembler& assembler, std::uint32_t 
 TamaSerialDevice::~TamaSerialDevice() { mSerialPort.close(); }
 
 std::int32_t TamaSerialDevice::OpenInterface(const char* name, std::uint32_t, std::uint32_t) {
+    mIsGone = false;
     if (mSerialPort.open(name, 0, 0, true) != 0) return kDeviceFailed;
     if (mSerialPort.setup(mBaudRate, 8, 0, 0) != 0) return kDeviceFailed;
     mSerialPort.purge();
@@ -27,7 +26,7 @@ std::int32_t TamaSerialDevice::OpenInterface(const char* name, std::uint32_t, st
 }
 
 std::int32_t TamaSerialDevice::CloseInterface() {
-    discardInput();
+    dropBuffered();
     mSerialPort.close();
     return kDeviceOk;
 }
@@ -35,7 +34,10 @@ std::int32_t TamaSerialDevice::CloseInterface() {
 std::int32_t TamaSerialDevice::WriteBytesUnblocked(const std::uint8_t* data, int len, std::uint32_t* count,
                                                    std::uint32_t timeout) {
     const auto size = static_cast<std::uint32_t>(len);
-    return mSerialPort.write(data, size, count, nullptr, timeout) == 0 ? kDeviceOk : kDeviceFailed;
+    const std::uint32_t status = mSerialPort.write(data, size, count, nullptr, timeout);
+    if (status == SerialPort::kSuccess) return kDeviceOk;
+    mIsGone = status != SerialPort::kTimeout;
+    return kDeviceFailed;
 }
 
 std::int32_t TamaSerialDevice::ReadBytesUnBlocked(std::uint8_t* buffer, int size, std::uint32_t* count, std::uint32_t) {
@@ -55,24 +57,29 @@ std::int32_t TamaSerialDevice::collectFrame() {
     const std::uint64_t start = wholeSeconds();
     bool timedOut = false;
     for (bool more = true; more && !timedOut;) {
-        if (!mSerialPort.hasBufferedInput()) {  // only a wait takes time, so only a wait asks for it
-            const std::uint32_t waited = mSerialPort.waitForByte(kWaitForByteMs);
-            if (waited != SerialPort::kSuccess && waited != SerialPort::kTimeout) return kDeviceFailed;
-            timedOut = wholeSeconds() - start > kReadLimitSeconds;
-        }
         std::uint8_t byte = 0;
-        std::uint32_t got = 0;
-        mSerialPort.read(&byte, 1, &got, nullptr, SerialPort::kNoLimit);
-        if (got == 0) continue;
+        if (!mSerialPort.takeBuffered(byte)) {  // only a wait takes time, so only a wait asks for it
+            const std::uint32_t waited = mSerialPort.waitForByte(kWaitForByteMs);
+            mIsGone = waited != SerialPort::kSuccess && waited != SerialPort::kTimeout;
+            if (mIsGone) return kDeviceFailed;
+            timedOut = wholeSeconds() - start > kReadLimitSeconds;
+            if (!mSerialPort.takeBuffered(byte)) continue;
+        }
         if (mFrameAssembler->appendByte(byte) != kDeviceOk) return kDeviceFailed;
         mFrameAssembler->needsMoreBytes(&more);
     }
     return timedOut ? kDeviceTimedOut : kDeviceOk;
 }
 
-void TamaSerialDevice::discardInput() {
+void TamaSerialDevice::dropBuffered() {
     std::uint8_t scratch[kScratchSize];
-    std::uint32_t got = 1;
-    for (int i = 0; i < kMostDiscards && got != 0; ++i)
-        mSerialPort.read(scratch, kScratchSize, &got, nullptr, SerialPort::kNoLimit);
+    std::uint32_t got = 0;
+    mSerialPort.read(scratch, kScratchSize, &got, nullptr, SerialPort::kNoLimit);
+}
+
+void TamaSerialDevice::discardInput() {
+    platform::Clock& clock = platform::Clock::current();
+    const std::uint64_t start = clock.nowMs();
+    while (clock.nowMs() - start < kLongestDiscardMs && mSerialPort.waitForByte(kQuietMs) == SerialPort::kSuccess)
+        dropBuffered();
 }

@@ -21,11 +21,14 @@ class TamaSerialDevice : public TamaDevice {
     std::int32_t ReadBytesUnBlocked(std::uint8_t* buffer, int size, std::uint32_t* count,
                                     std::uint32_t timeout) override;
     void discardInput() override;
+    bool isGone() override { return mIsGone; }
 
   private:
     std::int32_t collectFrame();
+    void dropBuffered();
 
     std::uint32_t mBaudRate;
     SerialPort mSerialPort;
     TamaFrameAssembler* mFrameAssembler;
+    bool mIsGone = false;
 };

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "QvlMf500ReaderImpl.h"
+#include "TagPromptControl.h"
+
+/// The prompt of one operation: up at the start of the scope, down at its end if it was this operation's own.
+class TagPromptScope {
+  public:
+    explicit TagPromptScope(QvlMf500ReaderImpl& reader) : mIsOurs(reader.showTagPrompt()) {}
+    ~TagPromptScope() {
+        if (mIsOurs) closeTagPrompt();
+    }
+    TagPromptScope(const TagPromptScope&) = delete;
+    TagPromptScope& operator=(const TagPromptScope&) = delete;
+
+  private:
+    bool mIsOurs;
+};
+
+/// Sends every tag to sleep at the end of the scope.
+class HaltAtEnd {
+  public:
+    explicit HaltAtEnd(QvlMf500ReaderImpl& reader) : mReader(reader) {}
+    ~HaltAtEnd() { mReader.haltAllTag(mSelectedFirst); }
+    HaltAtEnd(const HaltAtEnd&) = delete;
+    HaltAtEnd& operator=(const HaltAtEnd&) = delete;
+
+    /// Whether a tag is selected then, which sleeps first.
+    void selectedFirst(bool selected) { mSelectedFirst = selected; }
+
+  private:
+    QvlMf500ReaderImpl& mReader;
+    bool mSelectedFirst = false;
+};
