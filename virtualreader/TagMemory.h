@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -29,6 +30,8 @@ class TagMemory {
 
     /// One write of the tag. @return false if the power was lost on the way: the bytes before that point are stored.
     bool write(std::size_t offset, std::span<const std::uint8_t> data);
+    /// Replaces the content from outside, as many bytes as there are. No write of the tag.
+    void assign(std::span<const std::uint8_t> image) { std::copy_n(image.begin(), mBytes.size(), mBytes.begin()); }
     /// Writes seen so far, torn ones included.
     std::uint32_t writeCount() const { return mWriteCount; }
 

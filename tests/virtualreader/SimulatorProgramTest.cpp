@@ -1,3 +1,4 @@
+#include "ChildProgram.h"
 #include "HexBytes.h"
 #include "TempDirectory.h"
 
@@ -6,20 +7,13 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <csignal>
 #include <filesystem>
-#include <optional>
 
-#include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-extern char** environ;
 
 namespace {
 
@@ -62,50 +56,16 @@ class Lines {
     int mDescriptor;
 };
 
-/// The program with pipes on its three streams.
-class Program {
+/// The program under test.
+class Program : public ChildProgram {
   public:
-    explicit Program(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), QVLREADERSIM);
-        std::vector<char*> argv;
-        argv.reserve(arguments.size() + 1);
-        for (std::string& argument : arguments)
-            argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        int in[2], out[2], error[2];
-        EXPECT_EQ(::pipe2(in, O_CLOEXEC) | ::pipe2(out, O_CLOEXEC) | ::pipe2(error, O_CLOEXEC), 0);
-        posix_spawn_file_actions_t actions;
-        ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-        ::posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        ::posix_spawn_file_actions_adddup2(&actions, error[1], 2);
-        EXPECT_EQ(::posix_spawn(&mChild, QVLREADERSIM, &actions, nullptr, argv.data(), environ), 0);
-        ::posix_spawn_file_actions_destroy(&actions);
-        for (int descriptor : {in[0], out[1], error[1]})
-            ::close(descriptor);
-        input.emplace(in[1]);
-        output.emplace(out[0]);
-        errors.emplace(error[0]);
-    }
-    ~Program() {
-        if (mChild > 0) ::kill(mChild, SIGKILL), wait();
-    }
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
-
-    void signal(int number) { ::kill(mChild, number); }
-    /// @return the exit status, -1 for a death by signal.
-    int wait() {
-        int status = 0;
-        ::waitpid(mChild, &status, 0);
-        mChild = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-    std::optional<Lines> input, output, errors;
+    explicit Program(std::vector<std::string> arguments) : ChildProgram(withName(std::move(arguments))) {}
 
   private:
-    pid_t mChild = -1;
+    static std::vector<std::string> withName(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), QVLREADERSIM);
+        return arguments;
+    }
 };
 
 std::unique_ptr<Lines> control(const std::string& path) {
@@ -127,8 +87,8 @@ TEST(SimulatorProgram, IsSteeredOverItsControlSocket) {
     const std::string image = directory.write("my tag.mfd", blank("01020304"));
     const std::string socket = directory / "control";
     Program program({"--root", directory.path(), "--com", "3", "--control", socket, "new:1k:DEADBEEF"});
-    EXPECT_EQ(program.output->read(), "ready COM3 at " + directory.path());
-    program.input->close();
+    EXPECT_EQ(program.line(), "ready COM3 at " + directory.path());
+    program.close(ChildProgram::input);
 
     auto peer = control(socket);
     auto other = control(socket);
@@ -177,22 +137,22 @@ TEST(SimulatorProgram, EndsWithItsInputOrASignalAndCleansUp) {
         return std::filesystem::exists(std::filesystem::symlink_status(directory / name));
     };
     Program byInput({"--root", directory.path(), "--socket", "usb#vid_04cc&pid_0531#1", "--class", "c1"});
-    EXPECT_EQ(byInput.output->read(), "ready usb#vid_04cc&pid_0531#1 at " + directory.path());
+    EXPECT_EQ(byInput.line(), "ready usb#vid_04cc&pid_0531#1 at " + directory.path());
     EXPECT_TRUE(isThere("c1/usb#vid_04cc&pid_0531#1"));
-    byInput.input->write("led\n");
-    EXPECT_EQ(byInput.output->read(), "ok 00");
-    byInput.input->write("field");
-    byInput.input->close();
-    EXPECT_EQ(byInput.output->read(), "ok off") << "the last line may lack its newline";
+    byInput.say("led\n");
+    EXPECT_EQ(byInput.line(), "ok 00");
+    byInput.say("field");
+    byInput.close(ChildProgram::input);
+    EXPECT_EQ(byInput.line(), "ok off") << "the last line may lack its newline";
     EXPECT_EQ(byInput.wait(), 0);
     EXPECT_FALSE(isThere("c1/usb#vid_04cc&pid_0531#1"));
 
     for (int number : {SIGTERM, SIGINT}) {
         Program bySignal({"--root", directory.path(), "--keep-running"});
-        EXPECT_EQ(bySignal.output->read(), "ready COM1 at " + directory.path());
-        bySignal.input->close();
+        EXPECT_EQ(bySignal.line(), "ready COM1 at " + directory.path());
+        bySignal.close(ChildProgram::input);
         EXPECT_TRUE(isThere("COM1"));
-        bySignal.signal(number);
+        bySignal.signalGroup(number);
         EXPECT_EQ(bySignal.wait(), 0);
         EXPECT_FALSE(isThere("COM1"));
     }
@@ -217,12 +177,12 @@ TEST(SimulatorProgram, RefusesWhatItCannotServe) {
     };
     for (const auto& each : kMistakes) {
         Program program(each.arguments);
-        const std::string complaint = program.errors->read();
+        const std::string complaint = program.line(ChildProgram::errors);
         EXPECT_NE(complaint.find(each.complaint), std::string::npos) << complaint;
         EXPECT_EQ(program.wait(), each.status) << complaint;
     }
     Program version({"--version"});
-    EXPECT_EQ(version.output->read().substr(0, 13), "qvlreadersim ");
+    EXPECT_EQ(version.line().substr(0, 13), "qvlreadersim ");
     EXPECT_EQ(version.wait(), 0);
 }
 

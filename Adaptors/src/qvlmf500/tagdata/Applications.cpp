@@ -56,10 +56,11 @@ int QvlMf500ReaderImpl::changeApp(bool isNew, int readerId, TagAppType appType, 
         SectorResults out;
         const int status =
             appType == TagAppNone ? addPlainSectors(change, tag, out) : addMADAppSector(change, tag, isNew, out);
+        const bool tagIsSelected = status == kOk || (status == kPartial && out.lastStatus() == kOk);
         done = out.done;
         resultCount = out.tried;
         results = out.records.release();
-        return frame.finish(status, status == kOk || (status == kPartial && out.lastStatus() == kOk));
+        return frame.finish(status, tagIsSelected);
     });
 }
 

@@ -22,7 +22,7 @@ class ChildProgram {
     enum Stream { input, output, errors };
     static constexpr int kPatienceMs = 20'000;
 
-    ChildProgram(std::vector<std::string> arguments, const std::map<std::string, std::string>& environment) {
+    ChildProgram(std::vector<std::string> arguments, const std::map<std::string, std::string>& environment = {}) {
         std::array<std::array<int, 2>, 4> pipes{};
         for (auto& each : pipes)
             EXPECT_EQ(::pipe2(each.data(), O_CLOEXEC), 0);
@@ -73,9 +73,12 @@ class ChildProgram {
             text += c;
         return text;
     }
+    void say(const std::string& text) {
+        EXPECT_EQ(::write(mEnds[input], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
     /// Says a line and takes the answer.
     std::string ask(const std::string& text) {
-        EXPECT_EQ(::write(mEnds[input], (text + "\n").data(), text.size() + 1), static_cast<ssize_t>(text.size() + 1));
+        say(text + "\n");
         return line();
     }
     void close(int stream) {

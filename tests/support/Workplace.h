@@ -8,6 +8,7 @@
 #include "ScopedEnvironment.h"
 #include "SmartCard.h"
 #include "SocketEndpoint.h"
+#include "TagPromptControl.h"
 #include "TamaDeviceFactory.h"
 #include "TempDirectory.h"
 #include "TerminalEndpoint.h"
@@ -108,6 +109,9 @@ class Workplace {
         EXPECT_EQ(adaptor->freeMemory(event), 3000);
         return found;
     }
+
+    /// A prompt that was asked to go away is gone when this returns.
+    static void awaitPromptEnd() { EXPECT_TRUE(tagPromptEvent().waitFor(std::chrono::seconds(10))); }
 
     void connect() {
         if (mLine == Line::terminal) {
