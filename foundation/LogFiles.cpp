@@ -37,7 +37,8 @@ LogFiles::LogFiles(std::string directory, std::string prefix)
     : mDirectory(std::move(directory)), mPrefix(std::move(prefix)), mReplacing(kMutexName) {}
 
 bool LogFiles::open() {
-    if (mFile.isOpen()) return true;
+    if (mFile.isOpen() && !mFile.isDeleted()) return true;
+    mFile.close();
     std::unique_lock replacing(mReplacing, std::try_to_lock);
     for (int attempt = 0; !replacing && attempt < kOpenAttempts; ++attempt) {
         std::this_thread::yield();

@@ -47,6 +47,12 @@ QVLParamCollection& QVLParamCollection::operator=(const QVLParamCollection& othe
 
 QVLParamCollection::~QVLParamCollection() { drop(); }
 
+/// A relayed command may carry a key.
+void QVLParamCollection::release(std::uint8_t* buffer, std::uint32_t capacity) {
+    if (buffer) wipe(buffer, capacity);
+    std::free(buffer);
+}
+
 /// Joins the ring of `other`. The object holds no buffer yet.
 void QVLParamCollection::share(const QVLParamCollection& other) {
     if (!other.mBuffer) return;
@@ -61,7 +67,7 @@ void QVLParamCollection::share(const QVLParamCollection& other) {
 
 /// Leaves the ring; the last one frees the buffer. The object is as new afterwards.
 void QVLParamCollection::drop() {
-    if (!isShared()) std::free(mBuffer);
+    if (!isShared()) release(mBuffer, mCapacity);
     mPrevious->mNext = mNext;
     mNext->mPrevious = mPrevious;
     mBuffer = mCursor = nullptr;
@@ -99,11 +105,13 @@ bool QVLParamCollection::reserve(std::uint64_t count) {
     }
     const std::uint64_t steps = (needed - mCapacity + kGrowthStep - 1) / kGrowthStep;
     const std::uint64_t capacity = mCapacity + steps * kGrowthStep;
-    void* grown = capacity <= kMaxSize ? std::realloc(mBuffer, static_cast<std::size_t>(capacity)) : nullptr;
+    void* grown = capacity <= kMaxSize ? std::malloc(static_cast<std::size_t>(capacity)) : nullptr;
     if (!grown) {
         drop();
         return false;
     }
+    if (mBuffer) std::memcpy(grown, mBuffer, mCapacity);
+    release(mBuffer, mCapacity);
     mBuffer = static_cast<std::uint8_t*>(grown);
     std::memset(mBuffer + mCapacity, 0, static_cast<std::size_t>(capacity - mCapacity));
     mCapacity = static_cast<std::uint32_t>(capacity);

@@ -69,6 +69,7 @@ class QVL_API QVLParamCollection {
   private:
     QVL_INTERNAL bool isShared() const { return mNext != this; }
     QVL_INTERNAL void share(const QVLParamCollection& other);
+    QVL_INTERNAL static void release(std::uint8_t* buffer, std::uint32_t capacity);
     QVL_INTERNAL void drop();
     QVL_INTERNAL bool own();
     QVL_INTERNAL bool reserve(std::uint64_t count);

@@ -38,8 +38,8 @@ class AppendFile {
     bool append(std::string_view text);
     /// Bytes in the file, 0 if the system does not tell.
     std::uint64_t size() const;
-    /// True while `path` still names the open file.
-    bool isStillAt(const char* path) const;
+    /// True if the open file has lost its last name: what is written now is lost when it is closed.
+    bool isDeleted() const;
 
   private:
     int mDescriptor = -1;

@@ -149,11 +149,9 @@ std::uint64_t AppendFile::size() const {
     return ::fstat(mDescriptor, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
-bool AppendFile::isStillAt(const char* path) const {
-    struct stat mine;
-    struct stat named;
-    return ::fstat(mDescriptor, &mine) == 0 && ::lstat(path, &named) == 0 && mine.st_dev == named.st_dev &&
-           mine.st_ino == named.st_ino;
+bool AppendFile::isDeleted() const {
+    struct stat status;
+    return ::fstat(mDescriptor, &status) == 0 && status.st_nlink == 0;
 }
 
 }  // namespace platform

@@ -107,7 +107,11 @@ NamedMutex::State::Entry NamedMutex::State::enter(bool mayWait) {
 // refusal only costs the order between processes.
 bool NamedMutex::State::takeRecord(bool mayWait) {
     if (!mFile) return true;
-    const int error = setRecordLock(mFile.get(), mayWait ? F_SETLKW : F_SETLK, F_WRLCK);
+    int error = setRecordLock(mFile.get(), mayWait ? F_SETLKW : F_SETLK, F_WRLCK);
+    while (mayWait && error == EDEADLK) {  // the system judges by processes, and may see a circle where there is none
+        std::this_thread::sleep_for(kBetweenAttempts);
+        error = setRecordLock(mFile.get(), F_SETLKW, F_WRLCK);
+    }
     mHasRecord = error == 0;
     if (mayWait || (error != EAGAIN && error != EACCES)) return true;
     giveUpOwnership();

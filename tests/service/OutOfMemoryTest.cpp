@@ -81,4 +81,33 @@ TEST_P(OutOfMemory, AScanKeepsTheDriver) {
         [this] { EXPECT_EQ(place.poll(true), "deadbeef 2002"); });
 }
 
+TEST_P(OutOfMemory, SearchesAndReadsGiveAllOrNothing) {
+    place.start();
+    ASSERT_TRUE(place.adaptor->initReader());
+    place.placeClassic({1, 2, 3, 4});
+    TagUID* tags = nullptr;
+    short count = 0;
+    const auto release = [&] {
+        EXPECT_EQ(tags == nullptr, gHasFailed);
+        place.adaptor->freeMemory(tags);
+        tags = nullptr;
+    };
+    sweep([&] { place.adaptor->getTagId(0, TagAppNone, 0, tags, AuthKeyA, nullptr, true); }, release);
+    sweep([&] { place.adaptor->getAllTagId(0, TagAppNone, 0, AuthKeyA, nullptr, count, tags); }, release);
+    const std::uint8_t uid[] = {0xDE, 0xAD, 0xBE, 0xEF}, key[] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+    const TagUID tag(uid, 4, kTagStandard);
+    std::uint8_t* data = nullptr;
+    int length = 0;
+    sweep(
+        [&] {
+            place.adaptor->getBlockData(0, TagAppNone, tag, 0, AuthKeyA, key, 4, 6, data, length, AuthKeyA, nullptr,
+                                        nullptr);
+        },
+        [&] {
+            EXPECT_EQ(data == nullptr, gHasFailed);
+            place.adaptor->freeMemory(data);
+            data = nullptr;
+        });
+}
+
 }  // namespace

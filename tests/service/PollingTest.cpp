@@ -210,4 +210,21 @@ TEST_F(InProcess, AHostMayCallBackAndThrow) {
     EXPECT_EQ(place.poll(true), "deadbeef 2002") << "the lock is free";
 }
 
+TEST_F(InProcess, AHostMayCallBackWhenTheReaderIsLost) {
+    place.placeClassic();
+    ASSERT_TRUE(place.adaptor->initReader());
+    place.host.onChange = [this](bool ready) {
+        TagUID* tag = nullptr;
+        EXPECT_EQ(place.adaptor->getTagId(0, TagAppNone, 0, tag, AuthKeyA, nullptr, false),
+                  ready ? int{kOk} : int{kReaderNotReady});
+        place.adaptor->freeMemory(tag);
+        EXPECT_EQ(place.adaptor->haltAllTag(true), kOk);
+    };
+    place.reader->vanish();
+    place.reader->comeBack();
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.host.heard(), "-+");
+    EXPECT_EQ(place.poll(true), "deadbeef 2002");
+}
+
 }  // namespace

@@ -3,6 +3,7 @@
 #include "IniManager.h"
 #include "ManualClock.h"
 #include "MifareClassicTag.h"
+#include "NamedMutex.h"
 #include "QVLReaderServiceIntf.h"
 #include "ReaderImpl.h"
 #include "ScopedEnvironment.h"
@@ -67,6 +68,7 @@ class Workplace {
         : environment("QVL_DEVICE_ROOT", root.path().c_str()), reader(std::make_shared<VirtualTamaReader>(options)),
           mLine(line) {
         settings("");
+        useOwnLock();
         if (line == Line::inProcess) {
             clock = std::make_unique<ManualClock>();
             setTamaDeviceFactory(
@@ -137,5 +139,11 @@ class Workplace {
     std::unique_ptr<ReaderImpl> adaptor;
 
   private:
+    /// The machine's own lock belongs to whatever product is installed here.
+    static void useOwnLock() {
+        static const TempDirectory directory;
+        platform::setNamedMutexDirectory(directory.path().c_str());
+    }
+
     Line mLine;
 };

@@ -27,7 +27,7 @@ class QVL_API ReaderImpl {
     ReaderImpl& operator=(const ReaderImpl& other);
     virtual ~ReaderImpl();
 
-    /// Instance id of the reader's device, or null; the object keeps the text.
+    /// Instance id of the reader's device, or null; the object keeps the text. Not beside initReader or stopReader.
     const char* getDeviceInstanceID() const;
     void setDeviceInstanceID(const char* id);
 

@@ -8,7 +8,8 @@ class QVL_API TagPromptSurface {
   public:
     virtual ~TagPromptSurface() = default;
 
-    /// Called on the prompt's own thread when an operation begins to wait. Returns promptly.
+    /// Called on the prompt's own thread when an operation begins to wait. Returns promptly and does not call the
+    /// adaptor: the operation holds the reader lock.
     /// @return false if no prompt could be made.
     virtual bool show() = 0;
     /// Called on the same thread when the prompt goes away, after a show() that gave true. Returns promptly.

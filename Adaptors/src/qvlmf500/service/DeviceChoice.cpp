@@ -90,12 +90,15 @@ void QvlMf500ReaderImpl::useMf500(const char* path) {
 void QvlMf500ReaderImpl::findUsbDll() {
     const std::string file = platform::dynamicLibraryFileName(kUsbDll);
     const char* installPath = getInstallPath();
-    std::string path = (installPath != nullptr ? std::string(installPath) : std::string()) + "/bin/" + file;
-    if (!platform::pathExists(path.c_str())) {
+    std::string path = installPath != nullptr ? std::string(installPath) + "/bin/" + file : file;
+    bool isThere = installPath != nullptr && platform::pathExists(path.c_str());
+    // Beside the program only with plain rights: a link to a program with more may lie anywhere.
+    if (!isThere && !platform::hasRaisedRights()) {
         const std::string programPath = platform::programDirectory();
         if (!programPath.empty()) path = programPath + "/" + file;
+        isThere = !programPath.empty() && platform::pathExists(path.c_str());
     }
-    if (!platform::pathExists(path.c_str())) {
+    if (!isThere) {
         QVL_LOG(kLogFailure, "Cannot access the usbdll file - %s!\n", path.c_str());
         return;
     }

@@ -167,6 +167,7 @@ void QvlMf500ReaderImpl::turnOff(Qvl14443bfl& bfl, const char* logged) {
 void QvlMf500ReaderImpl::reopen(int bflStatus) {
     QVL_LOG(kLogFailure, "interface encountering problems %d. Trying to reopen", bflStatus);
     driver()->interfaceClose();
+    mInitialised = false;  // a host that calls back now must not meet the closed device again
     tellHost(false);
     if (!initReader()) return;
     QVL_LOG(kLogProgress, "QvlMf500ReaderImpl::getTagId() succeded initReader()");

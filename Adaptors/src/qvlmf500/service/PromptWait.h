@@ -4,13 +4,16 @@
 #include "ServiceStatus.h"
 #include "TagPromptControl.h"
 
+#include <atomic>
 #include <cstdint>
 
 /// The time that an operation may wait for a tag. Only a standing prompt lets it wait at all, in steps of 100 ms
 /// between attempts; its closing ends the wait. A limit of 0 allows no attempt.
 class PromptWait {
   public:
-    explicit PromptWait(std::uint32_t limitMs) : mLimit(limitMs), mStart(platform::Clock::current().tick()) {}
+    /// `limitMs` may change while the wait goes on.
+    explicit PromptWait(const std::atomic<std::uint32_t>& limitMs)
+        : mLimit(limitMs), mStart(platform::Clock::current().tick()) {}
 
     bool mayTry() const { return mElapsed < mLimit; }
     bool hasWaited() const { return mElapsed != 0; }
@@ -29,7 +32,7 @@ class PromptWait {
   private:
     static constexpr std::uint32_t kStepMs = 100;
 
-    std::uint32_t mLimit;
+    const std::atomic<std::uint32_t>& mLimit;
     std::uint32_t mStart;
     std::uint32_t mElapsed = 0;
 };

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 
 namespace {
 
@@ -27,11 +28,18 @@ bool hasEntry(const std::uint8_t* directory, const std::uint8_t* aid) {
     return false;
 }
 
+void append(TagUIDList& list, const TagUID& tag) {
+    auto node = std::make_unique<TagUIDListNode>(tag, nullptr);
+    if (node->getTag() == nullptr) throw std::bad_alloc();
+    list.append(node.release());
+}
+
 // The tags of a list as a host gets them: one array.
 std::unique_ptr<TagUID[]> asArray(const TagUIDList& list) {
     if (list.count() == 0) return nullptr;
     auto tags = std::make_unique<TagUID[]>(list.count());
     const std::unique_ptr<TagUIDListIterator> iterator(list.newIterator());
+    if (!iterator) throw std::bad_alloc();
     for (std::uint32_t i = 0; !iterator->atEnd(); ++i)
         tags[i] = *iterator->next()->getTag();
     return tags;
@@ -128,7 +136,7 @@ int QvlMf500ReaderImpl::getAllTagId(int, TagAppType appType, short appId, AuthKe
         count = 0;
         TagUIDList list;
         SearchLimit limit;
-        for (bool first = true; limit.mayGoOn(); first = false) {
+        for (bool first = true;; first = false) {
             TagUID tag;
             int status = kOk;
             if (appType != TagAppNone)
@@ -137,9 +145,12 @@ int QvlMf500ReaderImpl::getAllTagId(int, TagAppType appType, short appId, AuthKe
                 status = first ? waitForAnyTag(tag, true) : getTagIdOnce(tag, false);
             if (status == kCancelled || status == kWaitOver) return status;
             if (status != kOk) break;  // a tag that does not answer is the normal end
+            if (!limit.mayGoOn()) {
+                QVL_LOG(kLogFailure, "QvlMf500ReaderImpl::getAllTagId gives up after %d tags", limit.tags());
+                break;
+            }
             if (appType == TagAppNone) driver()->piccHalt();
-            auto node = std::make_unique<TagUIDListNode>(tag, nullptr);
-            list.append(node.release());
+            append(list, tag);
         }
         std::unique_ptr<TagUID[]> found = asArray(list);
         count = static_cast<short>(list.count());

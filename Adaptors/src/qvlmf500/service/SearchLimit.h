@@ -8,16 +8,18 @@
 /// again would keep it going for ever.
 class SearchLimit {
   public:
-    SearchLimit() : mStart(platform::Clock::current().tick()) {}
-
-    /// Counts one tag. @return false when the walk has to end.
-    bool mayGoOn() { return ++mTags <= kMostTags && platform::Clock::current().tick() - mStart < kLongestMs; }
+    /// Counts one tag; the time runs from the first one. @return false when the walk has to end.
+    bool mayGoOn() {
+        const std::uint32_t now = platform::Clock::current().tick();
+        if (++mTags == 1) mStart = now;
+        return mTags <= kMostTags && now - mStart < kLongestMs;
+    }
     int tags() const { return mTags; }
 
   private:
     static constexpr int kMostTags = 4096;
     static constexpr std::uint32_t kLongestMs = 60000;
 
-    std::uint32_t mStart;
+    std::uint32_t mStart = 0;
     int mTags = 0;
 };

@@ -10,6 +10,7 @@
 #include "TagPromptControl.h"
 
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <mutex>
 
@@ -22,8 +23,8 @@ struct Prompt {
     std::mutex mutex;
     std::condition_variable changed;
     PromptState state = PromptState::none;
-    TagPromptSurface* surface = nullptr;  // what a host has put in
-    int lastError = 0;
+    TagPromptSurface* surface = nullptr;                       // what a host has put in
+    unsigned generation = 0;                                   // counts prompts
     std::atomic<TagPromptSurface*> gTagPromptWindow{nullptr};  // what stands
     platform::ManualResetEvent gTagPromptEvent;
     platform::CountedThreads threads;
@@ -57,10 +58,12 @@ void hideSurface(TagPromptSurface& surface) noexcept {
 
 void tagPromptThread(TagPromptSurface& surface) {
     Prompt& p = prompt();
+    errno = 0;
     const bool shown = showSurface(surface);
+    const int error = errno;
     std::unique_lock lock(p.mutex);
     if (!shown) {
-        QVL_LOG(kLogFailure, "Create prompt window Failed with %d", p.lastError);
+        QVL_LOG(kLogFailure, "Create prompt window Failed with %d", error);
         p.enter(PromptState::none);
         return;
     }
@@ -91,6 +94,7 @@ PromptStart startTagPrompt() {
     TagPromptSurface* const surface = p.surface;
     if (surface == nullptr) return PromptStart::nobodyShows;
     p.state = PromptState::starting;
+    ++p.generation;
     if (!p.threads.start([surface] { tagPromptThread(*surface); })) {
         p.enter(PromptState::none);
         return PromptStart::noThread;
@@ -110,8 +114,12 @@ bool tagPromptStands() { return prompt().gTagPromptWindow.load() != nullptr; }
 platform::ManualResetEvent& tagPromptEvent() { return prompt().gTagPromptEvent; }
 
 void endTagPrompt() {
-    closeTagPrompt();
-    prompt().threads.waitUntilNone();
+    Prompt& p = prompt();
+    std::unique_lock lock(p.mutex);
+    askToClose(p);
+    // Another adaptor may put up the next one at once; only the one that stood here is waited for.
+    const unsigned stood = p.generation;
+    p.changed.wait(lock, [&p, stood] { return p.state == PromptState::none || p.generation != stood; });
 }
 
 void setTagPromptSurface(TagPromptSurface* surface) {

@@ -22,5 +22,5 @@ void closeTagPrompt();
 bool tagPromptStands();
 platform::ManualResetEvent& tagPromptEvent();
 
-/// Closes the prompt and returns when its thread has ended.
+/// Closes the prompt and returns when it has gone.
 void endTagPrompt();
