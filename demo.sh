@@ -1,25 +1,57 @@
 #!/bin/sh
-# Shows the main job on a virtual reader: real tag images, polled over a pseudo-terminal.
+# Shows the main job on a virtual reader: tags from image files, polled over a pseudo-terminal; then what the memory of
+# a tag can do. Uses an installed product in build/demo/prefix and nothing else.
 set -eu
 cd "$(dirname "$0")"
 scripts/install-packages run
-cmake --preset release -DQVL_BUILD_TESTS=OFF -DQVL_BUILD_BENCH=OFF -B build/demo > /dev/null
-cmake --build build/demo > build/demo/build.log || { cat build/demo/build.log; exit 1; }
+mkdir -p build/demo
+{
+  cmake --preset release -DQVL_BUILD_TESTS=OFF -DQVL_BUILD_BENCH=OFF -B build/demo
+  cmake --build build/demo
+  cmake --install build/demo --prefix "$PWD/build/demo/prefix"
+} > build/demo/build.log 2>&1 || { cat build/demo/build.log; exit 1; }
 
-tag=build/demo/cli/qvltag
+bin=$PWD/build/demo/prefix/bin
+export PATH="$bin:$PATH"
+
+work=$(mktemp -d)
+simulator=
+finish() {
+  [ -z "$simulator" ] || kill "$simulator" 2> /dev/null || true
+  rm -rf "$work"
+}
+trap finish EXIT
+cp demo/*.mfd demo/*.card "$work"
+script=$PWD/demo/tag-memory.sh
+cd "$work"
+
 show() {
   echo
-  echo "\$ qvltag $*"
-  "$tag" "$@"
+  echo "\$ $*"
+  "$@"
 }
 
-tags=$(mktemp -d)
-trap 'rm -rf "$tags"' EXIT
-cp demo/*.mfd demo/*.card "$tags"
-cd "$tags" && tag=$OLDPWD/$tag
+echo "A virtual reader on a pseudo-terminal, with three tags from the files in demo/:"
+echo
+echo "\$ qvlreadersim --root devices --com 1 ticket.mfd door.mfd passport.card &"
+mkfifo commands
+qvlreadersim --root "$work/devices" --com 1 ticket.mfd door.mfd passport.card < commands > ready &
+simulator=$!
+exec 9> commands
+for _ in $(seq 100); do
+  grep -q '^ready' ready && break
+  sleep 0.05
+done
+cat ready
 
-echo "A virtual reader on a pseudo-terminal, with tags from the image files in demo/."
-show --virtual ticket.mfd info
-show --virtual ticket.mfd --virtual door.mfd --virtual passport.card poll --count 3
-show --virtual ticket.mfd --json poll --count 1
-show --virtual ticket.mfd led 2 on
+# The settings of a product that may be installed on this machine play no part.
+export QVL_PATH="$work" QVL_DEVICE_ROOT="$work/devices"
+show qvltag info
+show qvltag poll --count 3
+show qvltag --json poll --forced --count 1
+show qvltag led 2 on
+unset QVL_DEVICE_ROOT
+
+echo
+echo "The same program brings a virtual reader of its own, and keeps what was written in the image file:"
+"$script" "$bin/qvltag"

@@ -1,0 +1,50 @@
+// What the guide for hosts shows, as it stands there.
+
+#include "ReaderImpl.h"
+
+#include "ScopedEnvironment.h"
+#include "TempDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+std::uint8_t factoryKey[6] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+std::uint8_t keyA[6] = {1, 1, 1, 1, 1, 1}, keyB[6] = {2, 2, 2, 2, 2, 2}, masterKey[6] = {3, 3, 3, 3, 3, 3};
+TagUID tag;
+
+#define check(condition) ASSERT_TRUE(condition)
+#include "guide_examples.inc"
+#undef check
+
+class Service : public QVLReaderServiceIntf {
+  public:
+    void readerStateChanged(bool) override {}
+    void readerMessage(int, const char*) override {}
+};
+
+TEST(TheGuide, ShowsWhatWorks) {
+    const TempDirectory directory;
+    directory.write("data/conf/QVLReader.ini", "[READER]\nSERIAL_PORT=77\n[/READER]\n");
+    const ScopedEnvironment path("QVL_PATH", directory.path().c_str());
+    const ScopedEnvironment root("QVL_DEVICE_ROOT", directory.path().c_str());
+    const std::string command = std::string(QVLREADERSIM) + " --com 77 --quiet --root " + directory.path() + " new:1k";
+    const std::unique_ptr<FILE, int (*)(FILE*)> simulator(::popen(command.c_str(), "w"), ::pclose);
+    for (int i = 0; i < 200 && !std::filesystem::exists(directory / "COM77"); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    Service service;
+    const std::unique_ptr<ReaderImpl> adaptor(createAdaptorInstance(&service));
+    for (const Example example : kExamples) {
+        example(*adaptor);
+        ASSERT_FALSE(HasFatalFailure());
+    }
+    EXPECT_EQ(std::size(kExamples), 8u);
+}
+
+}  // namespace
