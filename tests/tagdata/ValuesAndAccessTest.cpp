@@ -186,7 +186,9 @@ TEST_F(ValuesAndAccess, KeysAndTrailersOfSectorsAreReplaced) {
     EXPECT_EQ(place.block(15)[6], 0xFF);
     const Bytes before = place.image();
     EXPECT_EQ(setTrailer(16, 2, 13), "3132 16:3113 17:3113") << "no sector number is cut to a byte";
-    EXPECT_EQ(setTrailer(64, 1, 13), "3110");
+    EXPECT_EQ(setTrailer(64, 1, 13), "3132 64:3113");
+    EXPECT_EQ(setTrailer(1, 41, 13), "3110");
+    EXPECT_EQ(setTrailer(-1, 1, 13), "3110");
     EXPECT_EQ(place.image(), before);
 }
 

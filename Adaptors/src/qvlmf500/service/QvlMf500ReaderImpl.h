@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 struct AppSectorChange;
@@ -250,7 +251,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     int getAccessCode(TagUID& tag, int sector, const KeyUse& key, int blockInSector, DataAccControl& code);
 
     // tagdata/BlockData.cpp, AccessRules.cpp
-    int resolveRun(const RunRequest& request, TagUID& tag, bool writing, ResolvedRun& run);
+    int resolveRun(const RunRequest& request, TagUID& tag, ResolvedRun& run);
     int readRun(const ResolvedRun& run, TagUID& tag, const KeyUse& key, BlockResults& out, std::uint8_t* data);
     int writeRun(const ResolvedRun& run, TagUID& tag, const KeyUse& key, BlockResults& out, const std::uint8_t* data,
                  int dataLength);
@@ -278,6 +279,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     USBFileIO mUSBFileIO;
     std::unique_ptr<QvlTcl> mTcl;  // holds the one pointer to the driver
     GetCurrentDevInstID mGetCurrentDevInstID = nullptr;
-    std::string mScannedPath;  // of the last scan; empty for the driver's default
+    std::optional<std::uint32_t> mHeldTagType;  // of the tag of the operation that runs; under the reader lock
+    std::string mScannedPath;                   // of the last scan; empty for the driver's default
     std::atomic<bool> mScanned{false};
 };

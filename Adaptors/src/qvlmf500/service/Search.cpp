@@ -63,11 +63,13 @@ int QvlMf500ReaderImpl::waitForAnyTag(TagUID& tag, bool forced) {
 int QvlMf500ReaderImpl::lookForDirectory(const std::uint8_t* aid, TagUID& tag, const KeyUse& key, bool& found) {
     std::uint8_t trailer[mad::kBlockSize] = {};
     std::uint8_t directory[mad::kSize] = {};
+    // Without a key for its retries a read that fails once fails for good, and the search goes on with the next tag.
+    const KeyUse none{nullptr, key.mode};
     int status = authenticateKey(tag, 0, key);
-    if (status == kOk) status = getBlock(tag, 0, key, kTrailerOfSector0, 1, trailer, false, nullptr);
+    if (status == kOk) status = getBlock(tag, 0, none, kTrailerOfSector0, 1, trailer, false, nullptr);
     if (status != kOk || (trailer[Trailer::kGeneralPurpose] & kHasDirectory) == 0) return status;
     if (aid != nullptr) {
-        status = getBlock(tag, 0, key, 1, 2, directory, false, nullptr);
+        status = getBlock(tag, 0, none, 1, 2, directory, false, nullptr);
         if (status != kOk || !hasEntry(directory, aid)) return status;
     }
     found = true;

@@ -21,14 +21,10 @@ class TagPromptScope {
 class HaltAtEnd {
   public:
     explicit HaltAtEnd(QvlMf500ReaderImpl& reader) : mReader(reader) {}
-    ~HaltAtEnd() { mReader.haltAllTag(mSelectedFirst); }
+    ~HaltAtEnd() { mReader.haltAllTag(false); }
     HaltAtEnd(const HaltAtEnd&) = delete;
     HaltAtEnd& operator=(const HaltAtEnd&) = delete;
 
-    /// Whether a tag is selected then, which sleeps first.
-    void selectedFirst(bool selected) { mSelectedFirst = selected; }
-
   private:
     QvlMf500ReaderImpl& mReader;
-    bool mSelectedFirst = false;
 };

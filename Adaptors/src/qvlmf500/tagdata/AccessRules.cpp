@@ -19,6 +19,7 @@
 namespace {
 
 constexpr int kBlockSize = 16;
+constexpr int kMostSectorNumbers = 256;  // they are bytes
 
 constexpr short kRefusedKind = 2050;
 constexpr short kDataKind = 2051;
@@ -171,7 +172,9 @@ int QvlMf500ReaderImpl::setTrailerBlockType(int readerId, TagAppType appType, sh
     if (bytes == nullptr) return kAccessRefused;
     if (keyA == nullptr || keyB == nullptr) return kReaderFailed;
     const int count = std::max<int>(sectorCount, 1);
-    if (appType == TagAppNone && (appId < 0 || appId + count > kSectors4K)) return kTooFew;
+    // What is no sector of the tag fails by itself, with a record; only what no list can hold is refused.
+    if (appType == TagAppNone && (appId < 0 || count > kSectors4K || appId + count > kMostSectorNumbers))
+        return kTooFew;
     return guarded("setTrailerBlockType", int{kReaderFailed}, [&]() -> int {
         TagUID& known = refreshable(tag);
         OperationFrame frame(*this, readerId, known);
@@ -234,7 +237,7 @@ int QvlMf500ReaderImpl::getBlockAccessMode(int readerId, TagAppType appType, con
         if (!frame.entered()) return frame.status();
         int sector = 0, blockInSector = 0;
         int status =
-            locateBlock({appType, appId, block, directoryKey(madKey, madKeyMode)}, known, sector, blockInSector);
+            locateBlock({appType, appId, block, directoryKey(madKey, madKeyMode), true}, known, sector, blockInSector);
         if (status != kOk && status != kNotAllowedHere && appType != TagAppNone) {
             QVL_LOG(kLogFailure, "getAccessMode failed %d", status);
             status = kDirectoryNotRead;
@@ -272,7 +275,9 @@ int QvlMf500ReaderImpl::getSectorAccessMode(int readerId, TagAppType appType, co
             sector = list[sectorIndex];
         }
         Trailer trailer;
-        const int offset = trailerOffsetOf(known.getTagType(), sector);
+        int offset = 0;
+        if (getTrailerOffset(known.getTagType(), sector, offset) == kNoSuchSector) return frame.finish(kOutOfRange);
+        offset = trailerOffsetOf(known.getTagType(), sector);
         if (getBlock(known, sector, {key, keyMode}, offset, 1, trailer.data(), true, nullptr) != kOk)
             return frame.finish(kTrailerNotRead);
         const SectorAccessBits bits(trailer.access());

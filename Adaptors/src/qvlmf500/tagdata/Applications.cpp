@@ -113,7 +113,6 @@ int QvlMf500ReaderImpl::removeAppSector(int readerId, TagAppType appType, short 
     if (const int status = checkTag(tag); status != kOk) return status;
     if (sectorCount < 0) return kTooFew;
     if (appType != TagAppNone && startIndex < 0) return kOutOfRange;
-    if (appType != TagAppNone && newKeyB == nullptr && madKey == nullptr) return kReaderFailed;
     return guarded("removeAppSector", int{kReaderFailed}, [&]() -> int {
         TagUID& known = refreshable(tag);
         OperationFrame frame(*this, readerId, known);

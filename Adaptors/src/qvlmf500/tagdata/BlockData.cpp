@@ -76,6 +76,11 @@ void record(const RunWalk& walk, const int* statuses, BlockResults& out) {
         out.records[static_cast<std::size_t>(out.filled++)] = {walk.numberOf(i), statuses[i]};
 }
 
+int unresolved(const RunRequest& request, int status) {
+    QVL_LOG(kLogFailure, "%s failed %d", request.isWrite ? "setBlockData" : "getBlockData", status);
+    return status;
+}
+
 // The status forms: one entry a block from the records of the record form.
 void copyStatuses(int* statuses, int count, const OpResultCode* records) {
     if (statuses == nullptr) return;
@@ -85,22 +90,27 @@ void copyStatuses(int* statuses, int count, const OpResultCode* records) {
 
 }  // namespace
 
-int QvlMf500ReaderImpl::resolveRun(const RunRequest& request, TagUID& tag, bool writing, ResolvedRun& run) {
+int QvlMf500ReaderImpl::resolveRun(const RunRequest& request, TagUID& tag, ResolvedRun& run) {
     run.appType = request.appType;
     int capacity = 0;
     if (request.appType != TagAppNone) {
-        if (writing && tag.getTagType() == kTag4K) return kNotAllowedHere;
-        if (writing && !hasTrailers(tag.getTagType())) return kNotAllowedHere;
+        if (request.isWrite && tag.getTagType() == kTag4K) return kNotAllowedHere;
+        if (request.isWrite && !hasTrailers(tag.getTagType())) return kNotAllowedHere;
         if (const int status = locateAppRange(static_cast<std::uint16_t>(request.appId), tag, request.madKey,
                                               request.startBlock, run.sectors, run.firstListIndex, run.offset);
-            status != kOk)
-            return status;
+            status != kOk) {
+            QVL_LOG(kLogFailure, request.isWrite ? "setBlockData failed %d" : "getBlockData failed: %d", status);
+            return unresolved(request, status);
+        }
         capacity = -request.startBlock;
     } else {
+        // The test before the lock saw the type that the caller's TagUID held.
+        if (const int status = checkUserBlock(tag.getTagType(), request.startBlock); status != kMemoryOk)
+            return unresolved(request, status);
         SectorRun sectors;
         if (const int status = blockRangeToSectors(tag.getTagType(), request.startBlock, request.blockCount, sectors);
             status != kOk)
-            return status;
+            return unresolved(request, status);
         for (int i = 0; i < sectors.count; ++i)
             run.sectors.add(sectors.sector + i);
         run.offset = sectors.offset;
@@ -126,11 +136,8 @@ int QvlMf500ReaderImpl::getBlockData(int readerId, TagAppType appType, const Tag
         OperationFrame frame(*this, readerId, known);
         if (!frame.entered()) return frame.status();
         ResolvedRun run;
-        const RunRequest request{appType, appId, startBlock, blockCount, directoryKey(madKey, madKeyMode)};
-        if (const int status = resolveRun(request, known, false, run); status != kOk) {
-            QVL_LOG(kLogFailure, "getBlockData failed %d", status);
-            return frame.finish(status);
-        }
+        const RunRequest request{appType, appId, startBlock, blockCount, directoryKey(madKey, madKeyMode), false};
+        if (const int status = resolveRun(request, known, run); status != kOk) return frame.finish(status);
         const std::size_t size = static_cast<std::size_t>(run.blockCount) * tagInfoByType(known.getTagType()).blockSize;
         BlockResults out = resultsFor(run);
         auto bytes = std::make_unique<std::uint8_t[]>(size);
@@ -175,14 +182,11 @@ int QvlMf500ReaderImpl::setBlockData(int readerId, TagAppType appType, const Tag
         OperationFrame frame(*this, readerId, known);
         if (!frame.entered()) return frame.status();
         ResolvedRun run;
-        const RunRequest request{appType, appId, startBlock, blockCount, directoryKey(madKey, madKeyMode)};
-        int status = resolveRun(request, known, true, run);
+        const RunRequest request{appType, appId, startBlock, blockCount, directoryKey(madKey, madKeyMode), true};
+        int status = resolveRun(request, known, run);
         const int size = run.blockCount * static_cast<int>(tagInfoByType(known.getTagType()).blockSize);
         if (status == kOk && dataLength > size) status = kDataTooLong;
-        if (status != kOk) {
-            QVL_LOG(kLogFailure, "setBlockData failed %d", status);
-            return frame.finish(status);
-        }
+        if (status != kOk) return frame.finish(status);
         std::unique_ptr<std::uint8_t[]> filled;
         if (fillBlock != nullptr) {
             filled = std::make_unique<std::uint8_t[]>(static_cast<std::size_t>(size));

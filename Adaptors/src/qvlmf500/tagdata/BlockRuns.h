@@ -14,6 +14,7 @@ struct RunRequest {
     int startBlock;
     int blockCount;
     KeyUse madKey;
+    bool isWrite;
 };
 
 /// Where it lies on the tag.
@@ -40,6 +41,7 @@ struct BlockAddress {
     short appId;
     int block;
     KeyUse madKey;
+    bool mayBeTrailer = false;
 };
 
 /// The sectors whose trailers an operation rewrites.

@@ -43,9 +43,14 @@ int QvlMf500ReaderImpl::checkAppType(TagUID& tag, const KeyUse& key, bool authen
 }
 
 int QvlMf500ReaderImpl::readDirectory(TagUID& tag, const KeyUse& key, bool authenticate, DirectoryImage& image) {
-    // A tag with pages delivers less than a directory; what is missing reads as free.
-    const int status = getBlock(tag, 0, key, kDirectoryBlock, kDirectoryBlocks, image.data(), authenticate, nullptr);
-    return status == kOk ? kOk : kDirectoryNotRead;
+    // Block by block: a tag with pages delivers less than a block, and what is missing reads as free.
+    for (int block = 0; block < kDirectoryBlocks; ++block) {
+        std::uint8_t* place = image.data() + static_cast<std::size_t>(block) * mad::kBlockSize;
+        const int status =
+            getBlock(tag, 0, key, kDirectoryBlock + block, 1, place, authenticate && block == 0, nullptr);
+        if (status != kOk) return kDirectoryNotRead;
+    }
+    return kOk;
 }
 
 int QvlMf500ReaderImpl::writeDirectory(TagUID& tag, const KeyUse& key, const DirectoryImage& image,

@@ -78,6 +78,7 @@ int QvlMf500ReaderImpl::formatTag(int readerId, TagAppType appType, std::uint8_t
         if (!frame.entered()) return frame.status();
         if (const int found = getTagId(readerId, TagAppNone, 0, tag, AuthKeyA, nullptr, false); found != kOk)
             return frame.finish(found);
+        frame.holdType(*tag);
         if (!hasTrailers(tag->getTagType())) return frame.finish(kNotAllowedHere);
         if (tag->getTagType() == kTag4K && appType != TagAppNone) return frame.finish(kNotAllowedHere);
         platform::Clock::current().pauseMs(kSettleMs);
@@ -133,6 +134,7 @@ int QvlMf500ReaderImpl::unformatTag(int readerId, TagAppType appType, std::uint8
         frame.showPrompt();
         if (const int found = getTagId(readerId, TagAppNone, 0, tag, AuthKeyA, nullptr, false); found != kOk)
             return frame.finish(found);
+        frame.holdType(*tag);
         if (!hasTrailers(tag->getTagType())) return frame.finish(kNotAllowedHere);
         int last = kOk;
         const int status = unformatSectors(appType, {key, AuthKeyB}, *tag, statuses, last);

@@ -95,6 +95,12 @@ int QvlMf500ReaderImpl::selectTag(std::uint8_t requestCode, TagUID& tag) {
             selectCode = nextCascadeLevel(selectCode);
         }
     }
-    if (sakKnown) tag.setTagType(tagTypeFromSak(sak));
+    if (!sakKnown) return kOk;
+    const std::uint32_t type = tagTypeFromSak(sak);
+    if (mHeldTagType && type != *mHeldTagType) {
+        QVL_LOG(kLogFailure, "Tag selection failed: another type of tag for tagID = 0x%s", uidText(tag).c_str());
+        return kNoTag;
+    }
+    tag.setTagType(type);
     return kOk;
 }

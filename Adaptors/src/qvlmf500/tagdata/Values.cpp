@@ -42,7 +42,12 @@ int logged(const char* operation, int status) {
 
 int QvlMf500ReaderImpl::locateBlock(const BlockAddress& address, TagUID& tag, int& sector, int& blockInSector) {
     if (!hasTrailers(tag.getTagType())) return kNotAllowedHere;
-    if (address.appType == TagAppNone) return blockToSector(tag.getTagType(), address.block, sector, blockInSector);
+    if (address.appType == TagAppNone) {
+        // The test before the lock saw the type that the caller's TagUID held.
+        const int status = address.mayBeTrailer ? int{kMemoryOk} : checkUserBlock(tag.getTagType(), address.block);
+        if (status != kMemoryOk) return status;
+        return blockToSector(tag.getTagType(), address.block, sector, blockInSector);
+    }
     return locateAppBlock(static_cast<std::uint16_t>(address.appId), tag, address.madKey, address.block, sector,
                           blockInSector);
 }

@@ -79,9 +79,7 @@ int getTrailerOffset(std::uint32_t type, int sector, int& offset) {
 }
 
 int trailerOffsetOf(std::uint32_t type, int sector) {
-    int offset = 0;
-    getTrailerOffset(type, sector, offset);
-    return offset;
+    return isLargeSector(type, sector) ? kLargeTrailer : kSmallTrailer;
 }
 
 int blockToSector(std::uint32_t type, int block, int& sector, int& blockInSector) {

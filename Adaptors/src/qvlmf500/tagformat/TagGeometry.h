@@ -31,7 +31,8 @@ int firstBlockOfSector(std::uint32_t type, int sector);
 bool isSectorInRange(std::uint32_t type, bool exact, int number);
 /// Block in sector of the trailer. 3204 for a sector outside a 4K tag, 3205 for types without, and then `offset` stays.
 int getTrailerOffset(std::uint32_t type, int sector, int& offset);
-/// The same where the sector and the type are known to have a trailer.
+/// The same for the types that hasTrailers knows, whatever the sector: a type that only a caller can set counts as
+/// well, since a trailer must never be taken for a data block.
 int trailerOffsetOf(std::uint32_t type, int sector);
 /// 3113 for a block outside the tag.
 int blockToSector(std::uint32_t type, int block, int& sector, int& blockInSector);
