@@ -1,22 +1,15 @@
 #include "ConsolePrompt.h"
 
-#include <string_view>
-#include <unistd.h>
+#include "Terminal.h"
 
 namespace {
 
 constexpr std::string_view kPrompt = "Hold a tag to the reader, Ctrl-C cancels";
-constexpr std::string_view kEraseLine = "\r\033[K";
-
-void say(std::string_view text) {
-    // A prompt that cannot be written is no reason to stop waiting.
-    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text.data(), text.size());
-}
 
 }  // namespace
 
 ConsolePrompt::ConsolePrompt(const Interrupt& interrupt, bool besideJson)
-    : mInterrupt(interrupt), mOnTerminal(::isatty(STDERR_FILENO) == 1), mSilent(besideJson && !mOnTerminal) {
+    : mInterrupt(interrupt), mOnTerminal(terminal::isThere()), mMuted(besideJson && !mOnTerminal) {
     setTagPromptSurface(this);
 }
 
@@ -24,12 +17,15 @@ ConsolePrompt::~ConsolePrompt() { setTagPromptSurface(nullptr); }
 
 bool ConsolePrompt::show() {
     if (mInterrupt.requested()) return false;
-    if (mSilent) return true;
-    say(kPrompt);
-    if (!mOnTerminal) say("\n");
+    if (mMuted) return true;
+    terminal::say(kPrompt);
+    if (!mOnTerminal) {
+        terminal::say("\n");
+        mMuted = true;
+    }
     return true;
 }
 
 void ConsolePrompt::hide() {
-    if (mOnTerminal) say(kEraseLine);
+    if (mOnTerminal && !mMuted) terminal::say(terminal::kEraseLine);
 }

@@ -28,7 +28,7 @@ Interrupt::~Interrupt() {
         const std::lock_guard held(mMutex);
         mEnding = true;
     }
-    ::pthread_kill(mThread.native_handle(), SIGTERM);
+    ::pthread_kill(mThread.native_handle(), SIGHUP);  // Any of them wakes it.
     mThread.join();
 }
 

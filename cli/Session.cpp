@@ -1,5 +1,6 @@
 #include "Session.h"
 
+#include "ServiceStatus.h"
 #include "StatusText.h"
 #include "Text.h"
 
@@ -39,7 +40,19 @@ Outcome Session::close() {
     return mOutput.error({Outcome::failed, "virtual reader", complaint, "", 0});
 }
 
-Outcome Session::fail(int status, const std::string& where) { return mOutput.error(problemOf(status), where); }
+Outcome Session::fail(int status, const std::string& where) {
+    Problem problem = problemOf(status);
+    if (status == kCancelled && !mSettings.wait && !mInterrupt.requested()) {
+        // Nobody waited, and so nobody cancelled.
+        problem = problemOf(kNoTag);
+        problem.status = status;
+    }
+    return mOutput.error(problem, where);
+}
+
+void Session::mutePrompt(bool on) {
+    if (mPrompt) mPrompt->mute(on);
+}
 
 void Session::Stop::operator()(ReaderImpl* adaptor) const {
     adaptor->stopReader();

@@ -41,6 +41,8 @@ class Session final : private QVLReaderServiceIntf {
 
     /// Complains about a status that is not success; see Output::error.
     Outcome fail(int status, const std::string& where = {});
+    /// For those who keep a line of the terminal busy: the prompt says nothing until it is unmuted.
+    void mutePrompt(bool on);
     /// Who hears, in the middle of an operation, that the reader was lost (false) or is back (true). By default that
     /// becomes a remark.
     void onReaderState(std::function<void(bool ready)> listener) { mListener = std::move(listener); }

@@ -17,7 +17,7 @@ struct StatusText {
 constexpr const char* kHoldStill = "Lay the tag flat on the reader, hold it still, and try again.";
 constexpr const char* kOtherKey = "Give the right key, or try the other one (A or B).";
 constexpr const char* kSmallerRange = "Look at the size of the tag or application with \"ls\" and \"app ls\".";
-constexpr const char* kFormatFirst = "Look at the tag with \"app ls\"; \"format\" makes a directory.";
+constexpr const char* kFormatFirst = "\"format\" makes a directory; if its key is not the usual one, give --mad-key.";
 constexpr const char* kReadRecords = "The records above say which sectors or blocks; repeat the command for those.";
 constexpr const char* kReport = "This is a fault of the program: please report it with the command line.";
 
@@ -40,8 +40,15 @@ constexpr StatusText kStatusTexts[] = {
     {kDirectoryNotWritten, "directory not written", "the directory of the tag could not be written", kOtherKey},
     {kApplicationMissing, "application missing", "the application is not on the tag", "\"app ls\" lists those there."},
     {kOutOfRange, "out of range", "a block, sector or index lies outside the tag or application", kSmallerRange},
+    {kBlockKindRefused, "kind refused", "this kind of block cannot be set", kReport},
+    {kZeroValue, "no value", "a block that can only be decremented cannot start with 0", "Give it an amount."},
+    {kNoValueBlock, "no value block", "the block is no value block, or would not become one",
+     "\"value init\" makes a value block; \"access show\" shows which there are."},
+    {kNoDataCondition, "no data block", "this condition is not one of data blocks",
+     "For value blocks: \"value init\"."},
+    {kBlockNotOpened, "block not opened", "the trailer could not be written to open the block", kOtherKey},
     {kNotAllowedHere, "not allowed here", "the operation does not suit this type of tag or way of addressing",
-     "\"ls\" shows the type of the tag."},
+     "\"ls\" shows the type; a directory needs 16 sectors."},
     {kValueFailed, "value failed", "a value operation failed, and whether it took place is unknown",
      "Read the value again before you repeat it."},
     {kCancelled, "cancelled", "the wait was cancelled, or nobody can wait",
@@ -59,7 +66,7 @@ constexpr StatusText kStatusTexts[] = {
     {kValueInconsistent, "no sound value", "the block is no sound value block", "\"value set\" makes it one."},
     {kNoDirectory, "no directory", "the tag has no directory, or no tag holds the application", kFormatFirst},
     {kReservedBlock, "reserved block", "the block is reserved",
-     "Choose a block that is neither block 0 nor a trailer."},
+     "Choose one that is neither a trailer nor page 0 or 1 of an Ultralight."},
     {kPartial, "partial success", "only a part was done", kReadRecords},
     {kBlockNotWritten, "block not written", "a block could not be written",
      "Its access conditions may forbid it for this key: see \"access show\"."},

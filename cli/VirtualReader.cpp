@@ -146,6 +146,7 @@ int VirtualReader::spawn(std::vector<std::string> arguments) {
     const Descriptor theirSpeech(speech[1]);
 
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments)
         argv.push_back(argument.data());
     argv.push_back(nullptr);

@@ -10,21 +10,21 @@
 #include <algorithm>
 #include <exception>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 namespace {
 
 constexpr double kShortestWaitSeconds = 0.001, kLongestWaitSeconds = 86'400;
 
 constexpr const char* kExamples = "Examples:\n"
-                                  "  qvltag info                                which reader answers\n"
                                   "  qvltag poll                                follow the tags until Ctrl-C\n"
                                   "  qvltag --json poll --count 1               the next tag as a JSON object\n"
-                                  "  qvltag --virtual tag.mfd poll --once       without a reader: a tag from an image\n"
+                                  "  qvltag read 4 all --key @door.key          the data of a tag\n"
+                                  "  qvltag dump tag.mfd --keys known.keys      all of it into an image file\n"
+                                  "  qvltag --virtual tag.mfd ls --apps         without a reader: a tag from an image\n"
                                   "  qvltag --virtual new:1k --virtual new:ultralight poll --count 2\n\n"
                                   "Exit status: 0 done, 1 refused, failed or cancelled, 2 usage, 3 no reader.\n"
                                   "\"qvltag COMMAND --help\" explains a command, the manual page qvltag(1) all.";
@@ -40,30 +40,27 @@ class PlainHelp : public CLI::Formatter {
     }
 };
 
+/// A slip of the pen in front of a key must not bring the key into a complaint.
+std::string withoutKeys(const std::string& text) {
+    static const std::regex kKey("[0-9A-Fa-f]{12,}");
+    return std::regex_replace(text, kKey, "(hexadecimal digits)");
+}
+
 /// The command line as an object: options that all commands share, and the commands with their work.
 class CommandLine {
   public:
     CommandLine() : mApp("Work with contactless tags and smart cards through a reader.", "qvltag") {
         addSharedOptions();
         mApp.formatter(std::make_shared<PlainHelp>());
-        mApp.require_subcommand(1);
         mApp.fallthrough();
-        mApp.get_formatter()->label("SUBCOMMAND", "COMMAND");
         mApp.footer(kExamples);
-        for (const Command& command : commands()) {
-            CLI::App* sub = mApp.add_subcommand(command.name, command.summary);
-            sub->group("Commands");
-            sub->fallthrough();
-            mWorks.emplace_back(sub, command.setUp(*sub));
-        }
+        mWork = addCommands(mApp, commands());
     }
 
     /// @throws CLI::ParseError for a wrong line, and for help and version.
     void parse(int argc, char** argv) { mApp.parse(argc, argv); }
     const SessionSettings& settings() const { return mSettings; }
-    const Work& work() const {
-        return std::ranges::find_if(mWorks, [](const auto& each) { return each.first->parsed(); })->second;
-    }
+    const Work& work() const { return mWork; }
     /// What to say and how to end when `parse` has thrown.
     Outcome answer(const CLI::ParseError& thrown, Output& output) const;
 
@@ -73,7 +70,7 @@ class CommandLine {
     CLI::App mApp;
     SessionSettings mSettings;
     bool mJson = false;
-    std::vector<std::pair<CLI::App*, Work>> mWorks;
+    Work mWork;
 };
 
 void CommandLine::addSharedOptions() {
@@ -101,14 +98,23 @@ Outcome CommandLine::answer(const CLI::ParseError& thrown, Output& output) const
         output.plain(text.str());
         return Outcome::done;
     }
-    const auto used = mApp.get_subcommands();
-    const auto words = mApp.remaining();
-    if (!used.empty())
-        return output.error({Outcome::usage, "usage", thrown.what(),
-                             "\"qvltag " + used.front()->get_name() + " --help\" tells more.", 0});
-    const std::string meaning =
-        words.empty() ? std::string(thrown.what()) : "\"" + words.front() + "\" is no command or option";
-    return output.error({Outcome::usage, "usage", meaning, "\"qvltag --help\" lists the commands.", 0});
+    std::string named;
+    const CLI::App* last = &mApp;
+    for (auto used = last->get_subcommands(); !used.empty(); used = last->get_subcommands()) {
+        last = used.front();
+        named += last->get_name() + " ";
+    }
+    const bool family = last->get_require_subcommand_min() > 0;
+    // A word that nobody knows is the cause of whatever else is wrong.
+    const auto words = mApp.remaining(true);
+    const auto option = std::ranges::find_if(words, [](const auto& each) { return each.starts_with('-'); });
+    std::string meaning = thrown.what();
+    if (option != words.end())
+        meaning = "not expected: " + *option;
+    else if (family && !words.empty())
+        meaning = "\"" + words.front() + "\" is no command or option";
+    const char* what = family ? "lists the commands." : "tells more.";
+    return output.error({Outcome::usage, "usage", withoutKeys(meaning), "\"qvltag " + named + "--help\" " + what, 0});
 }
 
 /// Complaints about the line itself need to know before it is read.

@@ -1,0 +1,87 @@
+#include "DataOptions.h"
+
+#include "Descriptor.h"
+#include "TagAccess.h"
+#include "Text.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cerrno>
+#include <charconv>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr std::size_t kLargestTag = 4096;
+
+std::vector<std::uint8_t> bytesOfFile(const std::string& name) {
+    std::ifstream file(name, std::ios::binary);
+    std::vector<std::uint8_t> bytes(kLargestTag + 1);
+    if (file) file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (!file.is_open() || file.bad())
+        throw std::invalid_argument(name + " cannot be read: " + std::generic_category().message(errno));
+    bytes.resize(static_cast<std::size_t>(file.gcount()));
+    return bytes;
+}
+
+std::vector<std::uint8_t> bytesOfDigits(const std::string& text) {
+    auto bytes = bytesFromHex(text);
+    if (!bytes) throw std::invalid_argument("\"" + text + "\" is no row of bytes, two hexadecimal digits each");
+    return *bytes;
+}
+
+}  // namespace
+
+void addDataOptions(CLI::App& app, DataArguments& data) {
+    const auto take = [&data](std::vector<std::uint8_t> bytes) {
+        if (bytes.size() > kLargestTag)
+            throw std::invalid_argument("no tag holds more than " + std::to_string(kLargestTag) + " bytes");
+        data.bytes = std::move(bytes);
+    };
+    auto* hex = addTextOption(
+        app, "HEX", [take](const std::string& text) { take(bytesOfDigits(text)); }, "What to write, in hexadecimal");
+    auto* text = addTextOption(
+                     app, "--text",
+                     [take](const std::string& given) {
+                         take({given.begin(), given.end()});
+                     },
+                     "Write the bytes of this text")
+                     ->type_name("TEXT");
+    auto* file = addTextOption(
+                     app, "--file", [take](const std::string& name) { take(bytesOfFile(name)); },
+                     "Write the content of this file")
+                     ->type_name("FILE");
+    app.callback([hex, text, file, &data] {
+        if (hex->count() + text->count() + file->count() != 1)
+            throw CLI::ValidationError("give the data as HEX, with --text or with --file");
+        if (data.bytes.empty()) throw CLI::ValidationError("there is no data to write");
+    });
+}
+
+short blockCountFromText(const std::string& text) {
+    if (text == "all") return kAllBlocks;
+    int count = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+    if (error != std::errc() || end != text.data() + text.size() || count < 1 || count > kLastBlock + 1)
+        throw std::invalid_argument("a number of blocks is 1 to 256, or \"all\"");
+    return static_cast<short>(count);
+}
+
+std::string writeFile(const std::string& name, const std::vector<std::uint8_t>& bytes) {
+    const Descriptor file(::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    const auto problem = [&] { return name + " cannot be written: " + std::generic_category().message(errno); };
+    if (!file.isOpen()) return problem();
+    for (std::size_t done = 0; done < bytes.size();) {
+        const auto written = ::write(file.get(), bytes.data() + done, bytes.size() - done);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return problem();
+        done += static_cast<std::size_t>(written);
+    }
+    return {};
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+/// As a count of blocks: all up to the end of the tag or application.
+inline constexpr short kAllBlocks = 999;
+inline constexpr int kLastBlock = 255;
+
+/// Bytes for a tag, given in one of three ways.
+struct DataArguments {
+    std::vector<std::uint8_t> bytes;
+};
+
+/// HEX in its place, --text and --file, exactly one of which a line has to give. Complains while the line is parsed.
+void addDataOptions(CLI::App& app, DataArguments& data);
+
+/// A number of blocks, or "all". @throws std::invalid_argument.
+short blockCountFromText(const std::string& text);
+
+/// Writes a file that only its owner may read, or says in words why not; empty for success.
+std::string writeFile(const std::string& name, const std::vector<std::uint8_t>& bytes);
