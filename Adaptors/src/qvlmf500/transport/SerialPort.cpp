@@ -16,7 +16,7 @@ constexpr std::uint32_t kDefaultMask = platform::kLineByteArrived | platform::kL
 
 }  // namespace
 
-SerialPort::~SerialPort() { close(); }
+SerialPort::~SerialPort() { SerialPort::close(); }
 
 bool SerialPort::begin() {
     mLastError = mHandle ? kSuccess : kNotOpen;
