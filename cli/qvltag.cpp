@@ -8,9 +8,10 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cctype>
+#include <cstddef>
 #include <exception>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -42,8 +43,19 @@ class PlainHelp : public CLI::Formatter {
 
 /// A slip of the pen in front of a key must not bring the key into a complaint.
 std::string withoutKeys(const std::string& text) {
-    static const std::regex kKey("[0-9A-Fa-f]{12,}");
-    return std::regex_replace(text, kKey, "(hexadecimal digits)");
+    constexpr std::ptrdiff_t kKeyDigits = 12;
+    const auto isDigit = [](unsigned char c) { return std::isxdigit(c) != 0; };
+    std::string shown;
+    for (auto at = text.begin(); at != text.end();) {
+        const auto end = std::find_if_not(at, text.end(), isDigit);
+        if (end - at >= kKeyDigits)
+            shown += "(hexadecimal digits)";
+        else
+            shown.append(at, end);
+        at = end;
+        if (at != text.end()) shown += *at++;
+    }
+    return shown;
 }
 
 /// The command line as an object: options that all commands share, and the commands with their work.
