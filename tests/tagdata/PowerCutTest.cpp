@@ -4,6 +4,7 @@
 #include "SweptOperations.h"
 #include "TagPrompt.h"
 
+#include <cstdlib>
 #include <future>
 
 namespace {
@@ -26,7 +27,7 @@ class PowerCut : public ::testing::TestWithParam<Operation> {
         return told;
     }
 
-    /// @return what is wrong; empty for nothing. `writes` is then below `write` when there are no more.
+    /// @return what is wrong; empty for nothing.
     std::string cutAt(std::uint32_t write, int bytes, Tag tag) {
         place.setImage(op.before);
         place.adaptor->setTagPromptFlag(tag == Tag::returnsWhileWaitedFor);
@@ -35,7 +36,7 @@ class PowerCut : public ::testing::TestWithParam<Operation> {
         const Outcome told = run();
         place.reader->clearFaults();
         place.reader->field().setPresent(place.name, true);
-        if (writes < write) return {};
+        if (writes < write) return "the write never came";
         const Bytes after = place.image();
         std::string found = wrong({op, op.before, whole, bytes, wanted}, told, after);
         if (found.empty() && tag != Tag::staysAway) found = wrongDefects(told, after);
@@ -94,11 +95,13 @@ TEST_P(PowerCut, LeavesADocumentedState) {
     ASSERT_TRUE(status == kOk || status == kPartial) << status;
     const std::uint32_t all = writes;
     ASSERT_GT(all, 0u);
+    const bool isLarge = op.before.size() == 4096 && std::getenv("QVL_FULL_SWEEP") == nullptr;  // and slow to compare
     int failures = 0;
     for (const Tag tag : {Tag::staysAway, Tag::returnsAtOnce, Tag::returnsWhileWaitedFor})
         for (std::uint32_t write = 1; write <= all; ++write)
             for (const int bytes : {0, 1, 8, 15, 16}) {
                 if (tag == Tag::returnsWhileWaitedFor && bytes != 8 && bytes != 16) continue;
+                if (isLarge && bytes != 0 && bytes != 8 && bytes != 16) continue;
                 const std::string found = cutAt(write, bytes, tag);
                 EXPECT_EQ(found, "") << "write " << write << " of " << all << ", after " << bytes << " bytes, tag "
                                      << static_cast<int>(tag);

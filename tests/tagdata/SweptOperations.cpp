@@ -7,26 +7,35 @@ namespace {
 
 constexpr Key kNew1{0x71, 0x71, 0x71, 0x71, 0x71, 0x71}, kNew2{0x72, 0x72, 0x72, 0x72, 0x72, 0x72};
 
+using Run = std::function<Outcome(TagWorkplace&)>;
+using Records = OpResultCode*&;
+
+constexpr short kId = static_cast<short>(kOwnApp);
+
 template <typename Call>
-Outcome recorded(TagWorkplace& place, Call call) {
-    Outcome out;
-    int count = 0;
-    OpResultCode* results = nullptr;
-    out.status = call(*place.adaptor, count, results);
-    if (results != nullptr) out.records.assign(results, results + count);
-    place.adaptor->freeMemory(results);
-    return out;
+Run recorded(Call call) {
+    return [call](TagWorkplace& place) {
+        Outcome out;
+        int count = 0;
+        OpResultCode* results = nullptr;
+        out.status = call(*place.adaptor, place.tag, count, results);
+        if (results != nullptr) out.records.assign(results, results + count);
+        place.adaptor->freeMemory(results);
+        return out;
+    };
 }
 
 // Operations that fill an array of statuses, one a sector.
 template <typename Call>
-Outcome listed(TagWorkplace& place, const std::vector<int>& sectors, Call call) {
-    Outcome out;
-    std::vector<int> statuses(40, 0);
-    out.status = call(*place.adaptor, statuses.data());
-    for (std::size_t i = 0; i < sectors.size(); ++i)
-        if (statuses[i] != 0) out.records.push_back({static_cast<short>(sectors[i]), statuses[i]});
-    return out;
+Run listed(const std::vector<int>& sectors, Call call) {
+    return [sectors, call](TagWorkplace& place) {
+        Outcome out;
+        std::vector<int> statuses(40, 0);
+        out.status = call(*place.adaptor, place.tag, statuses.data());
+        for (std::size_t i = 0; i < sectors.size(); ++i)
+            if (statuses[i] != 0) out.records.push_back({static_cast<short>(sectors[i]), statuses[i]});
+        return out;
+    };
 }
 
 std::vector<int> range(int first, int count) {
@@ -36,106 +45,88 @@ std::vector<int> range(int first, int count) {
     return all;
 }
 
-Operation added(const std::string& name, const Bytes& before, bool isNew, int count, const std::vector<int>& free) {
-    const auto run = [=](TagWorkplace& place) {
-        return recorded(place, [&](ReaderImpl& adaptor, int& records, OpResultCode*& results) {
-            int done = 0;
-            const auto id = static_cast<short>(kOwnApp);
-            const auto sectors = static_cast<short>(count);
-            return isNew ? adaptor.initApp(0, TagAppMad1, id, kB.data(), nullptr, 0, sectors, place.tag, kA.data(),
-                                           kC.data(), AccData100, done, records, results)
-                         : adaptor.addAppSector(0, TagAppMad1, id, kB.data(), kB.data(), 0, sectors, place.tag,
-                                                kA.data(), kC.data(), AccData100, done, records, results);
-        });
-    };
-    return {.name = name,
-            .before = before,
-            .run = run,
-            .statuses = {kDirectoryNotRead, kDirectoryNotWritten, kPartial, kRepairFailed, kTooFew,
-                         isNew ? kApplicationExists : kApplicationMissing},
-            .sectors = free,
-            .entries = {0, kOwnApp},
-            .trailers = {trailerBytes(kA, kFormattedBits, 0x69, kC)},
-            .claims = true,
-            .goesOn = !isNew};
+Operation make(const std::string& name, const Bytes& before, const std::vector<int>& sectors, const Key& key,
+               std::set<int> statuses, Run run) {
+    Operation op;
+    op.name = name;
+    op.before = before;
+    op.run = std::move(run);
+    op.statuses = std::move(statuses);
+    op.sectors = sectors;
+    op.key = key;
+    return op;
+}
+
+Operation added(const std::string& name, const Bytes& before, bool isNew, short count, const std::vector<int>& free) {
+    const Run run = recorded([=](ReaderImpl& ai, TagUID& tag, int& records, Records results) {
+        int done = 0;
+        return isNew ? ai.initApp(0, TagAppMad1, kId, kB.data(), nullptr, 0, count, tag, kA.data(), kC.data(),
+                                  AccData100, done, records, results)
+                     : ai.addAppSector(0, TagAppMad1, kId, kB.data(), kB.data(), 0, count, tag, kA.data(), kC.data(),
+                                       AccData100, done, records, results);
+    });
+    const int refused = isNew ? kApplicationExists : kApplicationMissing;
+    Operation op = make(name, before, free, kB,
+                        {kDirectoryNotRead, kDirectoryNotWritten, kPartial, kRepairFailed, kTooFew, refused}, run);
+    op.entries = {0, kOwnApp};
+    op.trailers = {trailerBytes(kA, kFormattedBits, 0x69, kC)};
+    op.claims = true;
+    op.goesOn = !isNew;
+    return op;
 }
 
 Operation removed(const std::string& name, const Bytes& before, short start, const std::vector<int>& sectors) {
-    const auto run = [=](TagWorkplace& place) {
-        return listed(place, sectors, [&](ReaderImpl& adaptor, int* statuses) {
-            const auto id = static_cast<short>(kOwnApp);
-            const auto count = static_cast<short>(sectors.size());
-            return start == 0 ? adaptor.resetApp(0, TagAppMad1, id, kB.data(), 0, count, place.tag, AuthKeyB, kC.data(),
-                                                 nullptr, nullptr, statuses)
-                              : adaptor.removeAppSector(0, TagAppMad1, id, kB.data(), 0, start, count, place.tag,
-                                                        AuthKeyB, kC.data(), nullptr, nullptr, statuses);
-        });
-    };
-    return {.name = name,
-            .before = before,
-            .run = run,
-            .statuses = {kDirectoryNotRead, kDirectoryNotWritten, kPartial, kTooFew, kOutOfRange},
-            .sectors = sectors,
-            .entries = {0, kOwnApp},
-            .key = kC};
+    const auto count = static_cast<short>(sectors.size());
+    const Run run = listed(sectors, [=](ReaderImpl& ai, TagUID& tag, int* statuses) {
+        return start == 0 ? ai.resetApp(0, TagAppMad1, kId, kB.data(), 0, count, tag, AuthKeyB, kC.data(), nullptr,
+                                        nullptr, statuses)
+                          : ai.removeAppSector(0, TagAppMad1, kId, kB.data(), 0, start, count, tag, AuthKeyB, kC.data(),
+                                               nullptr, nullptr, statuses);
+    });
+    Operation op =
+        make(name, before, sectors, kC, {kDirectoryNotRead, kDirectoryNotWritten, kPartial, kTooFew, kOutOfRange}, run);
+    op.entries = {0, kOwnApp};
+    return op;
 }
 
 Operation plain(const std::string& name, std::size_t size, bool adding, short first, short count) {
+    const Run add = recorded([=](ReaderImpl& ai, TagUID& tag, int& records, Records results) {
+        int done = 0;
+        return ai.addAppSector(0, TagAppNone, first, nullptr, kC.data(), 0, count, tag, kNew1.data(), kNew2.data(),
+                               AccData110, done, records, results);
+    });
     const std::vector<int> sectors = range(first, count);
-    const auto add = [=](TagWorkplace& place) {
-        return recorded(place, [&](ReaderImpl& adaptor, int& records, OpResultCode*& results) {
-            int done = 0;
-            return adaptor.addAppSector(0, TagAppNone, first, nullptr, kC.data(), 0, count, place.tag, kNew1.data(),
-                                        kNew2.data(), AccData110, done, records, results);
-        });
-    };
-    const auto remove = [=](TagWorkplace& place) {
-        return listed(place, sectors, [&](ReaderImpl& adaptor, int* statuses) {
-            return adaptor.removeAppSector(0, TagAppNone, first, nullptr, 0, 0, count, place.tag, AuthKeyB, kC.data(),
-                                           nullptr, kNew2.data(), statuses);
-        });
-    };
-    Operation op{.name = name, .before = plainTag(size), .run = add, .statuses = {kPartial}, .sectors = sectors};
-    if (!adding) op.run = remove;
-    op.key = kC;
-    return op;
+    const Run remove = listed(sectors, [=](ReaderImpl& ai, TagUID& tag, int* statuses) {
+        return ai.removeAppSector(0, TagAppNone, first, nullptr, 0, 0, count, tag, AuthKeyB, kC.data(), nullptr,
+                                  kNew2.data(), statuses);
+    });
+    return make(name, plainTag(size), sectors, kC, {kPartial}, adding ? add : remove);
 }
 
-Operation formatted(const std::string& name, const Bytes& before, TagAppType kind) {
-    const auto run = [=](TagWorkplace& place) {
-        return recorded(place, [&](ReaderImpl& adaptor, int& records, OpResultCode*& results) {
-            TagUID* found = nullptr;
-            Key b = kB;
-            const int status = adaptor.formatTag(0, kind, b.data(), found, nullptr, records, results);
-            adaptor.freeMemory(found);
-            return status;
-        });
-    };
-    Operation op{.name = name, .before = before, .run = run, .statuses = {kPartial}};
-    if (kind != TagAppNone) op.statuses.insert(kDirectoryNotWritten);
-    op.sectors = range(0, sectorsOf(before));
-    op.entries = kind == TagAppNone ? std::set<int>{0} : std::set<int>{0, 1};
-    op.key = kFactory;
-    op.mode = AuthKeyA;
-    op.findsTag = true;
-    return op;
-}
-
-Operation unformatted(const std::string& name, const Bytes& before, TagAppType kind, const Key& key) {
+// Both directions of formatting, which find their tag by themselves.
+Operation formatted(const std::string& name, const Bytes& before, TagAppType kind, const Key* back = nullptr) {
     const std::vector<int> sectors = range(0, sectorsOf(before));
-    const auto run = [=](TagWorkplace& place) {
-        return listed(place, sectors, [&](ReaderImpl& adaptor, int* statuses) {
-            TagUID* found = nullptr;
-            Key b = key;
-            const int status = adaptor.unformatTag(0, kind, b.data(), found, statuses);
-            adaptor.freeMemory(found);
-            return status;
-        });
-    };
-    Operation op{.name = name, .before = before, .run = run, .statuses = {kPartial}, .sectors = sectors};
+    Key key = back != nullptr ? *back : kB;
+    const Run there = recorded([=](ReaderImpl& ai, TagUID&, int& records, Records results) {
+        TagUID* found = nullptr;
+        Key copy = key;
+        const int status = ai.formatTag(0, kind, copy.data(), found, nullptr, records, results);
+        ai.freeMemory(found);
+        return status;
+    });
+    const Run home = listed(sectors, [=](ReaderImpl& ai, TagUID&, int* statuses) {
+        TagUID* found = nullptr;
+        Key copy = key;
+        const int status = ai.unformatTag(0, kind, copy.data(), found, statuses);
+        ai.freeMemory(found);
+        return status;
+    });
+    Operation op =
+        make(name, before, sectors, back != nullptr ? key : kFactory, {kPartial}, back != nullptr ? home : there);
     if (kind != TagAppNone) op.statuses.insert(kDirectoryNotWritten);
     op.entries = {0};
-    op.key = key;
+    if (kind != TagAppNone && back == nullptr) op.entries.insert(1);
+    op.mode = back != nullptr ? AuthKeyB : AuthKeyA;
     op.findsTag = true;
     return op;
 }
@@ -147,73 +138,49 @@ struct TypeChange {
     short kind;
     DataAccControl to;
     unsigned value;
-    int block = 9;
+    short block = 9;
     std::size_t size = 1024;
 };
 
 Operation typeSet(const TypeChange& change) {
     const int sector = sectorOf(change.block);
-    const auto run = [=](TagWorkplace& place) {
-        return Outcome{place.adaptor->setDataBlockType(0, TagAppNone, 0, place.tag, kNew1.data(), kC.data(),
-                                                       static_cast<short>(change.block), change.kind, change.to,
-                                                       change.value, AuthKeyA, nullptr),
-                       {},
-                       {}};
-    };
-    Operation op{.name = std::string("setDataBlockType_") + change.name,
-                 .before = with(plainTag(change.size), trailerOf(sector), trailerBytes(kA, change.from, 0x69, kC)),
-                 .run = run,
-                 .statuses = {kBlockNotOpened, kTypeNotWritten, kTrailerNotRead, kAccessRefused},
-                 .sectors = {sector}};
+    const Run run = recorded([=](ReaderImpl& ai, TagUID& tag, int&, Records) {
+        return ai.setDataBlockType(0, TagAppNone, 0, tag, kNew1.data(), kC.data(), change.block, change.kind, change.to,
+                                   change.value, AuthKeyA, nullptr);
+    });
+    const Bytes before = with(plainTag(change.size), trailerOf(sector), trailerBytes(kA, change.from, 0x69, kC));
+    Operation op = make(std::string("setDataBlockType_") + change.name, before, {sector}, kC,
+                        {kBlockNotOpened, kTypeNotWritten, kTrailerNotRead, kAccessRefused}, run);
     if (!change.opened.empty()) op.trailers = {trailerBytes(kNew1, change.opened, 0x69, kC)};
-    op.key = kC;
     return op;
 }
 
+/// New keys, or with an access code new trailers. In application mode the sectors are those of kOwnApp.
 Operation trailersSet(const std::string& name, const Bytes& before, TagAppType kind, const std::vector<int>& sectors,
-                      DataAccControl access) {
-    const auto run = [=](TagWorkplace& place) {
-        return recorded(place, [&](ReaderImpl& adaptor, int& records, OpResultCode*& results) {
-            const auto id = static_cast<short>(kind == TagAppNone ? sectors[0] : int{kOwnApp});
-            return adaptor.setTrailerBlockType(0, kind, id, place.tag, AuthKeyB, kNew1.data(), kC.data(), access,
-                                               AuthKeyA, nullptr, static_cast<short>(sectors.size()), records, results);
-        });
-    };
-    Operation op{.name = name, .before = before, .run = run, .statuses = {kPartial}, .sectors = sectors};
-    if (kind != TagAppNone) op.statuses.insert({kDirectoryNotRead, kApplicationMissing});
-    op.key = kC;
-    return op;
-}
-
-Operation keysSet(const std::string& name, const Bytes& before, TagAppType kind, const std::vector<int>& sectors) {
-    const auto run = [=](TagWorkplace& place) {
-        return recorded(place, [&](ReaderImpl& adaptor, int& records, OpResultCode*& results) {
-            const auto id = static_cast<short>(kind == TagAppNone ? sectors[0] : int{kOwnApp});
-            return adaptor.setKey(0, kind, id, place.tag, AuthKeyB, kC.data(), kNew1.data(), kNew2.data(),
-                                  static_cast<short>(sectors.size()), AuthKeyA, nullptr, records, results);
-        });
-    };
-    Operation op{.name = name, .before = before, .run = run, .statuses = {kPartial}, .sectors = sectors};
-    if (kind != TagAppNone) op.statuses.insert({kDirectoryNotRead, kApplicationMissing});
-    op.key = kC;
-    return op;
+                      DataAccControl access = AccInvalid) {
+    const short id = kind == TagAppNone ? static_cast<short>(sectors[0]) : kId;
+    const auto count = static_cast<short>(sectors.size());
+    const Run run = recorded([=](ReaderImpl& ai, TagUID& tag, int& records, Records results) {
+        return access == AccInvalid ? ai.setKey(0, kind, id, tag, AuthKeyB, kC.data(), kNew1.data(), kNew2.data(),
+                                                count, AuthKeyA, nullptr, records, results)
+                                    : ai.setTrailerBlockType(0, kind, id, tag, AuthKeyB, kNew1.data(), kC.data(),
+                                                             access, AuthKeyA, nullptr, count, records, results);
+    });
+    return make(name, before, sectors, kC, {kPartial, kDirectoryNotRead, kApplicationMissing}, run);
 }
 
 Operation dataSet(const std::string& name, const Bytes& before, TagAppType kind, short start,
                   const std::vector<int>& blocks) {
-    const auto run = [=](TagWorkplace& place) {
-        return recorded(place, [&](ReaderImpl& adaptor, int& records, OpResultCode*& results) {
-            Bytes bytes(blocks.size() * 16 - 5, 0xE5);
-            return adaptor.setBlockData(0, kind, place.tag, static_cast<short>(kOwnApp), AuthKeyB, kC.data(), start,
-                                        static_cast<short>(blocks.size()), bytes.data(), static_cast<int>(bytes.size()),
-                                        AuthKeyA, nullptr, nullptr, records, results);
-        });
-    };
-    Operation op{.name = name, .before = before, .run = run, .statuses = {kPartial}, .blocks = blocks};
-    if (kind != TagAppNone) op.statuses.insert({kDirectoryNotRead, kApplicationMissing});
+    const auto count = static_cast<short>(blocks.size());
+    const Run run = recorded([=](ReaderImpl& ai, TagUID& tag, int& records, Records results) {
+        Bytes bytes(static_cast<std::size_t>(count) * 16 - 5, 0xE5);
+        return ai.setBlockData(0, kind, tag, kId, AuthKeyB, kC.data(), start, count, bytes.data(),
+                               static_cast<int>(bytes.size()), AuthKeyA, nullptr, nullptr, records, results);
+    });
+    Operation op = make(name, before, {}, kC, {kPartial, kDirectoryNotRead, kApplicationMissing}, run);
+    op.blocks = blocks;
     for (const int block : blocks)
         if (!op.touches(sectorOf(block))) op.sectors.push_back(sectorOf(block));
-    op.key = kC;
     return op;
 }
 
@@ -242,25 +209,31 @@ Bytes valueTag() {
 }
 
 Operation valueSet(const std::string& name, bool adjusts) {
-    const auto run = [=](TagWorkplace& place) {
-        ReaderImpl& adaptor = *place.adaptor;
-        return Outcome{
-            adjusts ? adaptor.adjustValue(0, TagAppNone, place.tag, 0, AuthKeyB, kC.data(), 9, ValueIncrement, 5, -1,
-                                          AuthKeyA, nullptr)
-                    : adaptor.setValue(0, TagAppNone, place.tag, 0, AuthKeyB, kC.data(), 9, -3, AuthKeyA, nullptr),
-            {},
-            {}};
-    };
-    Operation op{.name = name, .before = valueTag(), .run = run, .sectors = {2}, .key = kC, .goesOn = adjusts};
-    op.statuses = adjusts ? std::set<int>{kKeyRefused, kValueFailed}
-                          : std::set<int>{kBlockNotWritten, kTrailerNotRead, kNoValueBlock, kAccessRefused};
+    const Run run = recorded([=](ReaderImpl& ai, TagUID& tag, int&, Records) {
+        return adjusts ? ai.adjustValue(0, TagAppNone, tag, 0, AuthKeyB, kC.data(), 9, ValueIncrement, 5, -1, AuthKeyA,
+                                        nullptr)
+                       : ai.setValue(0, TagAppNone, tag, 0, AuthKeyB, kC.data(), 9, -3, AuthKeyA, nullptr);
+    });
+    const std::set<int> adjusting{kKeyRefused, kValueFailed};
+    const std::set<int> setting{kBlockNotWritten, kTrailerNotRead, kNoValueBlock, kAccessRefused};
+    Operation op = make(name, valueTag(), {2}, kC, adjusts ? adjusting : setting, run);
+    op.goesOn = adjusts;
     return op;
 }
 
-template <typename T>
-Bytes bytesOf(const T* items, std::size_t count) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(items);
-    return {bytes, bytes + count * sizeof(T)};
+/// A reading operation that gives `count` items of one type.
+template <typename T, typename Call>
+Operation read(const std::string& name, const Bytes& before, std::size_t count, const std::set<int>& statuses,
+               Call call) {
+    const Run run = [=](TagWorkplace& place) {
+        std::vector<T> items(count);
+        Outcome out;
+        out.status = call(*place.adaptor, place.tag, items);
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(items.data());
+        out.data.assign(bytes, bytes + items.size() * sizeof(T));
+        return out;
+    };
+    return make(name, before, {}, kA, statuses, run);
 }
 
 Operation dataRead(const std::string& name, const Bytes& before, TagAppType kind, short start,
@@ -268,20 +241,20 @@ Operation dataRead(const std::string& name, const Bytes& before, TagAppType kind
     const auto run = [=](TagWorkplace& place) {
         std::uint8_t* bytes = nullptr;
         int length = 0;
-        Outcome out = recorded(place, [&](ReaderImpl& adaptor, int& records, OpResultCode*& results) {
-            const auto id = static_cast<short>(kOwnApp);
+        Outcome out = recorded([&](ReaderImpl& ai, TagUID& tag, int& records, Records results) {
             const auto count = static_cast<short>(blocks.size());
-            return start == 0 ? adaptor.getAppData(0, kind, place.tag, id, AuthKeyA, kA.data(), bytes, length, AuthKeyA,
-                                                   nullptr, records, results)
-                              : adaptor.getBlockData(0, kind, place.tag, id, AuthKeyA, kA.data(), start, count, bytes,
-                                                     length, AuthKeyA, nullptr, records, results);
-        });
+            return start == 0 ? ai.getAppData(0, kind, tag, kId, AuthKeyA, kA.data(), bytes, length, AuthKeyA, nullptr,
+                                              records, results)
+                              : ai.getBlockData(0, kind, tag, kId, AuthKeyA, kA.data(), start, count, bytes, length,
+                                                AuthKeyA, nullptr, records, results);
+        })(place);
         if (bytes != nullptr) out.data.assign(bytes, bytes + length);
         place.adaptor->freeMemory(bytes);
         return out;
     };
-    Operation op{.name = name, .before = before, .run = run, .statuses = {kPartial}, .blocks = blocks};
-    if (kind != TagAppNone) op.statuses.insert({kDirectoryNotRead, kApplicationMissing, kOutOfRange, kTooFew});
+    Operation op =
+        make(name, before, {}, kA, {kPartial, kDirectoryNotRead, kApplicationMissing, kOutOfRange, kTooFew}, run);
+    op.blocks = blocks;
     return op;
 }
 
@@ -289,49 +262,35 @@ Operation dataRead(const std::string& name, const Bytes& before, TagAppType kind
 
 std::vector<Operation> readingOperations() {
     const Bytes own = crowded(kOwnSectors);
-    const auto allApps = [](TagWorkplace& place) {
+    const auto allApps = [](ReaderImpl& ai, TagUID& tag, std::vector<short>& items) {
         short count = 0;
         short* ids = nullptr;
-        Outcome out;
-        out.status = place.adaptor->getAllAppId(0, TagAppMad1, place.tag, count, ids, AuthKeyA, nullptr);
-        if (ids != nullptr) out.data = bytesOf(ids, static_cast<std::size_t>(count));
-        place.adaptor->freeMemory(ids);
-        return out;
+        const int status = ai.getAllAppId(0, TagAppMad1, tag, count, ids, AuthKeyA, nullptr);
+        items.assign(ids, ids + count);
+        ai.freeMemory(ids);
+        return status;
     };
-    const auto directory = [](TagWorkplace& place) {
-        short words[16] = {};
-        const int status = place.adaptor->getAppIdDir(0, TagAppMad1, place.tag, words, AuthKeyA, nullptr);
-        return Outcome{status, {}, bytesOf(words, 16)};
+    const auto directory = [](ReaderImpl& ai, TagUID& tag, std::vector<short>& words) {
+        return ai.getAppIdDir(0, TagAppMad1, tag, words.data(), AuthKeyA, nullptr);
     };
-    const auto value = [](TagWorkplace& place) {
-        int number = 0;
-        const int status =
-            place.adaptor->getValue(0, TagAppNone, place.tag, 0, AuthKeyA, kA.data(), 9, number, AuthKeyA, nullptr);
-        return Outcome{status, {}, bytesOf(&number, 1)};
+    const auto value = [](ReaderImpl& ai, TagUID& tag, std::vector<int>& number) {
+        return ai.getValue(0, TagAppNone, tag, 0, AuthKeyA, kA.data(), 9, number[0], AuthKeyA, nullptr);
     };
-    const auto blockAccess = [](TagWorkplace& place) {
-        DataAccControl code = AccInvalid;
-        const int status = place.adaptor->getBlockAccessMode(0, TagAppMad1, place.tag, static_cast<short>(kOwnApp),
-                                                             AuthKeyA, kA.data(), 4, code, AuthKeyA, nullptr);
-        return Outcome{status, {}, bytesOf(&code, 1)};
+    const auto blockAccess = [](ReaderImpl& ai, TagUID& tag, std::vector<DataAccControl>& code) {
+        return ai.getBlockAccessMode(0, TagAppMad1, tag, kId, AuthKeyA, kA.data(), 4, code[0], AuthKeyA, nullptr);
     };
-    const auto sectorAccess = [](TagWorkplace& place) {
-        DataAccControl codes[4] = {};
-        const int status = place.adaptor->getSectorAccessMode(0, TagAppMad1, place.tag, static_cast<short>(kOwnApp),
-                                                              AuthKeyA, kA.data(), 2, codes, AuthKeyA, nullptr);
-        return Outcome{status, {}, bytesOf(codes, 4)};
+    const auto sectorAccess = [](ReaderImpl& ai, TagUID& tag, std::vector<DataAccControl>& codes) {
+        return ai.getSectorAccessMode(0, TagAppMad1, tag, kId, AuthKeyA, kA.data(), 2, codes.data(), AuthKeyA, nullptr);
     };
     const std::set<int> noDirectory{kDirectoryNotRead, kNoDirectory};
     const std::set<int> noAccess{kDirectoryNotRead, kTrailerNotRead, kAccessRefused};
+    const std::set<int> noValue{kTrailerNotRead, kValueNotRead, kNoValueBlock, kValueInconsistent, kAccessRefused};
     return {
-        {.name = "getAllAppId", .before = own, .run = allApps, .statuses = noDirectory},
-        {.name = "getAppIdDir", .before = own, .run = directory, .statuses = noDirectory},
-        {.name = "getValue",
-         .before = valueTag(),
-         .run = value,
-         .statuses = {kTrailerNotRead, kValueNotRead, kNoValueBlock, kValueInconsistent, kAccessRefused}},
-        {.name = "getBlockAccessMode", .before = own, .run = blockAccess, .statuses = noAccess},
-        {.name = "getSectorAccessMode", .before = own, .run = sectorAccess, .statuses = noAccess},
+        read<short>("getAllAppId", own, 0, noDirectory, allApps),
+        read<short>("getAppIdDir", own, 16, noDirectory, directory),
+        read<int>("getValue", valueTag(), 1, noValue, value),
+        read<DataAccControl>("getBlockAccessMode", own, 1, noAccess, blockAccess),
+        read<DataAccControl>("getSectorAccessMode", own, 4, noAccess, sectorAccess),
         dataRead("getBlockData_plain", plainTag(1024), TagAppNone, 5, {5, 6, 8, 9, 10, 12}),
         dataRead("getBlockData_4K", plainTag(4096), TagAppNone, 125, {125, 126, 128, 129, 130}),
         dataRead("getAppData", own, TagAppMad1, 0, {20, 21, 22, 28, 29, 30, 32, 33, 34}),
@@ -358,15 +317,15 @@ std::vector<Operation> writingOperations() {
         formatted("formatTag_mad1", factoryTag(1024), TagAppMad1),
         formatted("formatTag_mad1_foreignSector", foreign, TagAppMad1),
         formatted("formatTag_none", factoryTag(1024), TagAppNone),
-        unformatted("unformatTag_mad1", directoryTag({}), TagAppMad1, kB),
-        unformatted("unformatTag_crowded", own, TagAppMad1, kB),
-        unformatted("unformatTag_none", plainTag(1024), TagAppNone, kC),
+        formatted("unformatTag_mad1", directoryTag({}), TagAppMad1, &kB),
+        formatted("unformatTag_crowded", own, TagAppMad1, &kB),
+        formatted("unformatTag_none", plainTag(1024), TagAppNone, &kC),
         trailersSet("setTrailerBlockType_factory", plainTag(1024), TagAppNone, {2, 3, 4}, AccTrailer001),
         trailersSet("setTrailerBlockType_app", own, TagAppMad1, {5, 7, 8}, AccTrailer011),
         trailersSet("setTrailerBlockType_4K", plainTag(4096), TagAppNone, {31, 32}, AccTrailer011),
-        keysSet("setKey_plain", plainTag(1024), TagAppNone, {2, 3, 4}),
-        keysSet("setKey_app", own, TagAppMad1, {5, 7, 8}),
-        keysSet("setKey_4K", plainTag(4096), TagAppNone, {31, 32, 33}),
+        trailersSet("setKey_plain", plainTag(1024), TagAppNone, {2, 3, 4}),
+        trailersSet("setKey_app", own, TagAppMad1, {5, 7, 8}),
+        trailersSet("setKey_4K", plainTag(4096), TagAppNone, {31, 32, 33}),
         dataSet("setBlockData_plain", plainTag(1024), TagAppNone, 5, {5, 6, 8, 9, 10, 12}),
         valueSet("setValue", false),
         valueSet("adjustValue", true),
@@ -388,7 +347,7 @@ std::vector<Operation> writingOperations() {
         all.push_back(typeSet(change));
     if (std::getenv("QVL_FULL_SWEEP") != nullptr) {
         all.push_back(formatted("formatTag_none4K", factoryTag(4096), TagAppNone));
-        all.push_back(unformatted("unformatTag_none4K", plainTag(4096), TagAppNone, kC));
+        all.push_back(formatted("unformatTag_none4K", plainTag(4096), TagAppNone, &kC));
         all.push_back(plain("removeAppSector_plain4K_all", 4096, false, 0, 40));
     }
     return all;

@@ -1,0 +1,169 @@
+// Hostile tags: any bytes as the memory of a tag, under every operation that reads. The first bytes of an input choose
+// the kind of tag, the operation and its arguments; the rest is the image, repeated where it is too short. Sectors that
+// an access bit closes are half of all, so the second byte can put readable trailers on.
+
+#include "Clock.h"
+#include "MifareClassicTag.h"
+#include "ReaderImpl.h"
+#include "TamaDeviceFactory.h"
+#include "UltralightTag.h"
+#include "VirtualTamaDevice.h"
+#include "VirtualTamaReader.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::size_t kHead = 10;
+constexpr std::uint8_t kKey[] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+constexpr std::uint8_t kUid[] = {0x04, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66};
+
+/// Pauses pass at once.
+struct SwiftClock : platform::Clock {
+    SwiftClock() { replace(this); }
+    ~SwiftClock() override { replace(nullptr); }
+    std::uint64_t nowMs() override { return mNow; }
+    void pauseMs(std::uint32_t ms) override { mNow += ms; }
+    bool waitFor(platform::ManualResetEvent&, std::uint32_t ms) override {
+        mNow += ms;
+        return false;
+    }
+    std::uint64_t mNow = 1;
+};
+
+/// A reader that is ready, made once.
+struct Machine {
+    Machine() {
+        setTamaDeviceFactory([this](const TamaDeviceRequest&) { return std::make_unique<VirtualTamaDevice>(reader); });
+        adaptor.reset(createAdaptorInstance(nullptr));
+        adaptor->setTagPromptFlag(false);
+        if (!adaptor->initReader()) std::abort();
+    }
+    ~Machine() {
+        adaptor.reset();
+        setTamaDeviceFactory({});
+    }
+
+    SwiftClock clock;
+    std::shared_ptr<VirtualTamaReader> reader = std::make_shared<VirtualTamaReader>();
+    std::unique_ptr<ReaderImpl> adaptor;
+};
+
+/// Key A of every sector is the known one; the access bytes are the factory's, or what the image has there.
+void openTrailers(Bytes& image, bool accessToo) {
+    for (std::size_t block = 3; block < image.size() / 16; ++block) {
+        if (block < 128 ? block % 4 != 3 : block % 16 != 15) continue;
+        std::copy_n(kKey, 6, image.begin() + static_cast<std::ptrdiff_t>(block * 16));
+        constexpr std::uint8_t kAccess[] = {0xFF, 0x07, 0x80};
+        if (accessToo) std::copy_n(kAccess, 3, image.begin() + static_cast<std::ptrdiff_t>(block * 16 + 6));
+    }
+}
+
+std::shared_ptr<VirtualTag> makeTag(const std::uint8_t* head, const std::uint8_t* bytes, std::size_t size,
+                                    TagUID& tag) {
+    constexpr std::size_t kSizes[] = {1024, 4096, UltralightTag::kImageBytes};
+    constexpr std::uint32_t kTypes[] = {kTagStandard, kTag4K, kTagUltralight};
+    const std::size_t kind = head[0] % 3;
+    Bytes image(kSizes[kind]);
+    for (std::size_t i = 0; i < image.size() && size > 0; ++i)
+        image[i] = bytes[i % size];
+    if (kind == 2) {
+        auto page = std::make_shared<UltralightTag>(std::move(image));
+        tag = TagUID(page->uid().data(), 7, head[1] & 4 ? kTypes[head[1] % 3] : kTypes[kind]);
+        return page;
+    }
+    if (head[1] & 1) openTrailers(image, (head[1] & 2) != 0);
+    if (head[1] & 2) image[3 * 16 + 9] = 0xC1;
+    tag = TagUID(kUid, 4, kTypes[kind]);
+    return std::make_shared<MifareClassicTag>(std::move(image), std::span(kUid).first(4));
+}
+
+/// What an operation gave out must be there to be read.
+void touch(const void* data, std::size_t size) {
+    volatile std::uint8_t sum = 0;
+    for (std::size_t i = 0; i < size; ++i)
+        sum = static_cast<std::uint8_t>(sum + static_cast<const std::uint8_t*>(data)[i]);
+}
+
+struct Arguments {
+    TagAppType kind;
+    short appId;
+    short first;
+    short count;
+    AuthKeyMode mode;
+};
+
+void readBlocks(ReaderImpl& adaptor, const TagUID& tag, const Arguments& a, bool whole) {
+    std::uint8_t* bytes = nullptr;
+    OpResultCode* results = nullptr;
+    int length = 0, records = 0;
+    if (whole)
+        adaptor.getAppData(0, a.kind, tag, a.appId, a.mode, kKey, bytes, length, AuthKeyA, kKey, records, results);
+    else
+        adaptor.getBlockData(0, a.kind, tag, a.appId, a.mode, kKey, a.first, a.count, bytes, length, AuthKeyA, kKey,
+                             records, results);
+    touch(bytes, bytes != nullptr ? static_cast<std::size_t>(length) : 0);
+    touch(results, results != nullptr ? static_cast<std::size_t>(records) * sizeof *results : 0);
+    adaptor.freeMemory(bytes);
+    adaptor.freeMemory(results);
+}
+
+void use(ReaderImpl& adaptor, const TagUID& tag, int operation, const Arguments& a) {
+    short count = 0, words[16], *ids = nullptr;
+    int value = 0;
+    DataAccControl code = AccInvalid, codes[4];
+    TagUID* found = nullptr;
+    switch (operation) {
+    case 0:
+        adaptor.getAllAppId(0, a.kind, tag, count, ids, a.mode, kKey);
+        touch(ids, static_cast<std::size_t>(count) * sizeof(short));
+        adaptor.freeMemory(ids);
+        break;
+    case 1:
+        adaptor.getAppIdDir(0, a.kind, tag, words, a.mode, kKey);
+        break;
+    case 2:
+        readBlocks(adaptor, tag, a, false);
+        break;
+    case 3:
+        readBlocks(adaptor, tag, a, true);
+        break;
+    case 4:
+        adaptor.getValue(0, a.kind, tag, a.appId, a.mode, kKey, a.first, value, AuthKeyA, kKey);
+        break;
+    case 5:
+        adaptor.getBlockAccessMode(0, a.kind, tag, a.appId, a.mode, kKey, a.first, code, AuthKeyA, kKey);
+        break;
+    case 6:
+        adaptor.getSectorAccessMode(0, a.kind, tag, a.appId, a.mode, kKey, a.first, codes, AuthKeyA, kKey);
+        break;
+    default:
+        adaptor.getTagId(0, a.kind, a.appId, found, AuthKeyA, kKey, true);
+        adaptor.freeMemory(found);
+        break;
+    }
+}
+
+short word(const std::uint8_t* at) { return static_cast<short>(at[0] | at[1] << 8); }
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static Machine machine;
+    if (size < kHead) return 0;
+    TagUID tag;
+    const auto placed = makeTag(data, data + kHead, size - kHead, tag);
+    const Bytes before(placed->memory()->bytes().begin(), placed->memory()->bytes().end());
+    machine.reader->field().place(placed);
+    const Arguments arguments{static_cast<TagAppType>(data[3] % 3), word(data + 4), word(data + 6), word(data + 8),
+                              data[3] & 0x80 ? AuthKeyB : AuthKeyA};
+    use(*machine.adaptor, tag, data[2] % 8, arguments);
+    if (placed->memory()->writeCount() != 0 || !std::ranges::equal(before, placed->memory()->bytes())) std::abort();
+    machine.reader->field().clear();
+    return 0;
+}
