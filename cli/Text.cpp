@@ -58,8 +58,9 @@ std::string numberRanges(std::span<const int> numbers) {
         std::size_t end = i + 1;
         while (end < numbers.size() && numbers[end] == numbers[end - 1] + 1)
             ++end;
-        text += (text.empty() ? "" : ", ") + std::to_string(numbers[i]);
-        if (end - i > 1) text += "-" + std::to_string(numbers[end - 1]);
+        if (!text.empty()) text += ", ";
+        text += std::to_string(numbers[i]);
+        if (end - i > 1) text += '-' + std::to_string(numbers[end - 1]);
         i = end;
     }
     return text;

@@ -6,6 +6,10 @@ if(QVL_WARNINGS_AS_ERRORS)
   list(APPEND QVL_WARNINGS -Werror)
 endif()
 
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  list(APPEND QVL_WARNINGS -Wno-restrict)  # false for "text" + std::string (GCC bug 105651)
+endif()
+
 add_library(qvl_options INTERFACE)
 target_compile_options(qvl_options INTERFACE ${QVL_WARNINGS} -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
 target_link_libraries(qvl_options INTERFACE Threads::Threads ${CMAKE_DL_LIBS})

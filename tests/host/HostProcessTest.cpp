@@ -47,9 +47,10 @@ class AHost : public ::testing::Test {
 
 TEST_F(AHost, MayEndInAnyState) {
     static Service service;
+    static ReaderImpl* neverDeleted;
     const std::function<void()> ends[] = {
-        [] { createAdaptorInstance(&service); },  // never deleted
-        [] { createAdaptorInstance(&service)->initReader(); },
+        [] { neverDeleted = createAdaptorInstance(&service); },
+        [] { (neverDeleted = createAdaptorInstance(&service))->initReader(); },
         [] { delete createAdaptorInstance(&service); },
         [] {
             static const std::unique_ptr<ReaderImpl> late(createAdaptorInstance(&service));  // ends among the statics
