@@ -8,13 +8,23 @@
 #include "NfcTamaBfl.h"
 
 #include <algorithm>
+#include <chrono>
 #include <string>
+#include <thread>
 
 namespace {
 
+/// The second of the day decides after how many commands the key changes: waits for one that leaves room for a script.
+std::shared_ptr<NfcTamaBfl> driverWithALongInterval() {
+    constexpr int kLongestScript = 12;
+    while (nextRekeyInterval() <= kLongestScript)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return NfcTamaBfl::acquire();
+}
+
 class Link : public ScriptedDriver {
   protected:
-    Link() : driver(NfcTamaBfl::acquire()) { driver->interfaceOpen(49, 0); }
+    Link() : driver(driverWithALongInterval()) { driver->interfaceOpen(49, 0); }
 
     short command(const std::string& text) {
         Bytes bytes = hex(text);
