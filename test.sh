@@ -4,7 +4,10 @@
 set -eu
 cd "$(dirname "$0")"
 preset=${1:-release}
-scripts/install-packages test
+case $preset in
+  asan | tsan) scripts/install-packages ci ;;
+  *) scripts/install-packages test ;;
+esac
 cmake --preset "$preset" > /dev/null
 cmake --build --preset "$preset"
 ctest --preset "$preset"

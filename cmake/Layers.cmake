@@ -17,9 +17,6 @@ if(QVL_SANITIZE)
   target_compile_options(qvl_options INTERFACE -fsanitize=${QVL_SANITIZE} -fno-sanitize-recover=all
                                                -fno-omit-frame-pointer)
   target_link_options(qvl_options INTERFACE -fsanitize=${QVL_SANITIZE})
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")  # warns about its own std::regex when it instruments
-    target_compile_options(qvl_options INTERFACE -Wno-maybe-uninitialized)
-  endif()
 endif()
 
 # qvl_layer(NAME SOURCES file... USES layer... [DIRS dir...])

@@ -99,7 +99,7 @@ bool QVLParamCollection::own() {
 bool QVLParamCollection::reserve(std::uint64_t count) {
     if (!own()) return false;
     const std::uint64_t needed = mSize + count;
-    if (needed <= mCapacity) {
+    if (needed == 0 || (mBuffer && needed <= mCapacity)) {
         if (count > left()) seekEnd();  // a read went on behind what was written
         return true;
     }

@@ -222,8 +222,6 @@ TEST_F(Link, DropsWhatIsLeftOverBeforeTheNextCommand) {
 /// The reader's half of the key agreement, worked out here.
 class KeyedLink : public Link {
   protected:
-    static constexpr int kConfigCommands = 5;
-
     void playAgreement(const Bytes& sessionKey) {
         // The challenge is known only when it has been written, so the script is completed on the way.
         setTamaDeviceFactory([this, sessionKey](const TamaDeviceRequest&) {
@@ -248,9 +246,9 @@ class KeyedLink : public Link {
                 LinkCipher cipher;
                 cipher.setKey(k.data());
                 cipher.crypt(reply.data() + 7, static_cast<int>(body.size()) - 1);
-                mShared->steps.push_front({Step::read, reply});
-                mShared->steps.push_front({Step::read, ack()});
-                mShared->steps.push_front({Step::write, {}});
+                mShared->steps.push_front({Step::kRead, reply});
+                mShared->steps.push_front({Step::kRead, ack()});
+                mShared->steps.push_front({Step::kWrite, {}});
             }
             return ScriptedDevice::WriteBytesUnblocked(data, len, count, timeout);
         }

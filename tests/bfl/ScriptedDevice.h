@@ -48,7 +48,7 @@ inline Bytes errorFrame() { return hex("00 00 FF 01 FF 7F 81 00"); }
 class ScriptedDevice : public TamaDevice {
   public:
     struct Step {
-        enum Kind { write, read } kind;
+        enum Kind { kWrite, kRead } kind;
         Bytes bytes;
         std::int32_t result = kDeviceOk;
         std::uint32_t count = 0;  // reported by a read; the size of `bytes` unless set
@@ -64,11 +64,11 @@ class ScriptedDevice : public TamaDevice {
         std::string name;
         std::uint32_t baudRate = 0;
 
-        Script& expects(Bytes bytes) { return add({Step::write, std::move(bytes)}); }
-        Script& writeFails(std::int32_t result) { return add({Step::write, {}, result}); }
-        Script& answers(Bytes bytes) { return add({Step::read, std::move(bytes)}); }
+        Script& expects(Bytes bytes) { return add({Step::kWrite, std::move(bytes)}); }
+        Script& writeFails(std::int32_t result) { return add({Step::kWrite, {}, result}); }
+        Script& answers(Bytes bytes) { return add({Step::kRead, std::move(bytes)}); }
         Script& readGives(std::int32_t result, Bytes bytes = {}, std::uint32_t count = 0) {
-            return add({Step::read, std::move(bytes), result, count});
+            return add({Step::kRead, std::move(bytes), result, count});
         }
         /// One command, acknowledged and answered.
         Script& dialogue(const std::string& command, const std::string& reply) {
@@ -97,14 +97,14 @@ class ScriptedDevice : public TamaDevice {
     std::int32_t WriteBytesUnblocked(const std::uint8_t* data, int len, std::uint32_t* count, std::uint32_t) override {
         *count = static_cast<std::uint32_t>(len);
         mScript->written.emplace_back(data, data + len);
-        const Step step = take(Step::write);
+        const Step step = take(Step::kWrite);
         if (step.result == kDeviceOk && !step.bytes.empty()) {
             EXPECT_EQ(mScript->written.back(), step.bytes);
         }
         return step.result;
     }
     std::int32_t ReadBytesUnBlocked(std::uint8_t* buffer, int size, std::uint32_t* count, std::uint32_t) override {
-        const Step step = take(Step::read);
+        const Step step = take(Step::kRead);
         EXPECT_GE(static_cast<std::size_t>(size), step.bytes.size());
         std::copy(step.bytes.begin(), step.bytes.end(), buffer);
         *count = step.count != 0 ? step.count : static_cast<std::uint32_t>(step.bytes.size());
@@ -116,7 +116,7 @@ class ScriptedDevice : public TamaDevice {
   private:
     Step take(Step::Kind kind) {
         if (mScript->steps.empty() || mScript->steps.front().kind != kind) {
-            ADD_FAILURE() << "the driver " << (kind == Step::write ? "writes" : "reads")
+            ADD_FAILURE() << "the driver " << (kind == Step::kWrite ? "writes" : "reads")
                           << " where the script does not";
             return {kind, {}, kDeviceFailed, 0};
         }

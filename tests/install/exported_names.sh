@@ -4,10 +4,10 @@
 set -eu
 library=$1
 list=$2
-names=$(nm -D --defined-only --demangle "$library" | cut -d' ' -f3- |
-  grep -vE '^(vtable|typeinfo|VTT|construction vtable|typeinfo name|virtual thunk|non-virtual thunk|guard variable)' |
-  grep -vE '^([a-z ]*std::|__|_init|_fini|operator (new|delete))' |
-  LC_ALL=C sort -u)
+# Left out: vtables and their kind, guards, and what a compiler instantiates of the standard library.
+names=$(nm -D --defined-only "$library" | cut -d' ' -f3 |
+  grep -vE '^(_ZT|_ZGV|_Z(Z?St|Z?NK?(St|S[abdios]|9__gnu_cxx)|nw|na|dl|da)|__|_init|_fini)' |
+  c++filt | LC_ALL=C sort -u)
 if [ "${3:-}" = --update ]; then
   printf '%s\n' "$names" > "$list"
   exit 0
