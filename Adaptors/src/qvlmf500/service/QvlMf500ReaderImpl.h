@@ -249,6 +249,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     // tagdata/Values.cpp
     int locateBlock(const BlockAddress& address, TagUID& tag, int& sector, int& blockInSector);
     int getAccessCode(TagUID& tag, int sector, const KeyUse& key, int blockInSector, DataAccControl& code);
+    int checkHoldsValue(TagUID& tag, int sector, const KeyUse& key, int blockInSector);
 
     // tagdata/BlockData.cpp, AccessRules.cpp
     int resolveRun(const RunRequest& request, TagUID& tag, ResolvedRun& run);

@@ -2,7 +2,6 @@
 // it, and key A cannot be read back, so it comes from the caller each time.
 
 #include "BlockRuns.h"
-#include "Guarded.h"
 #include "LogService.h"
 #include "OperationFrame.h"
 #include "QvlMf500ReaderImpl.h"
@@ -67,10 +66,7 @@ int QvlMf500ReaderImpl::setDataBlockType(int readerId, TagAppType appType, short
     if (const int status = checkTag(tag); status != kOk) return status;
     if (const int status = checkAppId(appType, appId); status != kOk) return status;
     if (newKeyA == nullptr || keyB == nullptr) return kReaderFailed;
-    return guarded("setDataBlockType", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("setDataBlockType", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         int sector = 0, blockInSector = 0;
         int status =
             locateBlock({appType, appId, block, directoryKey(madKey, madKeyMode)}, known, sector, blockInSector);
@@ -175,10 +171,7 @@ int QvlMf500ReaderImpl::setTrailerBlockType(int readerId, TagAppType appType, sh
     // What is no sector of the tag fails by itself, with a record; only what no list can hold is refused.
     if (appType == TagAppNone && (appId < 0 || count > kSectors4K || appId + count > kMostSectorNumbers))
         return kTooFew;
-    return guarded("setTrailerBlockType", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("setTrailerBlockType", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         if (!hasTrailers(known.getTagType())) return frame.finish(kNotAllowedHere);
         const KeyUse key{keyMode == AuthKeyA ? keyA : keyB, keyMode};
         const Trailer trailer(keyA, *bytes, kPlainGeneralPurpose, keyB);
@@ -204,10 +197,7 @@ int QvlMf500ReaderImpl::setKey(int readerId, TagAppType appType, short appId, co
     if (const int status = checkTag(tag); status != kOk) return status;
     if (const int status = checkAppId(appType, appId); status != kOk) return status;
     if (newKeyA == nullptr || newKeyB == nullptr) return kReaderFailed;
-    return guarded("setKey", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("setKey", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         if (!hasTrailers(known.getTagType())) return frame.finish(kNotAllowedHere);
         const KeyUse use{key, keyMode};
         bool tagIsSelected = false;
@@ -231,10 +221,7 @@ int QvlMf500ReaderImpl::getBlockAccessMode(int readerId, TagAppType appType, con
                                            DataAccControl& access, AuthKeyMode madKeyMode, const std::uint8_t* madKey) {
     if (const int status = checkTag(tag); status != kOk) return status;
     if (const int status = checkAppId(appType, appId); status != kOk) return status;
-    return guarded("getBlockAccessMode", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("getBlockAccessMode", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         int sector = 0, blockInSector = 0;
         int status =
             locateBlock({appType, appId, block, directoryKey(madKey, madKeyMode), true}, known, sector, blockInSector);
@@ -255,10 +242,7 @@ int QvlMf500ReaderImpl::getSectorAccessMode(int readerId, TagAppType appType, co
     if (const int status = checkAppId(appType, appId); status != kOk) return status;
     if (conditions == nullptr) return kReaderFailed;
     if (appType != TagAppNone && sectorIndex < 0) return kOutOfRange;
-    return guarded("getSectorAccessMode", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("getSectorAccessMode", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         if (!hasTrailers(known.getTagType())) return frame.finish(kNotAllowedHere);
         int sector = appId;
         if (appType == TagAppNone) {

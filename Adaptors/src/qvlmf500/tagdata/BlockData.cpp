@@ -2,7 +2,6 @@
 // block, so that a run can half succeed.
 
 #include "BlockRuns.h"
-#include "Guarded.h"
 #include "LogService.h"
 #include "OperationFrame.h"
 #include "QvlMf500ReaderImpl.h"
@@ -131,10 +130,7 @@ int QvlMf500ReaderImpl::getBlockData(int readerId, TagAppType appType, const Tag
     if (const int status = checkTag(tag); status != kOk) return status;
     if (const int status = checkRun(appType, tag, appId, startBlock); status != kOk) return status;
     if (blockCount < 0) return kOutOfRange;
-    return guarded("getBlockData", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("getBlockData", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         ResolvedRun run;
         const RunRequest request{appType, appId, startBlock, blockCount, directoryKey(madKey, madKeyMode), false};
         if (const int status = resolveRun(request, known, run); status != kOk) return frame.finish(status);
@@ -177,10 +173,7 @@ int QvlMf500ReaderImpl::setBlockData(int readerId, TagAppType appType, const Tag
     if (startBlock < 0 || blockCount < 0) return kOutOfRange;
     if (const int status = checkRun(appType, tag, appId, startBlock); status != kOk) return status;
     if (data == nullptr && dataLength > 0) return kReaderFailed;
-    return guarded("setBlockData", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("setBlockData", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         ResolvedRun run;
         const RunRequest request{appType, appId, startBlock, blockCount, directoryKey(madKey, madKeyMode), true};
         int status = resolveRun(request, known, run);

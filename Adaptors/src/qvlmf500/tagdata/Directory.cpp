@@ -1,7 +1,6 @@
 // Reading and writing the application directory of a tag, and turning an application into sectors and blocks.
 
 #include "DirectoryImage.h"
-#include "Guarded.h"
 #include "KeyUse.h"
 #include "LogService.h"
 #include "OperationFrame.h"
@@ -93,10 +92,7 @@ int QvlMf500ReaderImpl::getAllAppId(int readerId, TagAppType, const TagUID& tag,
     count = 0;
     appIds = nullptr;
     if (const int status = checkTag(tag); status != kOk) return status;
-    return guarded("getAllAppId", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("getAllAppId", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         const KeyUse directory = directoryKey(key, keyMode);
         int kind = 0;
         if (const int status = checkAppType(known, directory, true, kind); status != kOk) return frame.finish(status);
@@ -119,10 +115,7 @@ int QvlMf500ReaderImpl::getAppIdDir(int readerId, TagAppType appType, const TagU
     if (appType == TagAppNone) return kNotAllowedHere;
     if (const int status = checkTag(tag); status != kOk) return status;
     if (directory == nullptr) return kReaderFailed;
-    return guarded("getAppIdDir", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("getAppIdDir", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         const KeyUse madKey = directoryKey(key, keyMode);
         int kind = 0;
         if (const int status = checkAppType(known, madKey, true, kind); status != kOk) return frame.finish(status);

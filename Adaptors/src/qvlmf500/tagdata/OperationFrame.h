@@ -1,7 +1,9 @@
 #pragma once
 
+#include "Guarded.h"
 #include "QvlMf500ReaderImpl.h"
 #include "ReaderLock.h"
+#include "TagArguments.h"
 
 /// The frame of an operation on the memory of one tag: reader lock, prompt, selection of the tag. Its end undoes the
 /// stages that were reached, in reverse: the tag is halted, the prompt goes down, the lock is free.
@@ -38,3 +40,14 @@ class OperationFrame {
     bool mPromptIsOurs = false;
     bool mTagIsSelected = false;
 };
+
+/// A whole operation on the tag that the host names: `body(known, frame)` runs once the tag is selected, `known` being
+/// the host's own object, whose type the selection has refreshed. @return what `body` returns, or why it did not run.
+template <typename Body>
+int operateOn(const char* operation, QvlMf500ReaderImpl& reader, int readerId, const TagUID& tag, Body&& body) {
+    return guarded(operation, int{kReaderFailed}, [&]() -> int {
+        TagUID& known = refreshable(tag);
+        OperationFrame frame(reader, readerId, known);
+        return frame.entered() ? body(known, frame) : frame.status();
+    });
+}

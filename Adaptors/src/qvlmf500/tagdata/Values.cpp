@@ -3,7 +3,6 @@
 
 #include "BlockRuns.h"
 #include "ByteHelpers.h"
-#include "Guarded.h"
 #include "LogService.h"
 #include "OperationFrame.h"
 #include "QvlMf500ReaderImpl.h"
@@ -64,14 +63,17 @@ int QvlMf500ReaderImpl::getAccessCode(TagUID& tag, int sector, const KeyUse& key
     return kOk;
 }
 
+int QvlMf500ReaderImpl::checkHoldsValue(TagUID& tag, int sector, const KeyUse& key, int blockInSector) {
+    DataAccControl code = AccInvalid;
+    if (const int status = getAccessCode(tag, sector, key, blockInSector, code); status != kOk) return status;
+    return isValueCode(code) ? kOk : kNoValueBlock;
+}
+
 int QvlMf500ReaderImpl::getValue(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
                                  const std::uint8_t* key, int block, int& value, AuthKeyMode madKeyMode,
                                  const std::uint8_t* madKey) {
     if (const int status = checkBlock(appType, tag, appId, block); status != kOk) return status;
-    return guarded("getValue", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("getValue", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         const KeyUse dataKey{key, keyMode};
         int sector = 0, blockInSector = 0;
         int status =
@@ -80,9 +82,7 @@ int QvlMf500ReaderImpl::getValue(int readerId, TagAppType appType, const TagUID&
             logged("getValue", status);
             status = kDirectoryNotRead;
         }
-        DataAccControl code = AccInvalid;
-        if (status == kOk) status = getAccessCode(known, sector, dataKey, blockInSector, code);
-        if (status == kOk && !isValueCode(code)) status = kNoValueBlock;
+        if (status == kOk) status = checkHoldsValue(known, sector, dataKey, blockInSector);
         if (status != kOk) return frame.finish(logged("getValue", status));
 
         std::uint8_t bytes[kBlockSize] = {};
@@ -97,17 +97,12 @@ int QvlMf500ReaderImpl::setValue(int readerId, TagAppType appType, const TagUID&
                                  const std::uint8_t* key, int block, int value, AuthKeyMode madKeyMode,
                                  const std::uint8_t* madKey) {
     if (const int status = checkBlock(appType, tag, appId, block); status != kOk) return status;
-    return guarded("setValue", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("setValue", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         const KeyUse dataKey{key, keyMode};
         int sector = 0, blockInSector = 0;
         int status =
             locateBlock({appType, appId, block, directoryKey(madKey, madKeyMode)}, known, sector, blockInSector);
-        DataAccControl code = AccInvalid;
-        if (status == kOk) status = getAccessCode(known, sector, dataKey, blockInSector, code);
-        if (status == kOk && !isValueCode(code)) status = kNoValueBlock;
+        if (status == kOk) status = checkHoldsValue(known, sector, dataKey, blockInSector);
         if (status == kOk) {
             std::uint8_t bytes[kBlockSize];
             encodeValueBlock(value, addressOf(known, sector, blockInSector), bytes);
@@ -124,10 +119,7 @@ int QvlMf500ReaderImpl::adjustValue(int readerId, TagAppType appType, const TagU
     constexpr const char* kName = "incrementValue";  // of both directions
     if (const int status = checkBlock(appType, tag, appId, block); status != kOk) return status;
     if (operation != ValueIncrement && operation != ValueDecrement) return kNotAllowedHere;
-    return guarded("adjustValue", int{kReaderFailed}, [&]() -> int {
-        TagUID& known = refreshable(tag);
-        OperationFrame frame(*this, readerId, known);
-        if (!frame.entered()) return frame.status();
+    return operateOn("adjustValue", *this, readerId, tag, [&](TagUID& known, OperationFrame& frame) -> int {
         const KeyUse directory = directoryKey(madKey, madKeyMode);
         int sector = 0, blockInSector = 0;
         if (const int status = locateBlock({appType, appId, block, directory}, known, sector, blockInSector);
