@@ -221,4 +221,41 @@ TEST_F(TagCorners, NullPointersAreRefused) {
     }
 }
 
+// Two tags of different type that show the same UID: what was worked out for the one must not reach the other.
+TEST(TagOfAnotherType, EndsTheOperation) {
+    for (const auto& [first, second] : {std::pair{1024, 4096}, std::pair{4096, 1024}}) {
+        TagWorkplace place(static_cast<std::size_t>(first));
+        const Bytes uid{0xDE, 0xAD, 0xBE, 0xEF};
+        const auto other = std::make_shared<MifareClassicTag>(
+            MifareClassicTag::blankImage(static_cast<std::size_t>(second), uid), uid);
+        const std::string away = place.reader->field().place(other);
+        place.reader->field().setPresent(away, false);
+        // The second sector's authentication meets the other tag, which refuses it.
+        ASSERT_EQ(place.reader->addFaults("40 4 tag swapped " + away), "");
+        EXPECT_EQ(place.write(TagAppNone, 0, 1, 10, Bytes(160, 0x66), kFactory, AuthKeyA), kPartial) << first;
+        EXPECT_EQ(other->memory()->writeCount(), 0u) << first;
+        EXPECT_EQ(place.told, "1 2 4:3102 5:3102 6:3102 8:3102 9:3102 10:3102 12:3102 13:3102") << first;
+    }
+}
+
+TEST(TagOfAnotherType, IsJudgedByWhatTheSelectionSaw) {
+    TagWorkplace place;
+    place.tag.setTagType(kTag4K);  // the host remembers another tag
+    EXPECT_EQ(place.read(TagAppNone, 0, 64, 1, kFactory), kOutOfRange);
+    EXPECT_EQ(place.tag.getTagType(), kTagStandard);
+    place.tag.setTagType(kTagUltralight);
+    EXPECT_EQ(place.adaptor->setDataBlockType(0, TagAppNone, 0, place.tag, kFactory.data(), kFactory.data(), 7, 2051,
+                                              AccData100, 0, AuthKeyA, nullptr),
+              kReservedBlock)
+        << "a page of data there, a trailer here";
+    DataAccControl codes[4];
+    TagWorkplace large(4096);
+    EXPECT_EQ(large.adaptor->getSectorAccessMode(0, TagAppNone, large.tag, 40, AuthKeyA, kFactory.data(), 0, codes,
+                                                 AuthKeyA, nullptr),
+              kOutOfRange);
+    EXPECT_EQ(large.adaptor->getSectorAccessMode(0, TagAppNone, large.tag, 39, AuthKeyA, kFactory.data(), 0, codes,
+                                                 AuthKeyA, nullptr),
+              kOk);
+}
+
 }  // namespace

@@ -99,6 +99,7 @@ int QvlMf500ReaderImpl::selectTag(std::uint8_t requestCode, TagUID& tag) {
     const std::uint32_t type = tagTypeFromSak(sak);
     if (mHeldTagType && type != *mHeldTagType) {
         QVL_LOG(kLogFailure, "Tag selection failed: another type of tag for tagID = 0x%s", uidText(tag).c_str());
+        bfl->piccHalt();  // left active, it would take what the next sector's commands say
         return kNoTag;
     }
     tag.setTagType(type);
