@@ -181,6 +181,20 @@ TEST_F(TagCorners, NumbersAreTestedInFullWidth) {
         }
 }
 
+TEST_F(TagCorners, ADecrementOnlyBlockIsTestedInTheOrderOfItsKind) {
+    const auto init = [&](TagAppType kind, short id, int block, int number) {
+        return ai.initDecrementOnlyBlock(0, kind, tag, id, kA.data(), kC.data(), block, number, AuthKeyA, nullptr);
+    };
+    place.setImage(layout);
+    for (const int block : {INT_MIN, -65532, -1, 32768, 65540, INT_MAX}) {
+        EXPECT_EQ(init(TagAppNone, 0, block, 1), kOutOfRange) << block;
+        EXPECT_EQ(init(TagAppMad1, kId, block, 1), kApplicationMissing) << block;
+        EXPECT_EQ(init(TagAppMad1, 3, block, 1), kNoApplicationId) << block;
+        EXPECT_EQ(init(TagAppMad1, kId, block, 0), kZeroValue) << block;
+    }
+    EXPECT_EQ(place.image(), layout);
+}
+
 TEST_F(TagCorners, NullPointersAreRefused) {
     const std::pair<const char*, std::function<int()>> cases[] = {
         {"initApp mad key", [&] { return add(true, TagAppMad1, 0x777, 1, kA.data(), kC.data(), nullptr); }},
@@ -236,6 +250,17 @@ TEST(TagOfAnotherType, EndsTheOperation) {
         EXPECT_EQ(other->memory()->writeCount(), 0u) << first;
         EXPECT_EQ(place.told, "1 2 4:3102 5:3102 6:3102 8:3102 9:3102 10:3102 12:3102 13:3102") << first;
     }
+}
+
+// Twice "already awake" leaves the type that the host remembers; the first selection that sees the tag corrects it.
+TEST(TagOfAnotherType, IsNoStrangerWhileOnlyTheHostSaysItsType) {
+    TagWorkplace place;
+    place.poke(4, Bytes(16, 0x44));
+    place.tag.setTagType(kTagProX);
+    ASSERT_EQ(place.reader->addFaults("4A 1 already awake\n4A 2 already awake\n40 1 status 14"), "");
+    EXPECT_EQ(place.read(TagAppNone, 0, 4, 1, kFactory), kOk);
+    EXPECT_EQ(place.data, Bytes(16, 0x44));
+    EXPECT_EQ(place.tag.getTagType(), kTagStandard);
 }
 
 TEST(TagOfAnotherType, IsJudgedByWhatTheSelectionSaw) {

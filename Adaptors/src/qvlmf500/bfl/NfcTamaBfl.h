@@ -74,6 +74,8 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
     /// One command and its reply with all checks. `cmd` holds command code and data, 1 to 254 bytes. On 0 the reply
     /// stands in the receiving buffer, unscrambled.
     short tamaCommand(std::uint8_t* cmd, int len);
+    /// The same for a command whose reply begins with the reader's status byte, which is handed out.
+    short tamaCommand(std::uint8_t* cmd, int len, std::uint8_t& readerStatus);
     /// The same for the key commands. `key` 16 bytes: all zero means that the current key serves; anything else, that
     /// the frame goes out in the clear and this is the key for the reply.
     short tamaCommand1(std::uint8_t* cmd, int len, std::uint8_t* key);

@@ -279,6 +279,14 @@ short NfcTamaBfl::piccHalt() {
     return checkStatusByte(kStatusReplyLen, "NfcTamaBfl::piccHalt tamaCommand return error code");
 }
 
+short NfcTamaBfl::tamaCommand(std::uint8_t* cmd, int len, std::uint8_t& readerStatus) {
+    const OperationLock lock = lockOperation();
+    if (const short status = tamaCommand(cmd, len); status != kBflOk) return status;
+    if (replyLen() < kStatusReplyLen) return shortReply();
+    readerStatus = mDataInBuf[tama::kData];
+    return kBflOk;
+}
+
 short NfcTamaBfl::relayNFCCmd(std::uint8_t* cmd, int len, std::uint8_t*& reply, int& replyLength) {
     const OperationLock lock = lockOperation();
     replyLength = 0;

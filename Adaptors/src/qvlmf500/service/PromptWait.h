@@ -15,7 +15,10 @@ class PromptWait {
     explicit PromptWait(const std::atomic<std::uint32_t>& limitMs)
         : mLimit(limitMs), mStart(platform::Clock::current().tick()) {}
 
-    bool mayTry() const { return mElapsed < mLimit; }
+    bool mayTry() {
+        mIsOver = mElapsed >= mLimit;
+        return !mIsOver;
+    }
     bool hasWaited() const { return mElapsed != 0; }
     /// Looks at the clock.
     void measure() { mElapsed = platform::Clock::current().tick() - mStart; }
@@ -27,7 +30,7 @@ class PromptWait {
         return platform::Clock::current().waitFor(event, kStepMs) ? kCancelled : kOk;
     }
     /// `status`, unless the time is over.
-    int result(int status) const { return mayTry() ? status : kWaitOver; }
+    int result(int status) { return mIsOver || !mayTry() ? kWaitOver : status; }
 
   private:
     static constexpr std::uint32_t kStepMs = 100;
@@ -35,4 +38,5 @@ class PromptWait {
     const std::atomic<std::uint32_t>& mLimit;
     std::uint32_t mStart;
     std::uint32_t mElapsed = 0;
+    bool mIsOver = false;  // once found over it stays so, even if the limit grows at that moment
 };

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 struct AppSectorChange;
 struct AppSectorRemoval;
@@ -147,6 +148,9 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
                             const std::uint8_t* key, short sectorIndex, DataAccControl* conditions,
                             AuthKeyMode madKeyMode, const std::uint8_t* madKey) override;
 
+    // Commands.cpp
+    int runCommand(int id, QVLParamCollection& in, QVLParamCollection*& out) override;
+
     /// Puts up the prompt. @return true when the caller has to take it down with closeTagPrompt at the end of its
     /// operation; false when another prompt stands already, under which the operation may wait as well.
     virtual bool showTagPrompt();
@@ -188,6 +192,29 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     int waitForAnyTag(TagUID& tag, bool forced);
     int findAppTag(const std::uint8_t* aid, TagUID& tag, const KeyUse& key, bool wait, bool forced);
     int lookForDirectory(const std::uint8_t* aid, TagUID& tag, const KeyUse& key, bool& found);
+
+    // Commands.cpp
+    using CardData = std::vector<std::uint8_t>;
+    int runSend(QVLParamCollection& in, QVLParamCollection*& out);
+    int runSendRaw(QVLParamCollection& in, QVLParamCollection*& out);
+    int sendAndDeliver(TagUID& tag, std::uint8_t nad, CardData& command, bool retry, QVLParamCollection*& out);
+    int runWaitForCard(QVLParamCollection& in, QVLParamCollection*& out);
+    int runDeselect(QVLParamCollection& in, QVLParamCollection*& out);
+    int runNfcRelay(QVLParamCollection& in, QVLParamCollection*& out);
+
+    // CardSessions.cpp: 0 for success, except of the two loops
+    int sendTCL(TagUID& tag, std::uint8_t nad, CardData& command, CardData& answer, bool retry);
+    int waitForCardTCL(TagUID& tag, int timeout, std::uint8_t& cid, CardData& ats);
+    int deselectTCL(TagUID& tag);
+    int relayNFC(CardData& command, CardData& reply);
+    int tclActiveIdleLoop(int timeout, std::uint8_t baudrate, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid,
+                          std::uint8_t* uidLen);
+    int tclActiveWakupLoop(int timeout, std::uint8_t baudrate, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid,
+                           std::uint8_t uidLen);
+    template <typename Activate>
+    int waitForActivation(int timeout, Activate activate);
+    short exchangeWithCard(std::uint8_t cid, std::uint8_t nad, CardData& command, CardData& answer);
+    short fetchCardAts(std::uint8_t cid, CardData& ats);
 
     static constexpr std::uint8_t kIdleRequest = 0x26;    // REQA: idle tags
     static constexpr std::uint8_t kWakeUpRequest = 0x52;  // WUPA: halted ones as well
@@ -281,6 +308,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     std::unique_ptr<QvlTcl> mTcl;  // holds the one pointer to the driver
     GetCurrentDevInstID mGetCurrentDevInstID = nullptr;
     std::optional<std::uint32_t> mHeldTagType;  // of the tag of the operation that runs; under the reader lock
+    bool mSakSeen = false;                      // by the last selection, so that the type is the tag's own
     std::string mScannedPath;                   // of the last scan; empty for the driver's default
     std::atomic<bool> mScanned{false};
 };

@@ -10,7 +10,7 @@ OperationFrame::OperationFrame(QvlMf500ReaderImpl& reader, int readerId, TagUID&
     if (!mReaderIsReady) return;
     showPrompt();
     mStatus = reader.activateTag(readerId, tag);
-    if (entered()) holdType(tag);
+    if (entered() && reader.mSakSeen) holdType(tag);
 }
 
 OperationFrame::~OperationFrame() {

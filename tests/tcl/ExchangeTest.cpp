@@ -1,0 +1,376 @@
+// Exchanges with a card, block by block, over a stand-in for the MF RC500; and, where no deselection is needed, for the
+// reader that fills in the CRC by itself.
+
+#include "ManualClock.h"
+#include "QvlTcl.h"
+#include "QvlTclUtil.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <functional>
+#include <sstream>
+#include <string>
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes bytesOf(const std::string& hex) {
+    Bytes bytes;
+    std::istringstream in(hex);
+    for (std::string byte; in >> byte;)
+        bytes.push_back(static_cast<std::uint8_t>(std::stoi(byte, nullptr, 16)));
+    return bytes;
+}
+
+std::string hexOf(const Bytes& bytes) {
+    std::string text;
+    char byte[4];
+    for (const std::uint8_t value : bytes) {
+        std::snprintf(byte, sizeof byte, text.empty() ? "%02X" : " %02X", value);
+        text += byte;
+    }
+    return text;
+}
+
+/// A reader with one activated card, which answers each block by `card`.
+class CardReader : public Qvl14443bfl {
+  public:
+    struct Reply {
+        Bytes block;
+        short status = 0;
+    };
+    explicit CardReader(BflType type) : mType(type) {}
+    BflType getBflType() override { return mType; }
+    short pcdSetAttrib(std::uint8_t, std::uint8_t) override { return attribStatus; }
+    short piccExchangeBlock(std::uint8_t* data, std::uint16_t length, std::uint8_t* answer, std::uint16_t* capacity,
+                            std::uint8_t, std::uint32_t timeout) override {
+        EXPECT_EQ(timeout, 0x10000u);
+        ++blocks;
+        Bytes block(data, data + length);
+        const std::size_t crc = mType == BflTypeMf500 ? 2 : 0;
+        EXPECT_GT(block.size(), crc);
+        block.resize(block.size() - crc);
+        Reply reply = card(block);
+        if (reply.status == 0 && !bare) reply.block.resize(reply.block.size() + crc);
+        if (reply.block.size() > *capacity) return kBflBadFrame;
+        std::copy(reply.block.begin(), reply.block.end(), answer);
+        *capacity = static_cast<std::uint16_t>(reply.block.size());
+        return reply.status;
+    }
+    std::function<Reply(const Bytes&)> card;
+    short attribStatus = 0;
+    bool bare = false;  // answers come without room for a CRC
+    int blocks = 0;
+
+  private:
+    BflType mType;
+};
+
+class Exchange : public ::testing::TestWithParam<BflType> {
+  protected:
+    explicit Exchange(BflType type) : reader(std::make_shared<CardReader>(type)) {
+        tcl.setDriver(reader);
+        tcl.reset(1);
+        activate();
+    }
+    Exchange() : Exchange(GetParam()) {}
+
+    /// Card 5 of the table, with or without CID and NAD, and frames of size index `fsi`.
+    void activate(bool withCid = true, bool withNad = false, std::uint8_t fsi = 0) {
+        QvlTclUtil::resetmPicc(&tcl, 5);
+        PiccInfo& info = *tcl.mPicc[5];
+        info.mCID = 5, info.mUidLen = 4, info.mFSI = fsi, info.mFSD = 128;
+        info.mNADSupp = withNad, info.mCIDSupp = withCid;
+        info.mFlags = static_cast<std::uint8_t>((withCid ? 2 : 0) | (withNad ? 1 : 0));
+        info.mParams.flags = info.mFlags;
+    }
+    bool isActivated() const { return tcl.mPicc[5]->mUidLen != 0; }
+
+    /// The card says what `dialogue` writes after "<", "!" stands for no answer; what the host has to say follows ">".
+    void script(const std::string& dialogue) {
+        auto steps = std::make_shared<std::deque<std::string>>();
+        std::istringstream in(dialogue);
+        for (std::string step; std::getline(in, step, ',');)
+            steps->push_back(step.substr(step.find_first_not_of(' ')));
+        reader->card = [steps](const Bytes& block) -> CardReader::Reply {
+            if (steps->size() < 2) {
+                ADD_FAILURE() << "not in the dialogue: " << hexOf(block);
+                return {{}, -1027};
+            }
+            EXPECT_EQ("> " + hexOf(block), steps->front());
+            steps->pop_front();
+            const std::string answer = steps->front();
+            steps->pop_front();
+            if (answer == "!") return {{}, -1027};
+            return {bytesOf(answer.substr(1)), 0};
+        };
+        left = steps;
+    }
+    /// "status: answer"; the whole dialogue has to have taken place.
+    std::string exchange(const Bytes& command, std::size_t room = 64, std::uint8_t nad = 0, bool whole = true) {
+        Bytes answer(room, 0xEE);
+        auto length = static_cast<std::uint32_t>(room);
+        Bytes sent = command;
+        const short status = tcl.TclExchange(5, nad, sent.data(), static_cast<std::uint32_t>(sent.size()), nullptr,
+                                             answer.data(), &length);
+        EXPECT_EQ(sent, command);
+        EXPECT_TRUE(left == nullptr || !whole || left->empty()) << left->front();
+        if (status == -50) {
+            EXPECT_EQ(length, room);
+        }
+        answer.resize(status == 0 || status == -50 ? length : 0);
+        return std::to_string(status) + (answer.empty() ? "" : ": " + hexOf(answer));
+    }
+
+    std::shared_ptr<CardReader> reader;
+    QvlTcl tcl;
+    std::shared_ptr<std::deque<std::string>> left;
+};
+
+TEST_P(Exchange, FollowsTheStandardBlockByBlock) {
+    struct Case {
+        const char* what;
+        const char* command;
+        const char* dialogue;
+        const char* result;
+    };
+    const Case cases[] = {
+        {"one block each way", "00 84", "> 0A 05 00 84, < 0A 05 11 90 00", "0: 11 90 00"},
+        {"no data", "00", "> 0A 05 00, < 0A 05", "0"},
+        {"a chain out", "00 01 02 03 04 05 06 07 08 09 0A 0B 0C",
+         "> 1A 05 00 01 02 03 04 05 06 07 08 09 0A 0B, < AA 05, > 0B 05 0C, < 0B 05 90 00", "0: 90 00"},
+        {"a chain in", "00", "> 0A 05 00, < 1A 05 01 02, > AB 05, < 1B 05 03, > AA 05, < 0A 05 04", "0: 01 02 03 04"},
+        {"more time, twice", "00", "> 0A 05 00, < FA 05 01, > FA 05 01, < FA 05 7F, > FA 05 3F, < 0A 05 90", "0: 90"},
+        {"more time within a chain out", "00 01 02 03 04 05 06 07 08 09 0A 0B 0C",
+         "> 1A 05 00 01 02 03 04 05 06 07 08 09 0A 0B, < FA 05 02, > FA 05 02, < AA 05, > 0B 05 0C, < 0B 05 90",
+         "0: 90"},
+        {"a lost answer", "00", "> 0A 05 00, !, > BA 05, < 0A 05 90", "0: 90"},
+        {"a lost answer in a chain", "00", "> 0A 05 00, < 1A 05 01, > AB 05, !, > AB 05, < 0B 05 02", "0: 01 02"},
+        {"a lost block of a chain out", "00 01 02 03 04 05 06 07 08 09 0A 0B 0C",
+         "> 1A 05 00 01 02 03 04 05 06 07 08 09 0A 0B, !, > BA 05, < AA 05, > 0B 05 0C, < 0B 05 90", "0: 90"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        activate();
+        script(c.dialogue);
+        EXPECT_EQ(exchange(bytesOf(c.command)), c.result);
+        EXPECT_TRUE(isActivated());
+    }
+    activate();
+    script("> 0A 05 00, < 0A 05 90, > 0B 05 00, < 0B 05 91, > 0A 05 00, < 0A 05 92");
+    for (const char* result : {"0: 90", "0: 91", "0: 92"})
+        EXPECT_EQ(exchange({0}, 64, 0, false), result) << "the block number goes on";
+}
+
+TEST_P(Exchange, SendsWhatWasLostAgainWithTheNadOfTheFirstBlockOnly) {
+    activate(true, true);
+    script("> 1E 05 12 00 01 02 03 04 05 06 07 08 09 0A, < AB 05, > 1E 05 12 00 01 02 03 04 05 06 07 08 09 0A, < AA 05,"
+           "> 0B 05 0B 0C, < 0F 05 21 90");
+    EXPECT_EQ(exchange(bytesOf("00 01 02 03 04 05 06 07 08 09 0A 0B 0C"), 64, 0x12), "0: 90");
+    script("> 0E 05 12 00, < 1E 05 21 01, > AB 05, < 0B 05 02");
+    EXPECT_EQ(exchange({0}, 64, 0x12), "0: 01 02") << "the NAD is no data";
+    EXPECT_EQ(exchange({0}, 64, 0x18), "-21");
+    tcl.mPicc[5]->mFlags |= 0x08;  // more of the command follows
+    script("> 1E 05 12 00, < AA 05");
+    EXPECT_EQ(exchange({0}, 64, 0x12), "0");
+    tcl.mPicc[5]->mFlags &= 0x07;
+    script("> 0B 05 01, < 0B 05 90");
+    EXPECT_EQ(exchange({1}, 64, 0x12), "0: 90") << "the end of that command, without a NAD";
+    activate();
+    script("> 0A 05 00, < 0A 05 90");
+    EXPECT_EQ(exchange({0}, 64, 0x18), "0: 90") << "a card without NAD";
+}
+
+TEST_P(Exchange, RepeatsAsOftenAsAllowedInAll) {
+    tcl.mMaxTry = 3;
+    script("> 0A 05 00, !, > BA 05, < AB 05, > 0A 05 00, < 1A 05 01, > AB 05, !, > AB 05, < 0B 05 02");
+    EXPECT_EQ(exchange({0}), "0: 01 02");
+}
+
+TEST_P(Exchange, SpeaksWithoutACid) {
+    activate(false);
+    script("> 02 00, < F2 03, > F2 03, < 12 01, > A3, !, > A3, < 03 02");
+    EXPECT_EQ(exchange({0}), "0: 01 02");
+}
+
+TEST_P(Exchange, RefusesNothingToSend) {
+    EXPECT_EQ(exchange({}), "-21");
+    EXPECT_EQ(tcl.TclExchange(16, 0, nullptr, 0, nullptr, nullptr, nullptr), -60);
+    EXPECT_EQ(tcl.TclDeselect(16), -60);
+    EXPECT_EQ(reader->blocks, 0);
+    script("> 0A 05 00, < 0A 05 90");
+    EXPECT_EQ(exchange({0}), "0: 90") << "the block number stayed";
+}
+
+/// Of a card that chains its answer in blocks of `chunk` bytes.
+CardReader::Reply nextOf(const Bytes& whole, std::size_t& at, std::size_t chunk, const Bytes& block) {
+    if (block[0] >> 4 == 0) at = 0;
+    const std::size_t count = std::min(chunk, whole.size() - at);
+    const bool more = at + count < whole.size();
+    const auto number = static_cast<std::uint8_t>(block[0] & 1);
+    Bytes answer{static_cast<std::uint8_t>(0x0A | number | (more ? 0x10 : 0)), 5};
+    answer.insert(answer.end(), whole.begin() + static_cast<std::ptrdiff_t>(at),
+                  whole.begin() + static_cast<std::ptrdiff_t>(at + count));
+    at += count;
+    return {answer, 0};
+}
+
+TEST_P(Exchange, DeliversEveryByteOnceWhateverTheBuffer) {
+    for (const std::size_t size : {1u, 13u, 124u, 125u, 256u, 1000u, 4097u, 70000u})
+        for (const std::size_t chunk : {1u, 12u, 124u})
+            for (const std::size_t room : {1u, 2u, 7u, 123u, 124u, 125u, 600u, 80000u}) {
+                if (size / chunk > 5000 || size / room > 5000) continue;
+                Bytes whole(size);
+                for (std::size_t i = 0; i < size; ++i)
+                    whole[i] = static_cast<std::uint8_t>(i * 7 + i / 256);
+                std::size_t at = 0;
+                activate();
+                reader->card = [&](const Bytes& block) { return nextOf(whole, at, chunk, block); };
+                Bytes received;
+                short status = -50;
+                for (std::size_t calls = 0; status == -50 && calls <= size; ++calls) {
+                    Bytes buffer(room);
+                    auto length = static_cast<std::uint32_t>(room);
+                    std::uint8_t command[1] = {0x5A};
+                    status = tcl.TclExchange(5, 0, command, 1, nullptr, buffer.data(), &length);
+                    received.insert(received.end(), buffer.begin(), buffer.begin() + length);
+                }
+                ASSERT_EQ(status, 0) << size << ' ' << chunk << ' ' << room;
+                ASSERT_EQ(received, whole) << size << ' ' << chunk << ' ' << room;
+            }
+}
+
+INSTANTIATE_TEST_SUITE_P(On, Exchange, ::testing::Values(BflTypeMf500, BflTypeNfcTama),
+                         [](const auto& param) { return param.param == BflTypeMf500 ? "Mf500" : "Tama"; });
+
+/// With the reader to which the host itself says S(DESELECT).
+class FailedExchange : public Exchange {
+  protected:
+    FailedExchange() : Exchange(BflTypeMf500) {}
+};
+
+TEST_F(FailedExchange, EndsWithTheDeselection) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"two lost answers", "> 0A 05 00, !, > BA 05, !"},
+        {"a second failure after one repetition", "> 0A 05 00, !, > BA 05, < AB 05"},
+        {"a wrong block number", "> 0A 05 00, < 0B 05 90"},
+        {"another card's block", "> 0A 05 00, < 0A 06 90"},
+        {"a reserved bit in the CID", "> 0A 05 00, < 0A 15 90"},
+        {"no CID", "> 0A 05 00, < 02 90"},
+        {"an acknowledgement that fits", "> 0A 05 00, < AA 05"},
+        {"a NAK", "> 0A 05 00, < BA 05"},
+        {"an unasked deselection", "> 0A 05 00, < CA 05"},
+        {"a request for time without its byte", "> 0A 05 00, < FA 05"},
+        {"an empty frame", "> 0A 05 00, <"},
+        {"a repeated block within a chain", "> 0A 05 00, < 1A 05 01, > AB 05, < 1A 05 01"},
+    };
+    for (const auto& [what, dialogue] : cases) {
+        SCOPED_TRACE(what);
+        activate();
+        script(std::string(dialogue) + ", > CA 05, < CA 05");
+        // In its frame stands the CRC of the host, which is no zero; the script sees the block before it.
+        EXPECT_EQ(exchange({0}), "-52");
+        EXPECT_FALSE(isActivated());
+        activate();
+        script(std::string(dialogue) + ", > CA 05, < 0A 05");
+        EXPECT_EQ(exchange({0}), "-53") << "no S-block";
+        EXPECT_FALSE(isActivated());
+    }
+    activate(false);
+    script("> 02 00, < 0A 05 90, > C2, !");
+    EXPECT_EQ(exchange({0}), "-53") << "a CID that nobody uses";
+    activate();
+    reader->attribStatus = 9;
+    script("> 0A 05 00, < 0B 05");
+    EXPECT_EQ(exchange({0}), "-53");
+    EXPECT_TRUE(isActivated()) << "the reader refused the bit rate, so the card is where it was";
+}
+
+TEST_F(FailedExchange, WithNothingToRepeatWhenNoneIsAllowed) {
+    tcl.mMaxTry = 0;
+    script("> 0A 05 00, !, > CA 05, < CA 05");
+    EXPECT_EQ(exchange({0}), "-52");
+}
+
+TEST_F(FailedExchange, OnAnAnswerShorterThanItsCrc) {
+    reader->bare = true;
+    for (const char* answer : {"<", "< 0A"}) {
+        activate();
+        script(std::string("> 0A 05 00, ") + answer + ", > BA 05, " + answer + ", > CA 05, < CA 05");
+        EXPECT_EQ(exchange({0}), "-52");
+    }
+}
+
+TEST_F(FailedExchange, LeavesNoRestBehind) {
+    const auto overflow = [this] {
+        activate();
+        script("> 0A 05 00, < 1A 05 01 02 03");
+        EXPECT_EQ(exchange({0}, 2), "-50: 01 02");
+    };
+    overflow();
+    script("> AB 05, < 0B 05 04");
+    EXPECT_EQ(exchange({0x77, 0x78}), "0: 03 04") << "what the call sends plays no part";
+    script("> 0A 05 77, < 0A 05 90");
+    EXPECT_EQ(exchange({0x77}), "0: 90");
+
+    overflow();
+    script("> AB 05, < AA 05, > CA 05, < CA 05");
+    EXPECT_EQ(exchange({}), "-52") << "asked to repeat a command of an earlier call";
+
+    overflow();
+    script("> AB 05, !, > AB 05, < 0B 05 04");
+    EXPECT_EQ(exchange({}), "0: 03 04") << "within a chain the acknowledgement is repeated";
+
+    overflow();
+    script("> CA 05, < CA 05");
+    EXPECT_EQ(tcl.TclDeselect(5), 0);
+    EXPECT_EQ(exchange({}), "-21");
+
+    overflow();
+    tcl.reset(1);
+    activate();
+    script("> 0A 05 77, < 0A 05 90");
+    EXPECT_EQ(exchange({0x77}), "0: 90");
+    overflow();  // and the end of the object, for the memory checker
+}
+
+TEST_F(FailedExchange, OnACardThatNeverFinishes) {
+    ManualClock clock;
+    const auto never = [&](auto card) {
+        activate();
+        reader->blocks = 0;
+        reader->card = [&clock, card](const Bytes& block) -> CardReader::Reply {
+            if ((block[0] & 0xF7) == 0xC2) return {{0xCA, 5}, 0};
+            clock.advance(2000);
+            return card(block);
+        };
+        const std::uint64_t start = clock.nowMs();
+        EXPECT_EQ(exchange({0}), "-52");
+        return clock.nowMs() - start;
+    };
+    const CardReader::Reply time{{0xFA, 5, 1}, 0};
+    const auto empty = [](const Bytes& block) -> CardReader::Reply {
+        return {{static_cast<std::uint8_t>(0x1A | (block[0] & 1)), 5}, 0};
+    };
+    left = nullptr;
+    const auto waited = never([&](const Bytes&) { return time; });
+    EXPECT_GT(waited, 600000u);
+    EXPECT_LT(waited, 605000u);
+    never(empty);
+    EXPECT_EQ(reader->blocks, 256) << "255 blocks, and the deselection";
+    bool flip = false;
+    never([&](const Bytes& block) { return (flip = !flip) ? time : empty(block); });
+    // A slow card that does move data may take as long as it likes.
+    activate();
+    int slices = 0;
+    reader->card = [&](const Bytes& block) -> CardReader::Reply {
+        clock.advance(500000);
+        ++slices;
+        return {{static_cast<std::uint8_t>(0x0A | (block[0] & 1) | (slices < 9 ? 0x10 : 0)), 5, 0x11}, 0};
+    };
+    EXPECT_EQ(exchange({0}), "0: 11 11 11 11 11 11 11 11 11");
+}
+
+}  // namespace
