@@ -4,6 +4,7 @@
 #include "QvlTclUtil.h"
 
 #include <algorithm>
+#include <cstddef>
 
 namespace {
 
@@ -17,7 +18,7 @@ std::uint16_t putCid(QvlTclInternalParams& p, const std::uint8_t* cid, std::uint
 }
 
 // PCB and CID of a received block. What its PCB announces has to be there.
-int headerOf(const QvlTclInternalParams& p) { return (p.block[0] & kPcbCid) != 0 ? 2 : 1; }
+std::size_t headerOf(const QvlTclInternalParams& p) { return (p.block[0] & kPcbCid) != 0 ? 2 : 1; }
 
 bool isInformation(std::uint8_t pcb) { return (pcb & 0xC2) == kIBlock; }
 
@@ -85,7 +86,7 @@ int QvlTclUtil::checkCid(const QvlTclInternalParams* p) {
 int QvlTclUtil::checkI(QvlTclInternalParams* p, std::uint16_t len) {
     if (len == 0 || !isInformation(p->block[0])) return kTclUnexpectedBlock;
     const bool hasNad = (p->block[0] & kPcbNad) != 0;
-    if (len < headerOf(*p) + (hasNad ? 1 : 0)) return kTclUnexpectedBlock;
+    if (len < headerOf(*p) + (hasNad ? 1u : 0u)) return kTclUnexpectedBlock;
     if ((p->block[0] & kPcbNumber) != p->blockNumber) return kTclWrongNumber;
     if (checkCid(p) != kTclOk) return kTclWrongAddress;
     if (hasNad) return takeNad(*p);
