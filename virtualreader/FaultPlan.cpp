@@ -4,18 +4,23 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <optional>
+#include <utility>
 
 namespace {
 
 /// What stands behind the words of an effect.
-enum class Operands : std::uint8_t { none, number, status, offsetAndByte, tagName };
+enum class Operands : std::uint8_t { none, number, smallNumber, byte, offsetAndByte, tagName };
+
+/// Which events an effect goes with.
+constexpr unsigned kCommands = 1, kWrites = 2, kBlocks = 4;
 
 struct Phrase {
     const char* words;
     FaultEffect effect;
     Operands operands = Operands::none;
-    bool ofWrite = false;
+    unsigned events = kCommands;
 };
 constexpr Phrase kPhrases[] = {
     {"no answer", FaultEffect::noAnswer},
@@ -29,13 +34,13 @@ constexpr Phrase kPhrases[] = {
     {"overdue", FaultEffect::overdue, Operands::number},
     {"reply twice", FaultEffect::replyTwice},
     {"endless", FaultEffect::endless},
-    {"xor", FaultEffect::xorByte, Operands::offsetAndByte},
+    {"xor", FaultEffect::xorByte, Operands::offsetAndByte, kCommands | kBlocks},
     {"wrong checksum", FaultEffect::wrongChecksum},
     {"wrong code", FaultEffect::wrongCode},
-    {"status", FaultEffect::status, Operands::status},
-    {"cut", FaultEffect::cut, Operands::number},
+    {"status", FaultEffect::status, Operands::byte},
+    {"cut", FaultEffect::cut, Operands::number, kCommands | kBlocks},
     {"short", FaultEffect::shortReply, Operands::number},
-    {"pad", FaultEffect::pad, Operands::number},
+    {"pad", FaultEffect::pad, Operands::number, kCommands | kBlocks},
     {"extended", FaultEffect::extended, Operands::number},
     {"already awake", FaultEffect::alreadyAwake},
     {"vanish before", FaultEffect::vanishBefore},
@@ -46,10 +51,20 @@ constexpr Phrase kPhrases[] = {
     {"tag back", FaultEffect::tagBack},
     {"tag blinks", FaultEffect::tagBlinks},
     {"tag swapped", FaultEffect::tagSwapped, Operands::tagName},
-    {"power lost", FaultEffect::powerLost, Operands::none, true},
-    {"power dips", FaultEffect::powerDips, Operands::none, true},
-    {"torn", FaultEffect::powerLost, Operands::number, true},
-    {"dips after", FaultEffect::powerDips, Operands::number, true},
+    {"power lost", FaultEffect::powerLost, Operands::none, kWrites},
+    {"power dips", FaultEffect::powerDips, Operands::none, kWrites},
+    {"torn", FaultEffect::powerLost, Operands::number, kWrites},
+    {"dips after", FaultEffect::powerDips, Operands::number, kWrites},
+    {"lost", FaultEffect::blockLost, Operands::none, kBlocks},
+    {"late", FaultEffect::blockLate, Operands::none, kBlocks},
+    {"previous", FaultEffect::blockBefore, Operands::none, kBlocks},
+    {"wrong number", FaultEffect::blockNumber, Operands::none, kBlocks},
+    {"ack", FaultEffect::blockAcknowledges, Operands::none, kBlocks},
+    {"pcb", FaultEffect::blockControlByte, Operands::byte, kBlocks},
+    {"wtx", FaultEffect::cardAsksForTime, Operands::smallNumber, kBlocks},
+    {"empty chain", FaultEffect::emptyChain, Operands::none, kBlocks},
+    {"deaf", FaultEffect::cardDeaf, Operands::none, kBlocks},
+    {"stays awake", FaultEffect::cardStaysAwake, Operands::none, kBlocks},
 };
 
 using Words = std::vector<std::string_view>;
@@ -84,15 +99,19 @@ bool takePhrase(const Phrase& phrase, Words& words) {
 }
 
 std::string takeWhen(Words& words, FaultRule& rule) {
+    using When = FaultRule::When;
+    constexpr std::pair<std::string_view, When> kNames[] = {
+        {"any", When::any}, {"write", When::write}, {"block", When::block}, {"deselect", When::deselect}};
     const std::string_view when = words[0];
-    if (when == "any") {
-        rule.when = FaultRule::When::any;
-    } else if (when == "write") {
-        rule.when = FaultRule::When::write;
+    const auto named = std::ranges::find(kNames, when, &std::pair<std::string_view, When>::first);
+    if (named != std::end(kNames)) {
+        rule.when = named->second;
     } else {
         const auto code = when.size() == 2 ? number(when, 16, 0xFF) : std::nullopt;
-        if (!code) return quoted(when) + " is no command: two hexadecimal digits, \"any\" or \"write\"";
-        rule.when = FaultRule::When::command;
+        if (!code)
+            return quoted(when) +
+                   " is no command: two hexadecimal digits, \"any\", \"write\", \"block\" or \"deselect\"";
+        rule.when = When::command;
         rule.command = static_cast<std::uint8_t>(*code);
     }
     words.erase(words.begin());
@@ -126,7 +145,11 @@ std::string takeOperands(const Phrase& phrase, Words& words, FaultRule& rule) {
         value = take(10, 1'000'000);
         if (!value) return quoted(phrase.words) + " takes a decimal number";
         break;
-    case Operands::status:
+    case Operands::smallNumber:
+        value = take(10, 0xFF);
+        if (!value) return quoted(phrase.words) + " takes a decimal number, at most 255";
+        break;
+    case Operands::byte:
         value = take(16, 0xFF);
         if (!value) return quoted(phrase.words) + " takes a byte in hexadecimal";
         break;
@@ -147,18 +170,35 @@ std::string takeOperands(const Phrase& phrase, Words& words, FaultRule& rule) {
     return {};
 }
 
+unsigned eventsOf(FaultRule::When when) {
+    switch (when) {
+    case FaultRule::When::write:
+        return kWrites;
+    case FaultRule::When::block:
+    case FaultRule::When::deselect:
+        return kBlocks;
+    default:
+        return kCommands;
+    }
+}
+
+const char* onlyWith(unsigned possible, unsigned given) {
+    if (possible == kWrites) return " goes with \"write\" only";
+    if (possible == kBlocks) return " goes with \"block\" and \"deselect\" only";
+    return given == kWrites ? " does not go with \"write\"" : " does not go with \"block\" and \"deselect\"";
+}
+
 std::string takeEffect(Words& words, FaultRule& rule) {
+    const unsigned events = eventsOf(rule.when);
     for (const Phrase& phrase : kPhrases) {
         if (!takePhrase(phrase, words)) continue;
-        if (phrase.ofWrite != (rule.when == FaultRule::When::write))
-            return quoted(phrase.words) +
-                   (phrase.ofWrite ? " goes with \"write\" only" : " does not go with \"write\"");
+        if (!(phrase.events & events)) return quoted(phrase.words) + onlyWith(phrase.events, events);
         rule.effect = phrase.effect;
         return takeOperands(phrase, words, rule);
     }
     std::string known;
     for (const Phrase& phrase : kPhrases)
-        known += (known.empty() ? "" : ", ") + std::string(phrase.words);
+        if (phrase.events & events) known += (known.empty() ? "" : ", ") + std::string(phrase.words);
     return (words.empty() ? "what happens is missing" : quoted(words[0]) + " is no effect") + "; known are: " + known;
 }
 
@@ -171,14 +211,11 @@ std::string parse(Words words, FaultRule& rule) {
 
 }  // namespace
 
-const FaultRule* FaultPlan::count(FaultRule::When when, std::uint8_t code) {
+template <typename Matches>
+const FaultRule* FaultPlan::count(Matches matches) {
     const FaultRule* hit = nullptr;
     for (FaultRule& rule : mRules) {
-        const bool matches =
-            when == FaultRule::When::write
-                ? rule.when == when
-                : rule.when == FaultRule::When::any || (rule.when == FaultRule::When::command && rule.command == code);
-        if (!matches) continue;
+        if (!matches(rule)) continue;
         ++rule.seen;
         const bool hits = rule.seen == rule.first || (rule.andLater && rule.seen > rule.first);
         if (hits && !hit) hit = &rule;
@@ -186,9 +223,21 @@ const FaultRule* FaultPlan::count(FaultRule::When when, std::uint8_t code) {
     return hit;
 }
 
-const FaultRule* FaultPlan::onCommand(std::uint8_t code) { return count(FaultRule::When::command, code); }
+const FaultRule* FaultPlan::onCommand(std::uint8_t code) {
+    return count([code](const FaultRule& rule) {
+        return rule.when == FaultRule::When::any || (rule.when == FaultRule::When::command && rule.command == code);
+    });
+}
 
-const FaultRule* FaultPlan::onWrite() { return count(FaultRule::When::write, 0); }
+const FaultRule* FaultPlan::onWrite() {
+    return count([](const FaultRule& rule) { return rule.when == FaultRule::When::write; });
+}
+
+const FaultRule* FaultPlan::onBlock(bool answersDeselection) {
+    return count([answersDeselection](const FaultRule& rule) {
+        return rule.when == FaultRule::When::block || (answersDeselection && rule.when == FaultRule::When::deselect);
+    });
+}
 
 std::string FaultPlan::addRule(std::string_view text) {
     FaultRule rule;

@@ -10,6 +10,7 @@
 ///     4A 1 no reply            the first 4A gets an ACK and nothing after it
 ///     40 from 3 status 14      the third 40 and all that follow are refused
 ///     write 2 torn 8           the power fails in the second write of a tag, after eight bytes
+///     block from 2 wtx 10      a smart card asks for more time instead of every block but its first
 enum class FaultEffect : std::uint8_t {
     none,
     // instead of an answer
@@ -47,10 +48,21 @@ enum class FaultEffect : std::uint8_t {
     // a write of a tag
     powerLost,  ///< The tag loses its power after `value` bytes of the write and is gone.
     powerDips,  ///< The same, but the tag is back at once.
+    // a block that a smart card sends; xorByte, cut and pad as well
+    blockLost,
+    blockLate,          ///< Held back; comes in place of the next block.
+    blockBefore,        ///< The block before it comes once more, in its place.
+    blockNumber,        ///< With the other block number.
+    blockAcknowledges,  ///< R(ACK) in its place.
+    blockControlByte,   ///< With `value` as its first byte.
+    cardAsksForTime,    ///< S(WTX) with `value` first. The block follows when the reader has granted it.
+    emptyChain,         ///< Chaining and no data. The data follow in the next block.
+    cardDeaf,           ///< The card hears nothing behind this block until the field goes.
+    cardStaysAwake,     ///< Answers the deselection and is not deselected.
 };
 
 struct FaultRule {
-    enum class When : std::uint8_t { command, any, write };
+    enum class When : std::uint8_t { command, any, write, block, deselect };
 
     When when = When::any;
     std::uint8_t command = 0;  ///< Command code, for When::command.
@@ -63,7 +75,7 @@ struct FaultRule {
     std::uint32_t seen = 0;  ///< Occurrences so far.
 };
 
-/// The rules in force. Of several rules that hit the same command the one that was added first wins.
+/// The rules in force. Of several rules that hit the same event the one that was added first wins.
 class FaultPlan {
   public:
     void add(FaultRule rule) { mRules.push_back(std::move(rule)); }
@@ -75,6 +87,8 @@ class FaultPlan {
     const FaultRule* onCommand(std::uint8_t code);
     /// Counts a write of a tag.
     const FaultRule* onWrite();
+    /// Counts a block that a smart card is about to send.
+    const FaultRule* onBlock(bool answersDeselection);
 
     /// Adds one rule written as text. @return empty, or what is wrong with it; the plan is then unchanged.
     std::string addRule(std::string_view text);
@@ -83,7 +97,8 @@ class FaultPlan {
     std::string addText(std::string_view text);
 
   private:
-    const FaultRule* count(FaultRule::When when, std::uint8_t code);
+    template <typename Matches>
+    const FaultRule* count(Matches matches);
 
     std::vector<FaultRule> mRules;
 };

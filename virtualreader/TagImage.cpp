@@ -1,9 +1,11 @@
 #include "TagImage.h"
 
+#include "CardScript.h"
 #include "MifareClassicTag.h"
 #include "Quoted.h"
 #include "SmartCard.h"
 #include "TagMemory.h"
+#include "Type4Application.h"
 #include "UltralightTag.h"
 
 #include <algorithm>
@@ -109,15 +111,16 @@ MadeTag fromImage(Bytes image) {
     return {std::make_shared<MifareClassicTag>(std::move(image)), warning};
 }
 
-/// A tag of this kind with this UID; `image` is empty for one as delivered.
-MadeTag fromParts(const Kind& kind, const Bytes& uid, Bytes image, const Bytes& ats) {
+/// A tag of this kind with this UID; `image` is empty for one as delivered. ATS and application are for cards.
+MadeTag fromParts(const Kind& kind, const Bytes& uid, Bytes image, const Bytes& ats,
+                  std::unique_ptr<CardApplication> application = nullptr) {
     const auto complain = [&](const char* right) {
         return failure("a UID of " + std::to_string(uid.size()) + " bytes does not fit the kind \"" +
                        std::string(kind.name) + "\": " + right);
     };
     if (kind.imageBytes == 0) {
         if (uid.size() != 4 && uid.size() != 7 && uid.size() != 10) return complain("4, 7 or 10 bytes");
-        return {std::make_shared<SmartCard>(uid, ats), {}};
+        return {std::make_shared<SmartCard>(uid, ats, std::move(application)), {}};
     }
     if (kind.imageBytes == UltralightTag::kImageBytes) {
         if (uid.size() != 7) return complain("7 bytes");
@@ -147,7 +150,8 @@ struct Description {
     Bytes uid, ats = kDefaultAts;
     std::optional<std::uint16_t> atqa;
     std::optional<std::uint8_t> sak;
-    std::string image;
+    std::string image, ndef;  ///< Paths, empty for none.
+    std::vector<CardRule> rules;
     TagQuirks quirks;
 };
 
@@ -186,7 +190,49 @@ std::string takeHex(std::string_view value, std::size_t least, std::size_t most,
     return quoted(value) + " is not " + count + " bytes in hexadecimal";
 }
 
-std::string takeLine(std::string_view word, std::string_view value, Description& into) {
+std::string trimmed(std::string_view text) {
+    constexpr std::string_view kBlank = " \t\r";
+    const std::size_t begin = text.find_first_not_of(kBlank);
+    if (begin == std::string_view::npos) return {};
+    return std::string(text.substr(begin, text.find_last_not_of(kBlank) - begin + 1));
+}
+
+/// Hands word and value of each line to `take`, which says what is wrong with it. @return that with file and line.
+template <typename Take>
+std::string readLines(const std::string& path, Take take) {
+    Bytes content;
+    if (std::string wrong = readFile(path, content); !wrong.empty()) return wrong;
+    std::istringstream lines(std::string(content.begin(), content.end()));
+    std::string line;
+    for (int number = 1; std::getline(lines, line); ++number) {
+        const std::string text = trimmed(line.substr(0, line.find('#')));
+        if (text.empty()) continue;
+        const std::size_t blank = std::min(text.find_first_of(" \t"), text.size());
+        const std::string wrong = take(text.substr(0, blank), trimmed(text.substr(blank)));
+        if (!wrong.empty()) return std::string(path).append(": line " + std::to_string(number) + ": ").append(wrong);
+    }
+    return {};
+}
+
+std::string takeRule(std::string_view text, std::vector<CardRule>& rules) {
+    CardRule rule;
+    std::string wrong = parseCardRule(text, rule);
+    if (wrong.empty()) rules.push_back(std::move(rule));
+    return wrong;
+}
+
+std::string readScript(const std::string& path, std::vector<CardRule>& rules) {
+    return readLines(path, [&rules](std::string_view word, std::string_view value) {
+        return word == "answer" ? takeRule(value, rules) : quoted(word) + " is unknown; a script has \"answer\" only";
+    });
+}
+
+/// Path of a file that the description at `path` names.
+std::string besideOf(const std::string& path, std::string_view name) {
+    return (std::filesystem::path(path).parent_path() / name).string();
+}
+
+std::string takeLine(const std::string& path, std::string_view word, std::string_view value, Description& into) {
     constexpr std::size_t kMaxAts = 19;
     Bytes bytes;
     std::string wrong;
@@ -197,8 +243,12 @@ std::string takeLine(std::string_view word, std::string_view value, Description&
     if (word == "uid") return takeHex(value, 4, 10, into.uid);
     if (word == "ats") return takeHex(value, 1, kMaxAts, into.ats);
     if (word == "quirk") return takeQuirk(value, into.quirks);
-    if (word == "image") {
-        into.image = value;
+    if (word == "answer") return takeRule(value, into.rules);
+    if (word == "image" || word == "ndef" || word == "script") {
+        if (value.empty()) return quoted(word) + " takes the name of a file";
+        const std::string file = besideOf(path, value);
+        if (word == "script") return readScript(file, into.rules);
+        (word == "image" ? into.image : into.ndef) = file;
         return {};
     }
     if (word == "sak") {
@@ -210,32 +260,43 @@ std::string takeLine(std::string_view word, std::string_view value, Description&
             into.atqa = static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]);
         return wrong;
     }
-    return quoted(word) + " is unknown; known are kind, uid, ats, sak, atqa, image, quirk";
-}
-
-std::string trimmed(const std::string& text) {
-    const std::size_t begin = text.find_first_not_of(" \t\r");
-    if (begin == std::string::npos) return {};
-    return text.substr(begin, text.find_last_not_of(" \t\r") - begin + 1);
+    return quoted(word) + " is unknown; known are kind, uid, ats, sak, atqa, image, ndef, answer, script, quirk";
 }
 
 /// @return what is wrong, empty if nothing.
 std::string readDescription(const std::string& path, Description& description) {
-    Bytes content;
-    if (std::string wrong = readFile(path, content); !wrong.empty()) return wrong;
-    std::istringstream lines(std::string(content.begin(), content.end()));
-    std::string line;
-    for (int number = 1; std::getline(lines, line); ++number) {
-        const std::string text = trimmed(line.substr(0, line.find('#')));
-        if (text.empty()) continue;
-        const std::size_t blank = std::min(text.find_first_of(" \t"), text.size());
-        const std::string wrong = takeLine(text.substr(0, blank), trimmed(text.substr(blank)), description);
-        if (!wrong.empty()) return std::string(path).append(": line " + std::to_string(number) + ": ").append(wrong);
-    }
+    std::string wrong = readLines(
+        path, [&](std::string_view word, std::string_view value) { return takeLine(path, word, value, description); });
+    if (!wrong.empty()) return wrong;
     if (!description.kind) return path + ": a line \"kind\" is missing, with one of " + std::string(kKindNames);
     if (description.uid.empty()) description.uid = description.kind->uid;
-    if (!description.image.empty())
-        description.image = (std::filesystem::path(path).parent_path() / description.image).string();
+    if (description.kind->imageBytes != 0 && !(description.rules.empty() && description.ndef.empty()))
+        return path + ": \"answer\", \"script\" and \"ndef\" go with the kind \"card\" only";
+    return {};
+}
+
+/// @return what is wrong with the NDEF file, empty if nothing.
+std::string readNdef(const std::string& path, Bytes& file) {
+    constexpr std::size_t kLengthBytes = 2;
+    if (std::string wrong = readFile(path, file); !wrong.empty()) return wrong;
+    if (file.size() < Type4Application::kMinFile || file.size() > Type4Application::kMaxFile)
+        return path + ": " + std::to_string(file.size()) + " bytes are no NDEF file of a Type 4 Tag; right are " +
+               std::to_string(Type4Application::kMinFile) + " to " + std::to_string(Type4Application::kMaxFile);
+    const std::size_t message = static_cast<std::size_t>(file[0]) << 8 | file[1];
+    const std::size_t room = file.size() - kLengthBytes;
+    if (message <= room) return {};
+    return path + ": the first two bytes announce a message of " + std::to_string(message) + " bytes, but only " +
+           std::to_string(room) + " follow";
+}
+
+/// What answers the commands of the card: its rules, behind them the NDEF application; null for neither.
+std::string makeApplication(const Description& description, std::unique_ptr<CardApplication>& out) {
+    if (!description.ndef.empty()) {
+        Bytes file;
+        if (std::string wrong = readNdef(description.ndef, file); !wrong.empty()) return wrong;
+        out = std::make_unique<Type4Application>(std::move(file));
+    }
+    if (!description.rules.empty()) out = std::make_unique<CardScript>(description.rules, std::move(out));
     return {};
 }
 
@@ -250,7 +311,10 @@ MadeTag fromDescription(const std::string& path) {
                            std::to_string(description.kind->imageBytes) + " bytes, this file " +
                            std::to_string(image.size()));
     }
-    MadeTag made = fromParts(*description.kind, description.uid, std::move(image), description.ats);
+    std::unique_ptr<CardApplication> application;
+    if (std::string wrong = makeApplication(description, application); !wrong.empty()) return failure(std::move(wrong));
+    MadeTag made =
+        fromParts(*description.kind, description.uid, std::move(image), description.ats, std::move(application));
     if (!made.tag) return failure(path + ": " + made.message);
     if (description.sak) made.tag->setSak(*description.sak);
     if (description.atqa) made.tag->setAtqa(*description.atqa);
@@ -303,5 +367,6 @@ std::string imagePathOf(const std::string& pathOrSpec) {
     if (pathOrSpec.starts_with(kSpecPrefix)) return {};
     if (!isCardFile(pathOrSpec)) return pathOrSpec;
     Description description;
-    return readDescription(pathOrSpec, description).empty() ? description.image : std::string();
+    if (!readDescription(pathOrSpec, description).empty()) return {};
+    return description.image.empty() ? description.ndef : description.image;
 }

@@ -20,6 +20,6 @@ MadeTag makeTag(const std::string& pathOrSpec, const TagQuirks& quirks = {});
 /// Writes the tag's memory, byte for byte. @return empty or what went wrong.
 std::string saveTag(VirtualTag& tag, const std::string& path);
 
-/// The file into which a tag that was made from `pathOrSpec` is saved by default: itself, or the image that a .card
-/// file names; empty if there is none.
+/// The file into which a tag that was made from `pathOrSpec` is saved by default: itself, or the image or NDEF
+/// file that a .card file names; empty if there is none.
 std::string imagePathOf(const std::string& pathOrSpec);

@@ -28,6 +28,7 @@ std::string VirtualField::place(std::shared_ptr<VirtualTag> tag, std::string nam
     }
     if (entry(name)) return {};
     if (TagMemory* memory = tag->memory()) memory->setPower(mPower);
+    tag->setFaults(mFaults);
     mEntries.push_back({name, std::move(tag), false});
     show(mEntries.back(), true);
     changed();
@@ -40,6 +41,7 @@ bool VirtualField::remove(std::string_view name) {
     if (!found) return false;
     show(*found, false);
     if (TagMemory* memory = found->tag->memory()) memory->setPower(nullptr);
+    found->tag->setFaults(nullptr);
     mEntries.erase(mEntries.begin() + (found - mEntries.data()));
     changed();
     return true;
@@ -151,6 +153,13 @@ void VirtualField::setPower(WritePower* power) {
     mPower = power;
     for (Entry& each : mEntries)
         if (TagMemory* memory = each.tag->memory()) memory->setPower(power);
+}
+
+void VirtualField::setFaults(FaultPlan* faults) {
+    const Lock held = lock();
+    mFaults = faults;
+    for (Entry& each : mEntries)
+        each.tag->setFaults(faults);
 }
 
 void VirtualField::takeFirstAway() {

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+class FaultPlan;
 class WritePower;
 
 /// The antenna of a reader and the tags that lie on it, in order. Every operation may be called from any thread. The
@@ -79,6 +80,8 @@ class VirtualField {
     void setListener(Listener* listener);
     /// Who decides on the power of tags that write. Not owned; null for never losing it.
     void setPower(WritePower* power);
+    /// Faults of the blocks that smart cards send. Not owned; null for none.
+    void setFaults(FaultPlan* faults);
 
     /// Faults of the hand that holds the tags; all act on the first tag that is present.
     void takeFirstAway();
@@ -100,4 +103,5 @@ class VirtualField {
     bool mOn = false;
     Listener* mListener = nullptr;
     WritePower* mPower = nullptr;
+    FaultPlan* mFaults = nullptr;
 };

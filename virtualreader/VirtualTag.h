@@ -7,6 +7,7 @@
 #include <span>
 #include <vector>
 
+class FaultPlan;
 class TagMemory;
 
 /// Behaviour in which real chips differ from each other. The defaults are those of the common chip.
@@ -90,6 +91,8 @@ class VirtualTag {
     const TagQuirks& quirks() const { return mQuirks; }
     /// What the tag remembers; null for tags without a memory of blocks.
     virtual TagMemory* memory() { return nullptr; }
+    /// Where the faults of the blocks that it sends come from; null for none. Not owned. Other kinds take none.
+    virtual void setFaults(FaultPlan*) {}
     /// Another tag of the same kind and content whose last UID byte is inverted.
     virtual std::shared_ptr<VirtualTag> twin() const = 0;
 

@@ -16,11 +16,13 @@ VirtualTamaReader::VirtualTamaReader(ReaderOptions options, std::shared_ptr<Virt
       mFirmware(*mField, mOptions) {
     mField->setListener(this);
     mField->setPower(this);
+    mField->setFaults(&mFaults);
 }
 
 VirtualTamaReader::~VirtualTamaReader() {
     mField->setListener(nullptr);
     mField->setPower(nullptr);
+    mField->setFaults(nullptr);
 }
 
 void VirtualTamaReader::connect(ReaderSink* sink) {

@@ -2,6 +2,7 @@
 
 #include "ScriptedDevice.h"
 
+#include "Mf500bfl.h"
 #include "NfcTamaBfl.h"
 
 #include <algorithm>
@@ -21,8 +22,7 @@ class ReaderOperations : public ScriptedDriver {
 
 TEST_F(ReaderOperations, OpenTakesTheBaudRateFromASerialName) {
     const struct {
-        const char* given;
-        const char* opened;
+        const char *given, *opened;
         std::uint32_t baudRate;
     } cases[] = {
         {"COM3;19200", "COM3", 19200}, {"COM3", "COM3", 9600},        {"COM12;115200;7", "COM12", 115200},
@@ -33,12 +33,8 @@ TEST_F(ReaderOperations, OpenTakesTheBaudRateFromASerialName) {
         EXPECT_EQ(driver->interfaceOpen(49, 0), kBflOpened) << c.given;
         EXPECT_EQ(script->name, c.opened);
         EXPECT_EQ(script->baudRate, c.baudRate) << c.given;
-        EXPECT_STREQ(name(), c.opened);
+        EXPECT_STREQ(name(), c.opened) << "the rate is cut off the name by the first open";
     }
-    name("COM3;19200");
-    driver->interfaceOpen(1, 2);
-    driver->interfaceOpen(1, 2);
-    EXPECT_EQ(script->baudRate, 9600u) << "the rate was cut off the name by the first open";
     EXPECT_GT(script->closed, 0) << "an open device is closed first";
 }
 
@@ -64,42 +60,23 @@ TEST_F(ReaderOperations, ConfigStopsAtTheFirstRefusedCommand) {
     }
 }
 
-TEST_F(ReaderOperations, IdentityComesFromOneReply) {
-    const char* const kIdentity = "25 00 01 02 03 04 05 06 CC 04 31 05 02 0A 1F";
-    std::uint8_t snr[6] = {};
-    std::uint16_t length = 0;
-    script->dialogue("24", kIdentity);
-    EXPECT_EQ(driver->pcdGetSnr(snr, length), kBflOk);
-    EXPECT_EQ(length, 6);
-    EXPECT_TRUE(std::ranges::equal(snr, hex("01 02 03 04 05 06")));
-
-    std::uint8_t version[55];
-    script->dialogue("24", kIdentity);
-    EXPECT_EQ(driver->pcdGetFwVersion(version, length), kBflOk);
-    const std::string text = "NFC Reader/Writer 2.10.1F for VID 0x04CC PID 0x0531";
-    EXPECT_EQ(reinterpret_cast<const char*>(version), text);
-    EXPECT_EQ(length, text.size());
-}
-
-TEST_F(ReaderOperations, IdentityFailsWithoutTouchingTheBuffer) {
-    const struct {
-        const char* reply;
-        short status;
-    } cases[] = {{"25 27", 0x27},
-                 {"25", kBflBadFrame},
-                 {"25 00 01 02 03", kBflBadFrame},
-                 {"25 00 01 02 03 04 05 06 CC 04 31 05 02 0A", kBflBadFrame}};
-    for (const auto& c : cases) {
-        std::uint8_t buffer[55] = {0x5A};
-        std::uint16_t length = 99;
-        script->dialogue("24", c.reply);
-        EXPECT_EQ(driver->pcdGetSnr(buffer, length), c.status) << c.reply;
+TEST_F(ReaderOperations, IdentityComesWholeOrNotAtAll) {
+    const std::pair<const char*, short> cases[] = {{"25 00 01 02 03 04 05 06 CC 04 31 05 02 0A 1F", kBflOk},
+                                                   {"25 27", 0x27},
+                                                   {"25", kBflBadFrame},
+                                                   {"25 00 01 02 03", kBflBadFrame},
+                                                   {"25 00 01 02 03 04 05 06 CC 04 31 05 02 0A", kBflBadFrame}};
+    for (const auto& [reply, status] : cases) {
+        std::uint8_t snr[6] = {}, version[55] = {};
+        std::uint16_t length = 0, textLength = 99;
+        script->dialogue("24", reply).dialogue("24", reply);
+        EXPECT_EQ(driver->pcdGetSnr(snr, length), status) << reply;
         EXPECT_EQ(length, 6);
-        length = 99;
-        script->dialogue("24", c.reply);
-        EXPECT_EQ(driver->pcdGetFwVersion(buffer, length), c.status) << c.reply;
-        EXPECT_EQ(length, 99);
-        EXPECT_EQ(buffer[0], 0x5A);
+        EXPECT_TRUE(std::ranges::equal(snr, hex(status == kBflOk ? "1 2 3 4 5 6" : "0 0 0 0 0 0")));
+        EXPECT_EQ(driver->pcdGetFwVersion(version, textLength), status) << reply;
+        EXPECT_STREQ(reinterpret_cast<const char*>(version),
+                     status == kBflOk ? "NFC Reader/Writer 2.10.1F for VID 0x04CC PID 0x0531" : "");
+        EXPECT_EQ(textLength, status == kBflOk ? 51 : 99);
     }
     std::uint16_t length = 0;
     EXPECT_EQ(driver->pcdGetSnr(nullptr, length), kBflOutOfRange);
@@ -135,18 +112,31 @@ TEST_F(ReaderOperations, LedByte) {
 }
 
 TEST_F(ReaderOperations, AttributesAndKeysNeedNoReader) {
-    std::uint8_t fsci = 0, fsdi = 0, piccDiv = 9, pcdDiv = 9, attrib = 0;
-    EXPECT_EQ(driver->pcdGetAttrib(&fsci, &fsdi, &piccDiv, &pcdDiv, &attrib), kBflOk);
-    EXPECT_EQ((Bytes{fsci, fsdi, piccDiv, pcdDiv, attrib}), hex("07 07 00 00 01"));
-    EXPECT_EQ(driver->pcdGetAttrib(&fsci, nullptr, &piccDiv, &pcdDiv, &attrib), kBflOutOfRange);
-    EXPECT_EQ(driver->pcdSetAttrib(9, 9), kBflOk);
-    EXPECT_EQ(driver->pcdSetDefaultAttrib(), kBflOk);
-    Bytes key = hex("A0 A1 A2 A3 A4 A5"), coded(12);
-    EXPECT_EQ(driver->hostCodeKey(key.data(), coded.data()), kBflOk);
-    EXPECT_TRUE(std::equal(key.begin(), key.end(), coded.begin()));
-    EXPECT_EQ(driver->hostCodeKey(nullptr, coded.data()), kBflOutOfRange);
-    EXPECT_EQ(driver->hostCodeKey(key.data(), nullptr), kBflOutOfRange);
-    EXPECT_TRUE(script->written.empty());
+    std::uint8_t a[5] = {9, 9, 9, 9, 9}, coded[6];
+    EXPECT_EQ(driver->pcdGetAttrib(&a[0], &a[1], &a[2], &a[3], &a[4]), kBflOk);
+    EXPECT_TRUE(std::ranges::equal(a, hex("07 07 00 00 01")));
+    EXPECT_EQ(driver->pcdGetAttrib(a, nullptr, a, a, a), kBflOutOfRange);
+    EXPECT_EQ(driver->hostCodeKey(nullptr, coded), kBflOutOfRange);
+    EXPECT_EQ(driver->hostCodeKey(coded, nullptr), kBflOutOfRange);
+}
+
+TEST(ADeviceName, IsKeptWholeAndCutAtItsEnd) {
+    Mf500bfl driver;
+    const auto name = [&driver] { return std::string(reinterpret_cast<const char*>(driver.getDeviceName())); };
+    const std::string names[] = {"", "a/rather/long/name", "COM3;9600", std::string(300, 'x')};
+    for (const std::string& given : names) {
+        driver.setDeviceName(reinterpret_cast<const std::uint8_t*>(given.c_str()));
+        EXPECT_EQ(name(), given.substr(0, 255));
+    }
+    driver.setDeviceName(driver.getDeviceName() + 250);
+    driver.setDeviceName(nullptr);
+    EXPECT_EQ(name(), "xxxxx");
+    std::uint8_t b[16] = {0xA5};
+    std::uint16_t length = 7;
+    for (const short result : {driver.interfaceOpen(49, 0), driver.pcdConfig(), driver.pcdGetSnr(b, length),
+                               driver.piccRead(0, b), driver.piccHalt(), driver.hostCodeKey(b, b)})
+        EXPECT_EQ(result, kBflNotImplemented) << "operations that a driver leaves out fail";
+    EXPECT_TRUE(b[0] == 0xA5 && length == 7);
 }
 
 }  // namespace

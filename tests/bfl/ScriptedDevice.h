@@ -29,14 +29,10 @@ inline Bytes hex(const std::string& text) {
 /// A frame around TFI and body, worked out here anew: a mistake of the codec under test does not cancel out.
 inline Bytes frame(std::uint8_t tfi, const Bytes& body) {
     const auto len = static_cast<std::uint8_t>(body.size() + 1);
-    Bytes out;
-    out.reserve(body.size() + 8);
-    for (const int head : {0x00, 0x00, 0xFF, int{len}, -len, int{tfi}})
-        out.push_back(static_cast<std::uint8_t>(head));
+    Bytes out{0x00, 0x00, 0xFF, len, static_cast<std::uint8_t>(-len), tfi};
     out.insert(out.end(), body.begin(), body.end());
     const unsigned sum = std::accumulate(body.begin(), body.end(), unsigned{tfi});
-    out.push_back(static_cast<std::uint8_t>(-sum));
-    out.push_back(0x00);
+    out.insert(out.end(), {static_cast<std::uint8_t>(-sum), 0x00});
     return out;
 }
 inline Bytes cmd(const std::string& text) { return frame(0xD4, hex(text)); }
@@ -57,7 +53,7 @@ class ScriptedDevice : public TamaDevice {
     /// What all devices of one test share; outlives each of them.
     struct Script {
         std::deque<Step> steps;
-        int opened = 0, closed = 0, discarded = 0;
+        int closed = 0, discarded = 0;
         bool gone = false;
         std::int32_t openResult = kDeviceOk;
         std::vector<Bytes> written;
@@ -87,7 +83,6 @@ class ScriptedDevice : public TamaDevice {
 
     std::int32_t OpenInterface(const char* name, std::uint32_t, std::uint32_t) override {
         mScript->name = name;
-        ++mScript->opened;
         return mScript->openResult;
     }
     std::int32_t CloseInterface() override {

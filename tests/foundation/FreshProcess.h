@@ -2,41 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
+#include <atomic>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
-
-/// A directory of its own, removed with all it holds at the end.
-class TempDirectory {
-  public:
-    TempDirectory() {
-        std::string name = (std::filesystem::temp_directory_path() / "qvl-XXXXXX").string();
-        mPath = ::mkdtemp(name.data());
-    }
-    ~TempDirectory() { std::filesystem::remove_all(mPath); }
-    TempDirectory(const TempDirectory&) = delete;
-    TempDirectory& operator=(const TempDirectory&) = delete;
-
-    std::string operator/(const std::string& name) const { return (mPath / name).string(); }
-    std::string path() const { return mPath.string(); }
-
-  private:
-    std::filesystem::path mPath;
-};
-
-inline void writeFile(const std::string& path, const std::string& text) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-inline std::string readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
+#include <vector>
 
 /// Starts `action` in a child, which has none of the state that a process builds up at first use.
 template <typename Action>
@@ -58,4 +28,20 @@ inline void expectChildSucceeds(pid_t child) {
 template <typename Action>
 void inFreshProcess(Action action) {
     expectChildSucceeds(startChild(action));
+}
+
+/// Runs `action` with the number of its thread in `count` threads that start together.
+template <typename Action>
+void inThreadsAtOnce(int count, Action action) {
+    std::atomic<bool> isOpen{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i)
+        threads.emplace_back([&, i] {
+            while (!isOpen)
+                std::this_thread::yield();
+            action(i);
+        });
+    isOpen = true;
+    for (std::thread& thread : threads)
+        thread.join();
 }

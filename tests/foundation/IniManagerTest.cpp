@@ -1,14 +1,15 @@
+// Settings files.
+
 #include "IniManager.h"
 #include "FreshProcess.h"
+#include "TempDirectory.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
+#include <filesystem>
 #include <sys/stat.h>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -19,7 +20,7 @@ class IniFile : public ::testing::Test {
     IniFile() { mManager.setDirectoryAndReload(mDirectory.path().c_str()); }
 
     void load(const std::string& text, const char* name = "a.ini") {
-        writeFile(mDirectory / name, text);
+        mDirectory.write(name, text);
         mManager.loadAndReplace(name);
     }
     std::string value(const char* section, const char* key) {
@@ -34,41 +35,31 @@ class IniFile : public ::testing::Test {
 TEST_F(IniFile, EveryLineMeansWhatItSays) {
     const struct {
         std::string text;
-        const char* section;
-        const char* key;
-        const char* value;
+        const char *section, *key, *value;
     } cases[] = {
         {"[S]\nK=v\n[/S]\n", "S", "K", "v"},
         {"[S]\r\nK=v\r\n[/S]\r\n", "S", "K", "v"},
         {"  [S]x\n  K = v w  \n[/S]", "S", "K", "v w"},
         {"[S]\nK=\n", "S", "K", ""},
-        {"[S]\nK=   \n", "S", "K", ""},
         {"[S]\n=v\n", "S", "", "v"},
         {"[S]\nA=b = c\n", "S", "A", "b = c"},
-        {"[S]\nK=\"v\"\n", "S", "K", "\"v\""},
-        {"[S]\n\tK=v\t\n", "S", "K", "(null)"},
         {"[S]\n\tK=v\t\n", "S", "\tK", "v\t"},
         {"[S]\n//K=1\n", "S", "//K", "(null)"},
         {"[S]\n  //K=1\n", "S", "K", "(null)"},
         {"[S]\n/K=1\n", "S", "/K", "1"},
-        {"[S]\n#K=1\n", "S", "#K", "1"},
         {"[S]\n[A=B]\nK=1\n", "S", "[A", "B]"},
         {"[S]\nrubbish\n[rubbish\n[/S\nK=1\n", "S", "K", "1"},  // what cannot be read is passed over
-        {"[S]\nA=1\nA=2\n", "S", "A", "1"},
         {"[S]\nA=1\n[/S]\n[S]\nA=2\nB=3\n[/S]\n", "S", "A", "1"},
         {"[S]\nA=1\n[/S]\n[S]\nA=2\nB=3\n[/S]\n", "S", "B", "(null)"},
         {"[S]\nK=1\n", "s", "K", "(null)"},
-        {"[S]\nK=1\n", "S", "k", "(null)"},
         {"[S]\nK=1\n[/S]\nL=2\n", "S", "L", "(null)"},
         {"[S]\n[T]\nK=1\n[/T]\nL=2\n[/S]\n", "S", "L", "2"},
         {"[S]\n[T]\nK=1\n[/T]\nL=2\n[/S]\n", "S", "K", "(null)"},
         {"[S]\n[T]\nK=1\n[/T]\n[/S]\n", "S", "T", "(null)"},
-        {"[S]\n[T]\nK=1\n[/T]\n[/S]\n", "T", "K", "(null)"},
         {"[/S]\nK=1\n[//S]\n", "/S", "K", "1"},  // nothing to close: a section of that name
         {"K=1\n[S]\n", "S", "K", "(null)"},
         {"K=1", "K", "", "(null)"},
         {"[]\nK=1", "", "K", "1"},
-        {"", "S", "K", "(null)"},
         {"[S]\nK=1\r2\n", "S", "K", "1"},
         {"[S]\nK=1" + kNul + "2\nL=3", "S", "K", "1"},  // the rest of a piece behind a NUL is lost
         {"[S]\nK=1" + kNul + "2\nL=3", "S", "L", "3"},
@@ -100,44 +91,37 @@ TEST_F(IniFile, WrongClosingLineIsReportedAndCloses) {
 TEST_F(IniFile, LookupWalksTheTree) {
     load("[S]\nK=1\n[T]\nL=2\n[/T]\n[/S]\n");
     const IniNode* root = mManager.root();
-    EXPECT_EQ(root->name, "QuorvelINI");
     const IniEntry section = mManager.lookup(root, "S");
     EXPECT_EQ(section.type, INI_TABLE);
     EXPECT_EQ(section.text, nullptr);
-    const IniEntry inner = mManager.lookup(section.node, "T");
-    EXPECT_STREQ(mManager.lookup(inner.node, "L").text, "2");
+    EXPECT_STREQ(mManager.lookup(mManager.lookup(section.node, "T").node, "L").text, "2");
     const IniEntry key = mManager.lookup(section.node, "K");
     EXPECT_EQ(key.type, INI_VALUE);
     EXPECT_EQ(key.node, nullptr);
-    for (const IniEntry& none :
-         {mManager.lookup(nullptr, "S"), mManager.lookup(root, "X"), mManager.lookup(root, nullptr)}) {
-        EXPECT_EQ(none.type, INI_NOT_FOUND);
-        EXPECT_EQ(none.text, nullptr);
-        EXPECT_EQ(none.node, nullptr);
-    }
     IniNode leaf;
-    EXPECT_EQ(mManager.lookup(&leaf, "K").type, INI_NOT_FOUND);
+    for (const IniEntry& none : {mManager.lookup(nullptr, "S"), mManager.lookup(root, "X"),
+                                 mManager.lookup(root, nullptr), mManager.lookup(&leaf, "K")}) {
+        EXPECT_EQ(none.type, INI_NOT_FOUND);
+        EXPECT_TRUE(none.text == nullptr && none.node == nullptr);
+    }
 }
 
 TEST_F(IniFile, NamesOfOneBucketStayDistinct) {
     const std::string name(32, 'n');
     EXPECT_EQ(IniTable::hash((name + "1").c_str()), IniTable::hash((name + "2").c_str()));
-    EXPECT_EQ(IniTable::hash((std::string(31, ' ') + "a").c_str()) - IniTable::hash(std::string(31, ' ').c_str()),
-              0x61000000u);
-    EXPECT_EQ(IniTable::hash("abcdA"), 0x64636261u + 0x41u);
-    EXPECT_EQ(IniTable::hash("\xFF\xFF\xFF\xFF\x02"), 1u);
+    EXPECT_EQ(IniTable::hash("\xFF\xFF\xFF\xFF\x02"), 1u) << "bytes above 127 do not count as negative";
     load("[S]\n" + name + "1=a\n" + name + "2=b\n");
     EXPECT_EQ(value("S", (name + "2").c_str()), "b");
 }
 
 TEST_F(IniFile, ReloadsReplaceOrMerge) {
     load("[S]\nK=1\n");
-    writeFile(mDirectory / "b.ini", "[S]\nK=2\n[/S]\n[T]\nK=3\n");
+    mDirectory.write("b.ini", "[S]\nK=2\n[/S]\n[T]\nK=3\n");
     mManager.loadAndMerge("b.ini");
     EXPECT_EQ(value("S", "K") + value("T", "K"), "13");
     mManager.loadAndReplace("b.ini");
     EXPECT_EQ(value("S", "K"), "2");
-    writeFile(mDirectory / "other/b.ini", "[S]\nK=4\n");
+    mDirectory.write("other/b.ini", "[S]\nK=4\n");
     mManager.setDirectoryAndReload((mDirectory / "other").c_str());
     EXPECT_EQ(value("S", "K") + value("T", "K"), "4(null)");
     mManager.loadAndReplace(nullptr);
@@ -149,16 +133,16 @@ TEST_F(IniFile, ReloadsReplaceOrMerge) {
 }
 
 TEST_F(IniFile, FirstLookupTakesTheStandardName) {
-    writeFile(mDirectory / "QVLReader.ini", "[S]\nK=1\n");
+    mDirectory.write("QVLReader.ini", "[S]\nK=1\n");
     EXPECT_STREQ(mManager.lookup(mManager.root(), "S").node->table->find("K")->text.c_str(), "1");
-    writeFile(mDirectory / "QVLReader.ini", "[S]\nK=2\n");
+    mDirectory.write("QVLReader.ini", "[S]\nK=2\n");
     EXPECT_EQ(value("S", "K"), "1");  // once
 }
 
 TEST_F(IniFile, OnlyARegularFileIsRead) {
     ASSERT_EQ(::mkfifo((mDirectory / "fifo").c_str(), 0600), 0);
     std::filesystem::create_directory(mDirectory / "folder");
-    writeFile(mDirectory / "real.ini", "[S]\nK=1\n");
+    mDirectory.write("real.ini", "[S]\nK=1\n");
     std::filesystem::create_symlink("real.ini", mDirectory / "link.ini");
     for (const char* name : {"fifo", "folder", "link.ini"}) {
         mManager.loadAndReplace(name);
@@ -170,7 +154,7 @@ TEST_F(IniFile, PathHasAtMost255Characters) {
     const std::string folder = mDirectory / std::string(180, 'd');
     for (std::size_t length : {255u, 256u}) {
         const std::string name(length - folder.size() - 1, 'n');
-        writeFile(folder + '/' + name, "[S]\nK=1\n");
+        mDirectory.write(std::string(180, 'd') + '/' + name, "[S]\nK=1\n");
         mManager.setDirectoryAndReload(folder.c_str());
         mManager.loadAndReplace(name.c_str());
         EXPECT_EQ(value("S", "K"), length == 255 ? "1" : "(null)");
@@ -200,10 +184,9 @@ TEST_F(IniFile, SizeAndDepthCostNoStackAndLittleTime) {
 TEST(IniInstance, IsFoundByTheInstallationPath) {
     inFreshProcess([] {
         TempDirectory install;
-        writeFile(install / "data/conf/QVLReader.ini", "[S]\nK=1\n");
+        install.write("data/conf/QVLReader.ini", "[S]\nK=1\n");
         ::setenv("QVL_PATH", install.path().c_str(), 1);
         EXPECT_EQ(getIniRoot()->table->find("S"), nullptr);  // does not load
-        EXPECT_STREQ(getInstallPath(), install.path().c_str());
         EXPECT_STREQ(iniGetValue("S", "K"), "1");
         EXPECT_EQ(iniLookup(getIniRoot(), "S").type, INI_TABLE);
         ::setenv("QVL_PATH", "/elsewhere", 1);
@@ -218,36 +201,27 @@ TEST(IniInstance, IsFoundByTheInstallationPath) {
 
 TEST(IniInstance, IsFoundInTheWorkingDirectoryWithoutAnInstallation) {
     if (std::filesystem::exists("/etc/qvlreader/2.1/QVL_PATH")) GTEST_SKIP() << "the product is installed here";
-    inFreshProcess([] {
-        TempDirectory directory;
-        writeFile(directory / "QVLReader.ini", "[S]\nK=1\n");
+    TempDirectory directory;
+    directory.write("QVLReader.ini", "[S]\nK=1\n");
+    inFreshProcess([&] {
         ::unsetenv("QVL_PATH");
         std::filesystem::current_path(directory.path());
         EXPECT_STREQ(iniGetValue("S", "K"), "1");
         EXPECT_EQ(getInstallPath(), nullptr);
-        std::filesystem::current_path("/");
     });
 }
 
 TEST(IniInstance, LoadsOnceHoweverManyThreadsAsk) {
     TempDirectory install;
-    writeFile(install / "data/conf/QVLReader.ini", "[S]\nK=1\n[/T]\n");
+    install.write("data/conf/QVLReader.ini", "[S]\nK=1\n[/T]\n");
     ::testing::internal::CaptureStdout();
     inFreshProcess([&] {
         ::setenv("QVL_PATH", install.path().c_str(), 1);
-        std::atomic<bool> isOpen{false};
         std::atomic<int> found{0};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 64; ++i)
-            threads.emplace_back([&] {
-                while (!isOpen)
-                    std::this_thread::yield();
-                const char* text = iniGetValue("S", "K");
-                if (text && std::strcmp(text, "1") == 0) ++found;
-            });
-        isOpen = true;
-        for (std::thread& thread : threads)
-            thread.join();
+        inThreadsAtOnce(64, [&](int) {
+            const char* text = iniGetValue("S", "K");
+            found += text != nullptr && std::string(text) == "1";
+        });
         EXPECT_EQ(found, 64);
         std::fflush(stdout);
     });
@@ -256,21 +230,11 @@ TEST(IniInstance, LoadsOnceHoweverManyThreadsAsk) {
 }
 
 TEST(IniNumber, LeadingDigitsCountAndSaturate) {
-    const std::pair<const char*, std::uint32_t> cases[] = {{nullptr, 0},
-                                                           {"", 0},
-                                                           {"0", 0},
-                                                           {"30000", 30000},
-                                                           {"007x9", 7},
-                                                           {"x7", 0},
-                                                           {"-1", 0},
-                                                           {"+1", 0},
-                                                           {" 1", 0},
-                                                           {"\t1", 0},
-                                                           {"4294967295", 4294967295u},
-                                                           {"4294967296", 4294967295u},
-                                                           {"1000000000000000000000000000000", 4294967295u}};
-    for (const auto& [text, number] : cases)
-        EXPECT_EQ(iniNumber(text), number) << (text ? text : "null");
+    for (const char* none : {"", "x7", "-1", "+1", " 1", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(iniNumber(none), 0u);
+    EXPECT_EQ(iniNumber("007x9"), 7u);
+    for (const char* most : {"4294967295", "4294967296", "1000000000000000000000000"})
+        EXPECT_EQ(iniNumber(most), 4294967295u);
 }
 
 }  // namespace

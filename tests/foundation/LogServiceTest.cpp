@@ -1,21 +1,22 @@
+// The log.
+
 #include "LogService.h"
 #include "FreshProcess.h"
 #include "NamedMutex.h"
+#include "TempDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <set>
-#include <sstream>
 #include <string_view>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -32,7 +33,7 @@ void say(const std::string& message, int level = kLogFailure, int line = 7, cons
 
 std::vector<std::string> lines(const std::string& path) {
     std::vector<std::string> result;
-    std::istringstream text(readFile(path));
+    std::ifstream text(path);
     for (std::string line; std::getline(text, line);)
         result.push_back(line);
     return result;
@@ -59,11 +60,11 @@ class LogFile : public ::testing::Test {
     ~LogFile() override { platform::setNamedMutexDirectory(nullptr); }
 
     void configure(const std::string& keys, const std::string& path = "") {
-        writeFile(mInstall / "data/conf/QVLReader.ini",
-                  "[LOGSERVICE]\n" + keys + "LOGPATH=" + (path.empty() ? mLog : path) + "\n[/LOGSERVICE]\n");
+        mInstall.write("data/conf/QVLReader.ini",
+                       "[LOGSERVICE]\n" + keys + "LOGPATH=" + (path.empty() ? mLog : path) + "\n[/LOGSERVICE]\n");
     }
     std::string file(const std::string& name) const { return mLog + '/' + name; }
-    std::string text(const std::string& name) const { return readFile(file(name)); }
+    std::string text(const std::string& name) const { return mInstall.read("a/log/" + name); }
 
     /// Names in the log directory with their sizes in lines.
     std::string listing() const {
@@ -75,44 +76,36 @@ class LogFile : public ::testing::Test {
             result += name + ' ';
         return result;
     }
+    void plant(const std::string& name, const std::string& text) const { mInstall.write("a/log/" + name, text); }
     void plantFullFile(const std::string& name, std::size_t size = kMaximumSize) const {
-        writeFile(file(name), std::string(size - 1, 'x') + '\n');
+        plant(name, std::string(size - 1, 'x') + '\n');
     }
 
     TempDirectory mInstall;
     std::string mLog = mInstall / "a/log";
 };
 
-TEST_F(LogFile, NothingIsWrittenUnlessEnabled) {
-    for (const char* keys : {"", "LOGLEVEL=5\n", "LOGLEVEL=5\nLOGENABLE=0\n", "LOGLEVEL=5\nLOGENABLE=on\n"}) {
+TEST_F(LogFile, LevelsUpToTheConfiguredOnePassOnceItIsEnabled) {
+    const std::pair<std::string, const char*> cases[] = {{"", ""},
+                                                         {"LOGLEVEL=5\nLOGENABLE=0\n", ""},
+                                                         {"LOGLEVEL=5\nLOGENABLE=on\n", ""},
+                                                         {"LOGENABLE=1\n", "EE"},
+                                                         {"LOGENABLE=1\nLOGLEVEL=-3\n", "EE"},
+                                                         {"LOGENABLE=1\nLOGLEVEL=3\n", "EESVD"},
+                                                         {"LOGENABLE=1\nLOGLEVEL=99999999999\n", "EESVDMHHH"}};
+    for (const auto& [keys, letters] : cases) {
         configure(keys);
-        inFreshProcess([] {
-            EXPECT_FALSE(logWanted(kLogFailure));
-            EXPECT_FALSE(logWanted(-1));
-            say("unheard");
-        });
-        EXPECT_FALSE(fs::exists(mInstall / "a")) << keys;
-    }
-}
-
-TEST_F(LogFile, LevelsUpToTheConfiguredOnePass) {
-    const std::pair<const char*, const char*> cases[] = {{"", "EE"},
-                                                         {"LOGLEVEL=0\n", "EE"},
-                                                         {"LOGLEVEL=-3\n", "EE"},
-                                                         {"LOGLEVEL=3\n", "EESVD"},
-                                                         {"LOGLEVEL=5\n", "EESVDMH"},
-                                                         {"LOGLEVEL=99999999999\n", "EESVDMHHH"}};
-    for (const auto& [level, letters] : cases) {
-        fs::remove_all(mLog);
-        configure(std::string("LOGENABLE=1\n") + level);
-        inFreshProcess([] {
+        inFreshProcess([enabled = *letters != 0] {
+            EXPECT_EQ(logWanted(kLogFailure), enabled);
             for (int i : {-1, 0, 1, 2, 3, 4, 5, 6, 1000})
                 say("m", i);
         });
         std::string seen;
         for (const std::string& line : lines(file("rdrlog0000.txt")))
             if (const std::size_t end = line.find("] ["); end != std::string::npos) seen += line[end + 3];
-        EXPECT_EQ(seen, letters) << level;
+        EXPECT_EQ(seen, letters) << keys;
+        EXPECT_EQ(fs::exists(mInstall / "a"), *letters != 0);
+        fs::remove_all(mLog);
     }
 }
 
@@ -127,47 +120,33 @@ TEST_F(LogFile, RecordHasItsForm) {
         QVL_LOG(6, "%s", "not formatted");
     });
     EXPECT_EQ(text("rdrlog.dat"), "0");
+    const std::string expected[] = {"\t[^ ].*",
+                                    kTime + R"(\[D\] \[Line:42 @ Source\.v1\.cpp\] 100% %s %n)",
+                                    kTime + R"(\[H\] \[Line:-1 @ where\.c\] )",
+                                    kTime + R"(\[H\] \[Line:0 @ \] )",
+                                    kTime + R"(\[S\] \[Line:[0-9]+ @ LogServiceTest\.cpp\] text and 5)",
+                                    ".*[^x]x{4095}"};
     const std::vector<std::string> records = lines(file("rdrlog0000.txt"));
-    const std::string expected[] = {"\t[^ ].*", kTime + R"(\[D\] \[Line:42 @ Source\.v1\.cpp\] 100% %s %n)",
-                                    kTime + R"(\[H\] \[Line:-1 @ where\.c\] )", kTime + R"(\[H\] \[Line:0 @ \] )",
-                                    kTime + R"(\[S\] \[Line:[0-9]+ @ LogServiceTest\.cpp\] text and 5)"};
-    ASSERT_EQ(records.size(), 6u);
+    ASSERT_EQ(records.size(), std::size(expected));
     for (std::size_t i = 0; i < std::size(expected); ++i)
         EXPECT_THAT(records[i], MatchesRegex(expected[i]));
-    EXPECT_TRUE(records[5].ends_with(std::string("] ") + std::string(4095, 'x')));
 }
 
-TEST_F(LogFile, KindChoosesThePrefix) {
-    const std::pair<int, const char*> kinds[] = {{1, "applog"}, {2, "rdrlog"}, {3, "schlog"}, {4, "qvllog"}};
-    for (const auto& [kind, prefix] : kinds) {
-        inFreshProcess([kind = kind] { logMessage(0, "m", 1, "f", static_cast<LogFileKind>(kind)); });
-        EXPECT_EQ(lines(file(prefix + std::string("0000.txt"))).size(), 2u) << prefix;
-    }
-}
-
-TEST_F(LogFile, PathIsTakenWithDriveAndBackslashes) {
+TEST_F(LogFile, PathIsTakenWithDriveAndBackslashesAndTheKindChoosesThePrefix) {
     std::string foreign = "C:" + mLog + "\\x";
     std::replace(foreign.begin(), foreign.end(), '/', '\\');
     configure("LOGENABLE=1\n", foreign);
-    inFreshProcess([] { say("m"); });
-    EXPECT_EQ(lines(file("x/rdrlog0000.txt")).size(), 2u);
-
+    const std::pair<int, const char*> kinds[] = {{1, "applog"}, {2, "rdrlog"}, {3, "schlog"}, {4, "qvllog"}};
+    for (const auto& [kind, prefix] : kinds) {
+        inFreshProcess([kind = kind] { logMessage(0, "m", 1, "f", static_cast<LogFileKind>(kind)); });
+        EXPECT_EQ(lines(file("x/" + std::string(prefix) + "0000.txt")).size(), 2u) << prefix;
+    }
     configure("LOGENABLE=1\n", "rel\\ative");
     inFreshProcess([this] {
         fs::current_path(mInstall.path());
         say("m");
     });
     EXPECT_EQ(lines(mInstall / "rel/ative/rdrlog0000.txt").size(), 2u);
-}
-
-TEST_F(LogFile, FilesAndDirectoriesBelongToOwnerAndGroup) {
-    inFreshProcess([] {
-        ::umask(0);
-        say("m");
-    });
-    for (const std::string& path : {mLog, file("rdrlog.dat"), file("rdrlog0000.txt")})
-        EXPECT_EQ(fs::status(path).permissions() & fs::perms(0137), fs::perms(fs::is_directory(path) ? 0110 : 0))
-            << path;
 }
 
 TEST_F(LogFile, RestartGoesOnOrKeepsAFullFileAsOld) {
@@ -182,7 +161,7 @@ TEST_F(LogFile, RestartGoesOnOrKeepsAFullFileAsOld) {
     EXPECT_EQ(text("rdrlog.dat"), "1");
     EXPECT_EQ(listing(), "rdrlog.dat:1 rdrlog0000.txt:2 rdrlog0001.txt:1 ");
 
-    writeFile(file("rdrlog0001.old"), "gone");
+    plant("rdrlog0001.old", "gone");
     plantFullFile("rdrlog0001.txt");
     inFreshProcess([] { say("four"); });
     EXPECT_EQ(text("rdrlog.dat"), "1");
@@ -195,8 +174,8 @@ TEST_F(LogFile, MovesWhenExactlyFullAndWrapsBehind9999) {
     const std::size_t empty = text("rdrlog0000.txt").size() - text("rdrlog0000.txt").find('\n') - 1;
     for (int missing : {1, 0}) {  // one byte below the boundary, then at it
         fs::remove_all(mLog);
-        writeFile(file("rdrlog.dat"), "9999");
-        writeFile(file("rdrlog0000.txt"), "earlier cycle\n");
+        plant("rdrlog.dat", "9999");
+        plant("rdrlog0000.txt", "earlier cycle\n");
         plantFullFile("rdrlog9999.txt", kMaximumSize - empty - static_cast<std::size_t>(missing));
         inFreshProcess([] { say(""); });
         EXPECT_EQ(text("rdrlog.dat"), missing ? "9999" : "0");
@@ -205,43 +184,23 @@ TEST_F(LogFile, MovesWhenExactlyFullAndWrapsBehind9999) {
     }
 }
 
-TEST_F(LogFile, BulkFillsFileAfterFileWithoutLosingALine) {
-    constexpr int kRecords = 2900;
-    inFreshProcess([] {
-        for (int i = 0; i < kRecords; ++i)
-            say(std::to_string(i) + ' ' + std::string(1000, 'x'));
-    });
-    EXPECT_EQ(text("rdrlog.dat"), "2");
-    int next = 0;
-    for (const char* name : {"rdrlog0000.txt", "rdrlog0001.txt", "rdrlog0002.txt"}) {
-        const std::vector<std::string> records = lines(file(name));
-        EXPECT_EQ(records.front()[0], '\t');
-        for (std::size_t i = 1; i < records.size(); ++i)
-            EXPECT_TRUE(isRecord(records[i], std::to_string(next++) + ' ' + std::string(1000, 'x')));
-    }
-    EXPECT_EQ(next, kRecords);
-}
-
 TEST_F(LogFile, SequenceFileIsTakenAsItStands) {
-    const struct {
-        std::string planted;
-        const char* left;
-        const char* name;
-    } cases[] = {{"17", "17", "rdrlog0017.txt"},         {" +17x\n", " +17x\n", "rdrlog0017.txt"},
-                 {"12345", "12345", "rdrlog12345.txt"},  {"", "0", "rdrlog0000.txt"},
-                 {"text", "0", "rdrlog0000.txt"},        {"-5", "0", "rdrlog0000.txt"},
-                 {"99999999999", "0", "rdrlog0000.txt"}, {std::string(1 << 20, ' '), "0", "rdrlog0000.txt"}};
-    for (const auto& c : cases) {
+    const std::string spaces(1 << 20, ' ');
+    for (const std::string& planted : {std::string(" +17x\n"), std::string("12345"), std::string(), std::string("text"),
+                                       std::string("-5"), std::string("99999999999"), spaces}) {
+        const std::string number = planted == "12345"                       ? "12345"
+                                   : planted[0] == ' ' && planted[1] == '+' ? "0017"
+                                                                            : "0000";
         fs::remove_all(mLog);
-        writeFile(file("rdrlog.dat"), c.planted);
+        plant("rdrlog.dat", planted);
         inFreshProcess([] { say("m"); });
-        EXPECT_EQ(text("rdrlog.dat"), c.left);
-        EXPECT_EQ(lines(file(c.name)).size(), 2u) << c.planted.substr(0, 20);
+        EXPECT_EQ(text("rdrlog.dat"), number == "0000" ? "0" : planted);
+        EXPECT_EQ(lines(file("rdrlog" + number + ".txt")).size(), 2u) << planted.substr(0, 20);
     }
 }
 
 TEST_F(LogFile, UnusableDirectoryDisturbsNobodyAndIsTriedAgain) {
-    writeFile(mInstall / "a", "in the way");
+    mInstall.write("a", "in the way");
     ::testing::internal::CaptureStdout();
     inFreshProcess([this] {
         const auto descriptors = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
@@ -290,72 +249,70 @@ TEST_F(LogFile, PlantedNamesAreNotWrittenThrough) {
         for (const bool isFifo : {false, true}) {
             fs::remove_all(mLog);
             fs::create_directories(mLog);
-            writeFile(victim, "5");
+            mInstall.write("victim", "5");
             if (isFifo)
                 ASSERT_EQ(::mkfifo(file(name).c_str(), 0600), 0);
             else
                 fs::create_symlink(victim, file(name));
             inFreshProcess([] { say("m"); });
-            EXPECT_EQ(readFile(victim), "5") << name;
+            EXPECT_EQ(mInstall.read("victim"), "5") << name;
             EXPECT_TRUE(isRecord(lines(file("rdrlog0000.txt")).at(1), "m")) << name;
         }
     }
 }
 
-TEST_F(LogFile, ThreadsKeepTheirLinesWhole) {
-    constexpr int kThreads = 8;
-    constexpr int kRecords = 60;
+TEST_F(LogFile, ThreadsSetUpOnceAndKeepTheirLinesWholeFromFileToFile) {
+    constexpr int kThreads = 8, kRecords = 60;
     inFreshProcess([] {
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kThreads; ++t)
-            threads.emplace_back([t] {
-                for (int i = 0; i < kRecords; ++i)
-                    say(std::string(5000, static_cast<char>('a' + t)));
-            });
-        for (std::thread& thread : threads)
-            thread.join();
+        inThreadsAtOnce(kThreads, [](int thread) {
+            for (int i = 0; i < kRecords; ++i)
+                say(std::to_string(i) + std::string(5000, static_cast<char>('a' + thread)));
+        });
     });
-    int count = 0;
-    for (const char* name : {"rdrlog0000.txt", "rdrlog0001.txt", "rdrlog0002.txt"})
-        for (const std::string& line : lines(file(name)))
-            if (line[0] != '\t') {
-                EXPECT_TRUE(isRecord(line, std::string(5000, line.back())));
-                ++count;
-            }
-    EXPECT_EQ(count, kThreads * kRecords);
+    int next[kThreads] = {};
+    for (const char* name : {"rdrlog0000.txt", "rdrlog0001.txt", "rdrlog0002.txt"}) {
+        const std::vector<std::string> records = lines(file(name));
+        ASSERT_FALSE(records.empty()) << name;
+        EXPECT_EQ(records.front()[0], '\t');
+        for (std::size_t i = 1; i < records.size(); ++i) {
+            const char letter = records[i].back();
+            ASSERT_TRUE(letter >= 'a' && letter < 'a' + kThreads) << records[i];
+            EXPECT_TRUE(isRecord(records[i], std::to_string(next[letter - 'a']++) + std::string(5000, letter)));
+        }
+    }
+    for (const int count : next)
+        EXPECT_EQ(count, kRecords);
     EXPECT_EQ(text("rdrlog.dat"), "2");
 }
 
 TEST_F(LogFile, ProcessesShareADirectoryAndLoseNothing) {
-    constexpr int kProcesses = 8;
-    constexpr int kRecords = 400;
+    constexpr int kProcesses = 8, kRecords = 400;
+    const std::string filler = ' ' + std::string(1500, 'x');
     std::vector<pid_t> children;
     for (int p = 0; p < kProcesses; ++p)
-        children.push_back(startChild([p] {
+        children.push_back(startChild([&] {
             for (int i = 0; i < kRecords; ++i)
-                say(LogText("%d %d %s", p, i, std::string(1500, 'x').c_str()).text());
+                say(std::to_string(p) + ' ' + std::to_string(i) + filler);
         }));
     for (const pid_t child : children)
         expectChildSucceeds(child);
 
     std::set<std::string> seen;
-    for (const auto& entry : fs::directory_iterator(mLog)) {
-        if (entry.path().extension() == ".dat") continue;
+    for (const auto& entry : fs::directory_iterator(mLog))
         for (const std::string& line : lines(entry.path().string())) {
-            if (line[0] == '\t') continue;
+            if (line[0] != '[') continue;  // first lines, and the sequence file
             const std::string message = line.substr(std::min<std::size_t>(line.find("cpp] ") + 5, line.size()));
-            EXPECT_TRUE(isRecord(line, message) && message.ends_with(' ' + std::string(1500, 'x'))) << line;
+            EXPECT_TRUE(isRecord(line, message) && message.ends_with(filler)) << line;
             seen.insert(message);
         }
-    }
     EXPECT_EQ(seen.size(), static_cast<std::size_t>(kProcesses * kRecords));
 }
 
 TEST_F(LogFile, NumberThatAnotherProcessMovedOnIsJoined) {
     inFreshProcess([this] {
         say("first");
-        writeFile(file("rdrlog.dat"), "5");
-        writeFile(file("rdrlog0005.txt"), "theirs\n");
+        plant("rdrlog.dat", "5");
+        plant("rdrlog0005.txt", "theirs\n");
         say(std::string(kMaximumSize, 'x'));
         say("joined");
     });
@@ -385,23 +342,6 @@ TEST_F(LogFile, WhoCannotReplaceFilesWritesOnUpToTwiceTheSize) {
         EXPECT_EQ(text("rdrlog.dat"), number);
     }
     EXPECT_GE(text("rdrlog0000.txt").size(), 2 * kMaximumSize);
-}
-
-TEST_F(LogFile, FirstCallSetsUpOnceForManyThreads) {
-    inFreshProcess([] {
-        std::atomic<bool> isOpen{false};
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 64; ++t)
-            threads.emplace_back([&] {
-                while (!isOpen)
-                    std::this_thread::yield();
-                say("m");
-            });
-        isOpen = true;
-        for (std::thread& thread : threads)
-            thread.join();
-    });
-    EXPECT_EQ(listing(), "rdrlog.dat:1 rdrlog0000.txt:65 ");
 }
 
 struct LateLogger {

@@ -1,3 +1,5 @@
+// Devices that move whole messages.
+
 #include "DeviceNode.h"
 
 #include "Deadline.h"
@@ -73,6 +75,12 @@ class DeviceNodeTest : public testing::Test {
         return mNode.write(std::vector<std::uint8_t>(size, 0xA5), mCount, timeoutMs);
     }
 
+    void expectFullWait(std::uint32_t ms) {
+        const auto start = SteadyClock::now();
+        EXPECT_EQ(read(ms), IoResult::timedOut) << ms;
+        EXPECT_GE(SteadyClock::now() - start + kSystemTick, std::chrono::milliseconds(ms));
+    }
+
     TempDirectory mDirectory;
     DeviceNode mNode;
     std::unique_ptr<Socket> mPeer;
@@ -123,11 +131,8 @@ TEST_F(DeviceNodeTest, KeepsMessagesApart) {
 
 TEST_F(DeviceNodeTest, TellsAClosedPeerFromASilentOne) {
     connect();
-    for (std::uint32_t ms : {0u, 20u, 0u, 60u, 20u}) {
-        const auto start = SteadyClock::now();
-        EXPECT_EQ(read(ms), IoResult::timedOut) << ms;
-        EXPECT_GE(SteadyClock::now() - start + kSystemTick, std::chrono::milliseconds(ms));
-    }
+    for (std::uint32_t ms : {0u, 20u, 0u, 60u, 20u})
+        expectFullWait(ms);
     ASSERT_TRUE(mPeer->send(5));
     EXPECT_EQ(read(kNoLimit), IoResult::done);
     ASSERT_TRUE(mPeer->send(6));
@@ -140,6 +145,16 @@ TEST_F(DeviceNodeTest, TellsAClosedPeerFromASilentOne) {
     EXPECT_EQ(write(1), IoResult::failed);
 }
 
+TEST_F(DeviceNodeTest, SignalsDoNotShortenAWait) {
+    connect();
+    const auto former = std::signal(SIGALRM, [](int) {});
+    const itimerval every2Ms{{0, 2000}, {0, 2000}}, off{};
+    ::setitimer(ITIMER_REAL, &every2Ms, nullptr);
+    expectFullWait(50);
+    ::setitimer(ITIMER_REAL, &off, nullptr);
+    std::signal(SIGALRM, former);
+}
+
 TEST_F(DeviceNodeTest, WriteToAPeerThatDoesNotReadIsBounded) {
     connect();
     IoResult result = IoResult::done;
@@ -147,21 +162,6 @@ TEST_F(DeviceNodeTest, WriteToAPeerThatDoesNotReadIsBounded) {
         result = write(1000, i % 2 == 0 ? 20 : 0);
     EXPECT_EQ(result, IoResult::timedOut);
     EXPECT_EQ(mPeer->receive(), 1000);
-}
-
-TEST_F(DeviceNodeTest, SignalsDoNotShortenAWait) {
-    connect();
-    struct sigaction ignored {
-    }, former{};
-    ignored.sa_handler = [](int) {};
-    ::sigaction(SIGALRM, &ignored, &former);
-    const itimerval every2Ms{{0, 2000}, {0, 2000}}, off{};
-    ::setitimer(ITIMER_REAL, &every2Ms, nullptr);
-    const auto start = SteadyClock::now();
-    EXPECT_EQ(read(50), IoResult::timedOut);
-    EXPECT_GE(SteadyClock::now() - start + kSystemTick, std::chrono::milliseconds(50));
-    ::setitimer(ITIMER_REAL, &off, nullptr);
-    ::sigaction(SIGALRM, &former, nullptr);
 }
 
 TEST_F(DeviceNodeTest, MovesBytesThroughOtherNodes) {

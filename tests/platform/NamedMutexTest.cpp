@@ -1,3 +1,5 @@
+// The lock between threads and processes.
+
 #include "NamedMutex.h"
 
 #include "ForkedChild.h"
@@ -5,6 +7,7 @@
 
 #include <array>
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
@@ -61,7 +64,7 @@ TEST_F(NamedMutexTest, OrdersThreadsThatNest) {
     int inside = 0, total = 0;
     bool overlapped = false;
     std::array<std::thread, 8> threads;
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread = std::thread([&] {
             for (int round = 0; round < 300; ++round) {
                 const std::lock_guard outer(mutex), inner(mutex);
@@ -71,7 +74,6 @@ TEST_F(NamedMutexTest, OrdersThreadsThatNest) {
                 --inside;
             }
         });
-    }
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_FALSE(overlapped);
@@ -79,147 +81,124 @@ TEST_F(NamedMutexTest, OrdersThreadsThatNest) {
 }
 
 TEST_F(NamedMutexTest, OrdersProcesses) {
-    constexpr int kProcesses = 4, kRounds = 500;
     void* shared = ::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(shared, MAP_FAILED);
     volatile int* counter = static_cast<volatile int*>(shared);
-    {
-        std::array<std::unique_ptr<ForkedChild>, kProcesses> children;
-        for (auto& child : children) {
-            child = std::make_unique<ForkedChild>([&] {
-                NamedMutex mutex(kName);
-                for (int round = 0; round < kRounds; ++round) {
-                    const std::lock_guard lock(mutex);
-                    const int seen = *counter;
-                    std::this_thread::yield();
-                    *counter = seen + 1;
-                }
-                return 0;
-            });
+    const auto countUp = [counter] {
+        NamedMutex mutex(kName);
+        for (int round = 0; round < 500; ++round) {
+            const std::lock_guard lock(mutex);
+            const int seen = *counter;
+            std::this_thread::yield();
+            *counter = seen + 1;
         }
-        for (auto& child : children)
-            EXPECT_EQ(child->wait(), 0);
+        return 0;
+    };
+    {
+        ForkedChild children[] = {ForkedChild(countUp), ForkedChild(countUp), ForkedChild(countUp),
+                                  ForkedChild(countUp)};
+        for (ForkedChild& child : children)
+            EXPECT_EQ(child.wait(), 0);
     }
-    EXPECT_EQ(*counter, kProcesses * kRounds);
+    EXPECT_EQ(*counter, 4 * 500);
     ::munmap(shared, sizeof(int));
 }
 
-class KilledOwnerTest : public NamedMutexTest, public testing::WithParamInterface<int> {};
-INSTANTIATE_TEST_SUITE_P(Depth, KilledOwnerTest, testing::Values(1, 2, 3));
-
-TEST_P(KilledOwnerTest, LeavesTheLockToThoseWhoWait) {
-    Signpost held, waiting;
-    ForkedChild owner([&] {
-        NamedMutex mutex(kName);
-        for (int i = 0; i < GetParam(); ++i)
-            mutex.lock();
-        held.post();
-        return ::pause();
-    });
-    ASSERT_TRUE(held.await());
-    ForkedChild waiter([&] {
-        NamedMutex mutex(kName);
-        if (mutex.try_lock()) return 1;
-        waiting.post();
-        ::alarm(1);
-        const std::lock_guard lock(mutex);
-        return 0;
-    });
-    ASSERT_TRUE(waiting.await());
-    owner.kill();
-    EXPECT_EQ(waiter.wait(), 0);
-    NamedMutex mutex(kName);
-    EXPECT_TRUE(canTake(mutex));
-}
-
-TEST_F(NamedMutexTest, ForkedChildNeverOwnsIt) {
-    NamedMutex mutex(kName);
-    Signpost released, tried;
-    std::thread rival;
-    {
-        const std::lock_guard lock(mutex), again(mutex);
-        rival = std::thread([&] { EXPECT_FALSE(canTake(mutex)); });
-        rival.join();
-        ForkedChild child([&] {
-            mutex.unlock();  // as the end of a scope of the parent would
-            if (mutex.try_lock()) return 1;
-            tried.post();
-            released.await();
-            const std::lock_guard own(mutex);
-            return mutex.try_lock() ? 0 : 2;
+TEST_F(NamedMutexTest, KilledOwnerLeavesTheLockToThoseWhoWait) {
+    for (const int depth : {1, 2, 3}) {
+        Signpost held, waiting;
+        ForkedChild owner([&] {
+            NamedMutex mutex(kName);
+            for (int i = 0; i < depth; ++i)
+                mutex.lock();
+            held.post();
+            return ::pause();
         });
-        ASSERT_TRUE(tried.await());
-        mutex.unlock();
-        mutex.unlock();
+        ASSERT_TRUE(held.await());
+        ForkedChild waiter([&] {
+            NamedMutex mutex(kName);
+            if (mutex.try_lock()) return 1;
+            waiting.post();
+            ::alarm(1);
+            const std::lock_guard lock(mutex);
+            return 0;
+        });
+        ASSERT_TRUE(waiting.await());
+        owner.kill();
+        EXPECT_EQ(waiter.wait(), 0);
+        NamedMutex mutex(kName);
+        EXPECT_TRUE(canTake(mutex));
+    }
+}
+
+TEST_F(NamedMutexTest, ForkedChildNeverOwnsItWhateverThreadHoldsIt) {
+    for (const bool heldByForker : {true, false}) {
+        NamedMutex mutex(kName);
+        Signpost held, release, released, tried;
+        const auto hold = [&](auto meanwhile) {
+            const std::lock_guard lock(mutex), again(mutex);
+            meanwhile();
+        };
+        std::unique_ptr<ForkedChild> child;
+        const auto fork = [&] {
+            child = std::make_unique<ForkedChild>([&] {
+                mutex.unlock();  // as the end of a scope of the parent would
+                if (mutex.try_lock()) return 1;
+                tried.post();
+                released.await();
+                const std::lock_guard own(mutex);
+                return mutex.try_lock() ? 0 : 2;
+            });
+            EXPECT_TRUE(tried.await());
+        };
+        if (heldByForker) {
+            hold(fork);
+        } else {
+            std::thread owner([&] {
+                hold([&] {
+                    held.post();
+                    release.await();
+                });
+            });
+            EXPECT_TRUE(held.await());
+            fork();
+            release.post();
+            owner.join();
+        }
         released.post();
-        EXPECT_EQ(child.wait(), 0);
-        mutex.lock();
-        mutex.lock();
+        EXPECT_EQ(child->wait(), 0);
+        EXPECT_TRUE(otherThreadCanTake(mutex));
     }
-    EXPECT_TRUE(otherThreadCanTake(mutex));
 }
 
-TEST_F(NamedMutexTest, ForkWhileAnotherThreadHoldsItLeavesTheChildAUsableLock) {
-    NamedMutex mutex(kName);
-    Signpost held, tried, release, released;
-    std::thread owner([&] {
-        const std::lock_guard lock(mutex);
-        held.post();
-        release.await();
-    });
-    ASSERT_TRUE(held.await());
-    ForkedChild child([&] {
-        if (mutex.try_lock()) return 1;
-        tried.post();
-        released.await();
-        const std::lock_guard lock(mutex);
-        return 0;
-    });
-    ASSERT_TRUE(tried.await());
-    release.post();
-    owner.join();
-    released.post();
-    EXPECT_EQ(child.wait(), 0);
-}
-
-struct Planted {
-    const char* what;
-    void (*plant)(const std::string& place, const TempDirectory& directory);
-    bool machineWide;
-};
-constexpr char kContent[] = "\0\xFF planted \n";
-
-const Planted kPlanted[] = {
-    {"Nothing", [](const std::string&, const TempDirectory&) {}, true},
-    {"Content", [](const std::string&, const TempDirectory& in) { in.write(kName, kContent); }, true},
-    {"Link",
-     [](const std::string& place, const TempDirectory& in) { fs::create_symlink(in.write("victim", kContent), place); },
-     false},
-    {"DanglingLink",
-     [](const std::string& place, const TempDirectory& in) { fs::create_symlink(in / "victim", place); }, false},
-    {"Directory", [](const std::string& place, const TempDirectory&) { fs::create_directory(place); }, false},
-    {"Fifo", [](const std::string& place, const TempDirectory&) { ::mkfifo(place.c_str(), 0666); }, false},
-};
-
-class PlantedLockFileTest : public NamedMutexTest, public testing::WithParamInterface<Planted> {};
-INSTANTIATE_TEST_SUITE_P(Kind, PlantedLockFileTest, testing::ValuesIn(kPlanted),
-                         [](const auto& planted) { return std::string(planted.param.what); });
-
-TEST_P(PlantedLockFileTest, CostsAtMostTheOrderBetweenProcesses) {
-    GetParam().plant(mDirectory / kName, mDirectory);
-    const std::string before = fs::is_regular_file(mDirectory / kName) ? mDirectory.read(kName) : "";
-    NamedMutex mutex(kName);
-    EXPECT_EQ(mutex.isMachineWide(), GetParam().machineWide);
-    mutex.lock();
-    EXPECT_TRUE(mutex.try_lock());
-    EXPECT_FALSE(otherThreadCanTake(mutex));
-    mutex.unlock();
-    mutex.unlock();
-    EXPECT_TRUE(otherThreadCanTake(mutex));
-    if (fs::is_regular_file(mDirectory / kName)) {
-        EXPECT_EQ(mDirectory.read(kName), before);
+TEST_F(NamedMutexTest, PlantedLockFileCostsAtMostTheOrderBetweenProcesses) {
+    const std::string content("\0\xFF planted \n", 12), victim = mDirectory / "victim";
+    const struct {
+        const char* name;
+        std::function<void(const std::string&)> plant;
+        bool machineWide;
+    } cases[] = {
+        {"nothing", [](auto&) {}, true},
+        {"content", [&](auto&) { mDirectory.write("content", content); }, true},
+        {"dangling", [&](auto& place) { fs::create_symlink(victim, place); }, false},
+        {"link", [&](auto& place) { fs::create_symlink(mDirectory.write("real", content), place); }, false},
+        {"directory", [](auto& place) { fs::create_directory(place); }, false},
+        {"fifo", [](auto& place) { ::mkfifo(place.c_str(), 0666); }, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        c.plant(mDirectory / c.name);
+        NamedMutex mutex(c.name);
+        EXPECT_EQ(mutex.isMachineWide(), c.machineWide);
+        mutex.lock();
+        EXPECT_TRUE(mutex.try_lock());
+        EXPECT_FALSE(otherThreadCanTake(mutex));
+        mutex.unlock();
+        mutex.unlock();
+        EXPECT_TRUE(otherThreadCanTake(mutex));
     }
-    EXPECT_FALSE(GetParam().what == std::string("DanglingLink") && fs::exists(mDirectory / "victim"));
+    EXPECT_EQ(mDirectory.read("content") + mDirectory.read("real"), content + content);
+    EXPECT_FALSE(fs::exists(victim));
 }
 
 TEST_F(NamedMutexTest, IsSharedByUsersWhateverTheUmask) {

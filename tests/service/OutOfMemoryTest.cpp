@@ -1,8 +1,8 @@
 // An allocation fails, once or from then on, at each place of each operation: nothing is thrown, the lock is free, and
 // the next operation works.
 
+#include "CommandDoor.h"
 #include "FailingMemory.h"
-#include "Workplace.h"
 
 namespace {
 
@@ -107,6 +107,41 @@ TEST_P(OutOfMemory, SearchesAndReadsGiveAllOrNothing) {
             EXPECT_EQ(data == nullptr, gHasFailed);
             place.adaptor->freeMemory(data);
             data = nullptr;
+        });
+}
+
+TEST_P(OutOfMemory, ACommandToACardIsAnsweredOrRefused) {
+    place.reader->field().clear();
+    const Bytes uid{0x08, 1, 2, 3};
+    place.reader->field().place(std::make_shared<SmartCard>(uid, Bytes{0x75, 0x77, 0x81, 0x02}));
+    place.start();
+    ASSERT_TRUE(place.adaptor->initReader());
+    QVLParamCollection in;
+    TagUID tag(uid.data(), 4, 0);
+    const std::uint8_t command[] = {0x00, 0x84, 0x00, 0x00, 0x08};
+    in.addParameter(tag);
+    in.addByte(0);
+    in.addBytes(sizeof command, command);
+    in.addByte(1);
+    CommandDoor door(*place.adaptor);
+    int status = 0;
+    QVLParamCollection* out = nullptr;
+    sweep(
+        [&] {
+            in.rewind();
+            status = place.adaptor->runCommand(40, in, out);
+        },
+        [&] {
+            if (!gHasFailed) {
+                EXPECT_EQ(status, kOk);
+            }
+            place.adaptor->freeMemory(out);
+            out = nullptr;
+            // The reader, which is in this process too, may have failed within a command.
+            EXPECT_TRUE(place.adaptor->initReader());
+            EXPECT_EQ(door.wait(), kOk);
+            EXPECT_EQ(door.send(uid, {0x00, 0x84}), kOk);
+            EXPECT_EQ(door.deselect(uid), kOk);
         });
 }
 

@@ -9,6 +9,7 @@
 #include "ScopedEnvironment.h"
 #include "SmartCard.h"
 #include "SocketEndpoint.h"
+#include "TagPrompt.h"
 #include "TagPromptControl.h"
 #include "TamaDeviceFactory.h"
 #include "TempDirectory.h"
@@ -55,6 +56,15 @@ class Host : public QVLReaderServiceIntf {
   private:
     std::mutex mMutex;
     std::string mHeard;
+};
+
+/// A host's prompt under which an operation may wait.
+class OpenPrompt : public TagPromptSurface {
+  public:
+    OpenPrompt() { setTagPromptSurface(this); }
+    ~OpenPrompt() override { setTagPromptSurface(nullptr); }
+    bool show() override { return true; }
+    void hide() override {}
 };
 
 /// How the adaptor reaches its reader.

@@ -1,6 +1,5 @@
 // Asking for tags: any tag, a tag with a directory, a tag with an application, all tags.
 
-#include "TagPrompt.h"
 #include "TagWorkplace.h"
 
 namespace {
@@ -33,15 +32,6 @@ class Search : public ::testing::Test {
         return told;
     }
     TagWorkplace place;
-};
-
-/// A host's prompt under which an operation may wait.
-class OpenPrompt : public TagPromptSurface {
-  public:
-    OpenPrompt() { setTagPromptSurface(this); }
-    ~OpenPrompt() override { setTagPromptSurface(nullptr); }
-    bool show() override { return true; }
-    void hide() override {}
 };
 
 TEST_F(Search, FindsAnyTagEvenAHaltedOne) {

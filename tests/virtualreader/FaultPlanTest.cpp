@@ -1,3 +1,5 @@
+// Faults on order: what each does on the wire, when it comes, and how a plan is written.
+
 #include "TestHost.h"
 
 #include "FaultPlan.h"
@@ -22,14 +24,12 @@ struct FaultTest : ::testing::Test {
         return all(command);
     }
     std::string all(const char* command) {
-        std::string frames = host.send(command);
-        if (frames == "sent") frames.clear();
-        for (int count = 0; count < 6; ++count) {
-            const std::string frame = host.read();
+        std::string frames, frame = host.send(command);
+        for (int count = 0; count < 6 && frame != "gone" && frame != "silence"; ++count) {
+            frame = host.read();
             frames += (frames.empty() ? "" : ", ") + frame;
-            if (frame == "silence" || frame == "gone") break;
         }
-        return frames;
+        return frames.empty() ? frame : frames;
     }
 
     std::shared_ptr<VirtualTamaReader> reader = std::make_shared<VirtualTamaReader>();
@@ -55,7 +55,6 @@ TEST_F(FaultTest, EachEffectOnTheWire) {
         {"reply twice", "ACK, 27 00, 27 00, silence"},
         {"endless", "ACK, damaged, damaged, damaged, damaged, damaged"},
         {"xor 7 80", "ACK, damaged, silence"},
-        {"xor 0 01", "ACK, damaged, silence"},
         {"xor 99 01", "ACK, 27 00, silence"},
         {"wrong checksum", "ACK, damaged, silence"},
         {"wrong code", "ACK, 29 00, silence"},
@@ -65,7 +64,6 @@ TEST_F(FaultTest, EachEffectOnTheWire) {
         {"short 0", "ACK, 27, silence"},
         {"pad 3", "ACK, 27 00 00 00 00, silence"},
         {"extended 65545", "ACK, 65545 bytes, silence"},
-        {"extended 1025", "ACK, 1025 bytes, silence"},
         {"extended 12", "ACK, damaged, silence"},
         {"already awake", "ACK, 27 00 00, silence", false},
         {"vanish before", "gone", false},
@@ -103,19 +101,8 @@ TEST_F(FaultTest, HeldBackFramesComeBeforeTheNextAnswer) {
 TEST_F(FaultTest, CountsChooseTheCommand) {
     EXPECT_EQ(reader->addFaults("# a plan\n26 2 status 11\n\n  any 4 no reply # the fourth of all\n26 from 3 error\n"),
               "");
-    const char* const kExpected[] = {"27 00", "27 11", "ERROR", "silence", "ERROR"};
-    for (const char* expected : kExpected)
+    for (const char* expected : {"27 00", "27 11", "ERROR", "silence", "ERROR"})
         EXPECT_EQ(host("26 00"), expected);
-    reader->clearFaults();
-    FaultRule rule;
-    rule.when = FaultRule::When::command;
-    rule.command = 0x26;
-    rule.first = 2;
-    rule.effect = FaultEffect::status;
-    rule.value = 0x2A;
-    reader->addFault(rule);
-    EXPECT_EQ(host("26 00"), "27 00");
-    EXPECT_EQ(host("26 00"), "27 2A");
 }
 
 TEST_F(FaultTest, TagsLeaveReturnAndChangePlaces) {
@@ -141,25 +128,25 @@ TEST_F(FaultTest, TagsLeaveReturnAndChangePlaces) {
 
 TEST_F(FaultTest, PowerFailsInTheWriteThatWasNamed) {
     constexpr const char* kWrite = "40 01 A0 05 000102030405060708090A0B0C0D0E0F";
-    const auto stored = [&] { return text(tag->memory()->at(80, 6)); };
-    const auto select = [&] { return host("4A 01 00") == kFound && host(kLogin) == "41 00"; };
     struct {
         const char *rule, *stored;
         bool gone;
     } constexpr kCuts[] = {{"write 1 power lost", "00 00 00 00 00 00", true},
                            {"write 1 power dips", "00 00 00 00 00 00", false},
                            {"write 2 torn 2", "00 01 02 03 04 05", true},
+                           {"write 1 torn 3", "00 01 02 00 00 00", true},
                            {"write 1 dips after 16", "00 01 02 03 04 05", false}};
     for (const auto& cut : kCuts) {
         SCOPED_TRACE(cut.rule);
+        tag->memory()->assign(MifareClassicTag::blankImage(1024, hex("DEADBEEF")));
         EXPECT_EQ(reader->addFault(cut.rule), "");
-        ASSERT_TRUE(select());
+        EXPECT_EQ(host("4A 01 00"), kFound);
+        EXPECT_EQ(host(kLogin), "41 00");
         if (cut.rule[6] == '2') {
             EXPECT_EQ(host(kWrite), "41 00");
         }
         EXPECT_EQ(host(kWrite), "41 01");
-        EXPECT_EQ(stored(), cut.stored);
-        EXPECT_EQ(reader->field().list()[0].present, !cut.gone);
+        EXPECT_EQ(text(tag->memory()->at(80, 6)), cut.stored);
         EXPECT_EQ(host("4A 01 00"), cut.gone ? "4B 00" : kFound);
         reader->field().setPresent("tag1", true);
         reader->clearFaults();
@@ -167,9 +154,7 @@ TEST_F(FaultTest, PowerFailsInTheWriteThatWasNamed) {
 }
 
 TEST(FaultPlanText, MistakesNameLineAndCause) {
-    struct {
-        const char *text, *complaint;
-    } constexpr kMistakes[] = {
+    const std::pair<const char*, const char*> mistakes[] = {
         {"4A 1 no reply\n4G 1 no reply", "line 2: \"4G\" is no command"},
         {"4A5 1 no reply", "line 1: \"4A5\" is no command"},
         {"\n\n4A no reply", "line 3: a count is missing"},
@@ -179,18 +164,16 @@ TEST(FaultPlanText, MistakesNameLineAndCause) {
         {"4A 1", "line 1: what happens is missing"},
         {"4A 1 no luck", "line 1: \"no\" is no effect; known are: no answer, "},
         {"4A 1 nack now", "line 1: \"now\" is one word too many"},
-        {"4A 1 xor 5", "line 1: \"xor\" takes a decimal offset and a byte in hexadecimal"},
-        {"4A 1 xor A 01", "line 1: \"xor\" takes"},
+        {"4A 1 xor A 01", "line 1: \"xor\" takes a decimal offset and a byte in hexadecimal"},
         {"4A 1 status 1FF", "line 1: \"status\" takes a byte in hexadecimal"},
-        {"4A 1 cut", "line 1: \"cut\" takes a decimal number"},
         {"4A 1 cut -1", "line 1: \"cut\" takes a decimal number"},
         {"4A 1 power lost", "line 1: \"power lost\" goes with \"write\" only"},
         {"write 1 nack", "line 1: \"nack\" does not go with \"write\""},
     };
-    for (const auto& each : kMistakes) {
+    for (const auto& [given, expected] : mistakes) {
         FaultPlan plan;
-        const std::string complaint = plan.addText(each.text);
-        EXPECT_TRUE(complaint.starts_with(each.complaint)) << each.text << ": " << complaint;
+        const std::string complaint = plan.addText(given);
+        EXPECT_TRUE(complaint.starts_with(expected)) << given << ": " << complaint;
         EXPECT_TRUE(plan.isEmpty()) << "all or nothing";
     }
 }

@@ -1,3 +1,5 @@
+// Images and descriptions of tags in files.
+
 #include "HexBytes.h"
 #include "TempDirectory.h"
 
@@ -38,17 +40,16 @@ TEST(TagImages, ComeInAndGoOutByteForByte) {
         const std::string path = directory.write(each.file, asText(each.image));
         const MadeTag made = makeTag(path);
         EXPECT_EQ(describe(made), each.identity);
-        EXPECT_EQ(made.message, "");
         EXPECT_EQ(imagePathOf(path), path);
         const std::uint8_t change[] = {0x12, 0x34};
         made.tag->memory()->write(60, change);
         EXPECT_EQ(saveTag(*made.tag, path), "");
         auto changed = each.image;
-        changed[60] = 0x12, changed[61] = 0x34;
+        std::ranges::copy(change, changed.begin() + 60);
         EXPECT_EQ(directory.read(each.file), asText(changed));
     }
-    const MadeTag made = makeTag("new:1k");
-    EXPECT_EQ(saveTag(*made.tag, directory / "no/such/place"), directory / "no/such/place: cannot be written");
+    const std::string nowhere = directory / "no/such/place";
+    EXPECT_EQ(saveTag(*makeTag("new:1k").tag, nowhere), nowhere + ": cannot be written");
     EXPECT_EQ(saveTag(*makeTag("new:card").tag, directory / "card"), "a smart card has no memory to save");
 }
 
@@ -79,10 +80,10 @@ TEST(TagImages, DescriptionsSayWhatAnImageCannot) {
 
 TEST(TagImages, MistakesSayWhatIsWrongAndWhatWouldBeRight) {
     const TempDirectory directory;
+    auto odd = MifareClassicTag::blankImage(1024, hex("DEADBEEF"));
+    odd[4] ^= 1;
     const auto file = [&](const char* name, const std::string& content) { return directory.write(name, content); };
-    struct {
-        std::string path, part;
-    } const kMistakes[] = {
+    const std::pair<std::string, const char*> mistakes[] = {
         {directory / "none.bin", "there is no such file"},
         {directory.path(), "this is no file"},
         {file("huge", std::string(70000, 'x')), "too large for a tag"},
@@ -101,17 +102,13 @@ TEST(TagImages, MistakesSayWhatIsWrongAndWhatWouldBeRight) {
         {file("e.card", "kind card\nquirk odd"), "\"odd\" is no quirk; known are readable-key-b-refused"},
         {file("f.card", "kind 1k\nimage g"), "the kind \"1k\" has 1024 bytes, this file 1152"},
         {file("g.card", "kind 1k\nimage none"), "none: there is no such file"},
+        {file("odd", asText(odd)), "warning: byte 4 of block 0"},
     };
-    for (const auto& each : kMistakes) {
-        const MadeTag made = makeTag(each.path);
-        EXPECT_EQ(made.tag, nullptr) << each.path;
-        EXPECT_NE(made.message.find(each.part), std::string::npos) << made.message;
+    for (const auto& [path, part] : mistakes) {
+        const MadeTag made = makeTag(path);
+        EXPECT_EQ(made.tag != nullptr, path.ends_with("odd")) << path;
+        EXPECT_NE(made.message.find(part), std::string::npos) << made.message;
     }
-    auto image = MifareClassicTag::blankImage(1024, hex("DEADBEEF"));
-    image[4] ^= 1;
-    const MadeTag odd = makeTag(file("odd", asText(image)));
-    EXPECT_NE(odd.tag, nullptr);
-    EXPECT_NE(odd.message.find("warning: byte 4 of block 0"), std::string::npos) << odd.message;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include "HexBytes.h"
 
+#include "Rc4.h"
 #include "VirtualTamaDevice.h"
 
 #include <algorithm>
@@ -13,30 +14,6 @@
 #include <string>
 #include <utility>
 
-/// The stream cipher as published, written once more so that a mistake in the reader's shows.
-class PlainRc4 {
-  public:
-    explicit PlainRc4(const std::vector<std::uint8_t>& key) {
-        std::iota(mS.begin(), mS.end(), 0);
-        for (unsigned i = 0, j = 0; i < 256; ++i) {
-            j = (j + mS[i] + key[i % key.size()]) & 255;
-            std::swap(mS[i], mS[j]);
-        }
-    }
-    void crypt(std::span<std::uint8_t> data) {
-        for (std::uint8_t& byte : data) {
-            mI = (mI + 1) & 255;
-            mJ = (mJ + mS[mI]) & 255;
-            std::swap(mS[mI], mS[mJ]);
-            byte = static_cast<std::uint8_t>(byte ^ mS[(mS[mI] + mS[mJ]) & 255]);
-        }
-    }
-
-  private:
-    std::array<unsigned, 256> mS;
-    unsigned mI = 0, mJ = 0;
-};
-
 /// A host that frames commands by hand and tells each frame of the reader as text.
 class TestHost {
   public:
@@ -44,7 +21,7 @@ class TestHost {
         device.OpenInterface("", 0, 0);
     }
 
-    static std::vector<std::uint8_t> frame(std::vector<std::uint8_t> command, PlainRc4* cipher = nullptr) {
+    static std::vector<std::uint8_t> frame(std::vector<std::uint8_t> command, Rc4* cipher = nullptr) {
         const auto length = static_cast<std::uint8_t>(command.size() + 1);
         std::uint8_t sum = 0xD4;
         for (std::uint8_t byte : command)
@@ -57,7 +34,7 @@ class TestHost {
         return out;
     }
     /// Takes a frame of the reader apart. @return "ACK", "NACK", "ERROR", code and data as text, or "damaged".
-    static std::string told(std::vector<std::uint8_t> bytes, PlainRc4* cipher = nullptr) {
+    static std::string told(std::vector<std::uint8_t> bytes, Rc4* cipher = nullptr) {
         const std::string raw = text(bytes);
         if (raw == "00 00 FF 00 FF 00") return "ACK";
         if (raw == "00 00 FF FF 00 00") return "NACK";
@@ -71,7 +48,8 @@ class TestHost {
         return text(body.subspan(1, body.size() - 2));
     }
 
-    PlainRc4* cipherInUse() { return cipher ? &*cipher : nullptr; }
+    void key(std::span<const std::uint8_t> bytes) { cipher.emplace().setKey(bytes); }
+    Rc4* cipherInUse() { return cipher ? &*cipher : nullptr; }
     std::int32_t write(std::vector<std::uint8_t> bytes) {
         std::uint32_t count = 0;
         return device.WriteBytesUnblocked(bytes.data(), static_cast<int>(bytes.size()), &count, 15000);
@@ -97,5 +75,5 @@ class TestHost {
     }
 
     VirtualTamaDevice device;
-    std::optional<PlainRc4> cipher;
+    std::optional<Rc4> cipher;
 };

@@ -1,0 +1,242 @@
+// Sessions with smart cards and the raw relay, through the command door.
+
+#include "BflStatus.h"
+#include "CommandDoor.h"
+
+namespace {
+
+const Bytes kUid{0x08, 1, 2, 3};
+const Bytes kOther{0x08, 4, 5, 6};
+const Bytes kHello{0x80, 0x01, 0x00};
+const Bytes kHelloBack{0x80, 0x01, 0x00, 0x90, 0x00};
+
+class CardSession : public ::testing::TestWithParam<Line> {
+  protected:
+    CardSession() : place(GetParam()), adaptor(place.start()), door(adaptor) {
+        EXPECT_TRUE(adaptor.initReader());
+        adaptor.setTagPromptFlag(false);
+        card = place.reader->field().place(scriptedCard(kUid));
+    }
+    Workplace place;
+    ReaderImpl& adaptor;
+    CommandDoor door;
+    std::string card;
+};
+INSTANTIATE_TEST_SUITE_P(Over, CardSession, ::testing::Values(Line::inProcess, Line::terminal, Line::socket),
+                         [](const auto& line) {
+                             return line.param == Line::inProcess  ? "Process"
+                                    : line.param == Line::terminal ? "Terminal"
+                                                                   : "Socket";
+                         });
+
+TEST_P(CardSession, RunsFromTheWaitToTheDeselection) {
+    EXPECT_EQ(door.wait(), kOk);
+    EXPECT_EQ(Bytes(door.tag.getUid(), door.tag.getUid() + door.tag.getUidLen()), kUid);
+    EXPECT_EQ(door.cid, 0);
+    EXPECT_EQ(door.ats, (Bytes{0x06, 0x75, 0x77, 0x81, 0x02, 0x80}));
+    EXPECT_EQ(place.poll(), "") << "polling is suspended";
+    EXPECT_EQ(door.send(kUid, kHello), kOk);
+    EXPECT_EQ(door.answer, kHelloBack);
+    EXPECT_EQ(door.sendRaw(kUid, {0x80, 0x02}), kOk);
+    EXPECT_EQ(door.answer, (Bytes{0x90, 0x02})) << "after two requests for time";
+    Bytes longCommand(500, 0x42), echo;
+    longCommand[0] = 0x80, longCommand[1] = 0x01;
+    echo = longCommand;
+    echo.insert(echo.end(), {0x90, 0x00});
+    EXPECT_EQ(door.send(kUid, longCommand), kOk);
+    EXPECT_EQ(door.answer, echo) << "chains both ways";
+    EXPECT_EQ(door.deselect(kUid), kOk);
+    EXPECT_EQ(place.poll(true), "08010203 2005") << "and polling goes on";
+    EXPECT_EQ(door.deselect(kOther), kOk) << "nothing to deselect";
+}
+
+TEST_P(CardSession, RelaysTheReadersOwnCommands) {
+    EXPECT_EQ(door.relay({0x02}), kOk);
+    EXPECT_EQ(door.answer.at(0), 0x03) << "the reply from its code on";
+    EXPECT_EQ(door.answer.size(), 3u);
+    EXPECT_EQ(door.relay({0x44, 0x01}), kOk) << "whatever its status byte says";
+    EXPECT_EQ(door.relay({}), kBflOutOfRange);
+    EXPECT_EQ(door.relay(Bytes(255, 0x02)), kBflOutOfRange);
+    place.reader->vanish();
+    EXPECT_LT(door.relay({0x02}), -1000);
+}
+
+class Door : public ::testing::Test {
+  protected:
+    Door() : adaptor(place.start()), door(adaptor) {
+        EXPECT_TRUE(adaptor.initReader());
+        adaptor.setTagPromptFlag(false);
+    }
+    std::string place1(const Bytes& uid = kUid) { return place.reader->field().place(scriptedCard(uid)); }
+    Workplace place;
+    ReaderImpl& adaptor;
+    CommandDoor door;
+};
+
+TEST_F(Door, RefusesStreamsThatDoNotFit) {
+    using Stream = QVLParamCollection;
+    const auto tag = [](Stream& in) { CommandDoor::addTag(in, kUid); };
+    const auto data = [](Stream& in) { CommandDoor::addBytes(in, kHello); };
+    struct Case {
+        int id;
+        CommandDoor::Fill fill;
+        const char* said;
+    };
+    const Case cases[] = {
+        {40, [](Stream&) {}, "-21 -"},
+        {40, [&](Stream& in) { tag(in), data(in), in.addByte(0), in.addByte(0); }, "-21 -"},
+        {40, [&](Stream& in) { tag(in), in.addByte(0), data(in); }, "-21 -"},
+        {40, [&](Stream& in) { in.addByte(0), tag(in), data(in), in.addByte(0); }, "-21 -"},
+        {41, [&](Stream& in) { tag(in), data(in), in.addByte(0); }, "-21 -"},
+        {41, [&](Stream& in) { tag(in), data(in), in.addLong(0); }, "-21 -"},
+        {42, [](Stream&) {}, "-21 -"},
+        {42, [&](Stream& in) { tag(in), in.addByte(1); }, "-21 -"},
+        {43, [](Stream&) {}, "-21 -"},
+        {43, [](Stream& in) { in.addLong(9); }, "-21 -"},
+        {44, [](Stream&) {}, "3100 0"},
+        {44, [](Stream& in) { in.addString("x"); }, "3100 0"},
+        {46, [](Stream&) {}, "-21 -"},
+        {46, [](Stream& in) { in.addString("\x02"); }, "-21 -"},
+        {39, tag, "3101 0"},
+        {45, tag, "3101 0"},
+        {47, tag, "3101 0"},
+        {-1, tag, "3101 0"},
+        {0x7FFFFFFF, tag, "3101 0"},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(door.raw(c.id, c.fill), c.said) << c.id << " #" << &c - cases;
+    const Stream whole = [&] {
+        Stream in;
+        tag(in), in.addByte(0), data(in), in.addByte(0);
+        return in;
+    }();
+    for (std::uint32_t length = 0; length < whole.getSize(); ++length)
+        EXPECT_EQ(door.raw(40, [&](Stream& in) { in.setData(length, whole.getData()); }), "-21 -") << length;
+    adaptor.stopReader();
+    EXPECT_EQ(door.raw(44, [](Stream&) {}), "3100 0") << "needs no reader";
+}
+
+TEST_F(Door, TakesUidsOfAnyLength) {
+    place1();
+    Bytes uid(300, 0x11);
+    std::copy(kUid.begin(), kUid.end(), uid.begin());
+    for (const std::size_t length : {0u, 1u, 3u, 5u, 7u, 10u, 11u, 255u, 256u, 260u, 300u}) {
+        const Bytes named(uid.begin(), uid.begin() + static_cast<std::ptrdiff_t>(length));
+        const bool tooLong = length > 10;
+        EXPECT_EQ(door.send(named, kHello), tooLong ? -21 : kCancelled) << length;
+        EXPECT_EQ(door.deselect(named), tooLong ? -21 : kOk) << length;
+        EXPECT_EQ(door.wait(named), tooLong ? -21 : kOk) << "the named one is not known, so any will do: " << length;
+        EXPECT_EQ(door.deselect(kUid), kOk);
+    }
+    EXPECT_EQ(door.send(kUid, kHello), kOk);
+    EXPECT_EQ(door.send({}, kHello), kOk) << "an empty UID is that of the first card of the table";
+    EXPECT_EQ(door.send({0x08}, kHello), kOk) << "and so is its beginning";
+}
+
+TEST_F(Door, WaitsAsLongAsItIsTold) {
+    adaptor.resetSuspendTime(700);
+    EXPECT_EQ(door.wait(), kCancelled) << "without a prompt there is one attempt";
+    place.settings("WAITTIME=0\n");
+    adaptor.loadReaderConfig();
+    EXPECT_EQ(door.wait({}, 0), kWaitOver);
+    EXPECT_EQ(place.reader->commandCount(0x4A), 1u) << "no attempt at all";
+    EXPECT_EQ(place.poll(), "") << "polling goes on, and the field is empty";
+    EXPECT_EQ(place.reader->commandCount(0x4A), 2u);
+
+    const OpenPrompt surface;
+    adaptor.setTagPromptFlag(true);
+    const auto waited = [&](std::int32_t timeout) {
+        const std::uint64_t start = place.clock->nowMs();
+        EXPECT_EQ(door.wait({}, timeout), kWaitOver);
+        Workplace::awaitPromptEnd();
+        return (place.clock->nowMs() - start) / 100;
+    };
+    adaptor.resetSuspendTime(700);
+    EXPECT_EQ(waited(0), 8u);
+    EXPECT_EQ(waited(-1), 8u);
+    EXPECT_EQ(waited(2000), 21u) << "and the pause in which the time ran out";
+    int looks = 0;
+    place.clock->duringWait([&] {
+        if (++looks == 3) place1();
+    });
+    EXPECT_EQ(door.wait({}, 100000), kOk) << "a card that comes while waiting";
+    Workplace::awaitPromptEnd();
+    place.clock->duringWait({});
+    EXPECT_EQ(door.wait(), kOk) << "while polling is suspended already";
+    EXPECT_EQ(place.poll(), "");
+}
+
+TEST_F(Door, HoldsSixteenCardsAndRefusesTheSeventeenth) {
+    const auto uidOf = [](int i) { return Bytes{0x08, 0x20, 0x30, static_cast<std::uint8_t>(i)}; };
+    std::vector<std::string> names;
+    for (int i = 0; i < 17; ++i)
+        names.push_back(place1(uidOf(i)));
+    const auto alone = [&](int i) {
+        for (int j = 0; j < 17; ++j)
+            place.reader->field().setPresent(names[static_cast<std::size_t>(j)], j == i);
+    };
+    for (int i = 0; i < 16; ++i) {
+        alone(i);
+        EXPECT_EQ(door.send(uidOf(i), kHello), kOk) << i;
+    }
+    alone(16);
+    EXPECT_EQ(door.send(uidOf(16), kHello), -45);
+    alone(3);
+    EXPECT_EQ(door.send(uidOf(3), kHello, true), kOk) << "known, gone meanwhile, and woken again";
+    EXPECT_EQ(door.deselect(uidOf(3)), kOk);
+    alone(16);
+    EXPECT_EQ(door.send(uidOf(16), kHello), kOk) << "there is room again";
+    EXPECT_EQ(door.wait(), kOk);
+    EXPECT_EQ(door.cid, 0) << "a wait empties the table";
+}
+
+TEST_F(Door, TriesAFailedExchangeOnceMoreIfAsked) {
+    const std::string name = place1();
+    EXPECT_EQ(door.wait(), kOk);
+    const auto blink = [&] {
+        place.reader->field().setPresent(name, false);
+        place.reader->field().setPresent(name, true);
+    };
+    blink();
+    EXPECT_EQ(door.send(kUid, kHello), -53) << "the card has forgotten the session, so there is none to end";
+    EXPECT_EQ(door.send(kUid, kHello), kOk) << "the table has forgotten it, so it is woken";
+    blink();
+    EXPECT_EQ(door.send(kUid, kHello, true), kOk);
+    EXPECT_EQ(door.answer, kHelloBack);
+    place.reader->field().setPresent(name, false);
+    EXPECT_EQ(door.send(kUid, kHello, true), kCancelled);
+    EXPECT_EQ(door.send(kUid, {}, true), kCancelled);
+    place.reader->field().setPresent(name, true);
+    EXPECT_EQ(door.send(kUid, {}, false), -21) << "nothing to send";
+}
+
+TEST_F(Door, DeliversTheRestOfALongAnswerByTheNextCall) {
+    place1();
+    EXPECT_EQ(door.wait(), kOk);
+    EXPECT_EQ(door.send(kUid, {0x80, 0x03}), kOk);
+    EXPECT_EQ(door.answer.size(), 4096u) << "fits to the byte";
+    EXPECT_EQ(door.send(kUid, {0x80, 0x04}), -50);
+    EXPECT_EQ(door.send(kUid, kHello), kOk);
+    Bytes rest(5000 - 4096);
+    for (std::size_t i = 0; i < rest.size(); ++i)
+        rest[i] = static_cast<std::uint8_t>(4096 + i);
+    EXPECT_EQ(door.answer, rest);
+    EXPECT_EQ(door.send(kUid, kHello), kOk);
+    EXPECT_EQ(door.answer, kHelloBack);
+}
+
+TEST_F(Door, ServesCardsOfEveryFrameSizeAndWithoutInterfaceBytes) {
+    for (const Bytes& ats :
+         {Bytes{}, Bytes{0x00}, Bytes{0x08}, Bytes{0x70, 0x00, 0x40, 0x00}, Bytes{0x78, 0, 0x40, 2}}) {
+        const std::string name = place.reader->field().place(scriptedCard(kUid, ats));
+        EXPECT_EQ(door.wait(), kOk);
+        EXPECT_EQ(door.send(kUid, kHello), kOk);
+        EXPECT_EQ(door.answer, kHelloBack);
+        EXPECT_EQ(door.send(kUid, {0x80, 0x60, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17}), kOk);
+        EXPECT_EQ(door.answer.size(), 600u);
+        EXPECT_EQ(door.deselect(kUid), kOk);
+        place.reader->field().remove(name);
+    }
+}
+
+}  // namespace
