@@ -223,6 +223,9 @@ TEST_F(Door, DeliversTheRestOfALongAnswerByTheNextCall) {
     EXPECT_EQ(door.answer, rest);
     EXPECT_EQ(door.send(kUid, kHello), kOk);
     EXPECT_EQ(door.answer, kHelloBack);
+    EXPECT_EQ(door.send(kUid, {0x80, 0x04}, true), -50) << "woken and asked again, with the same end";
+    EXPECT_EQ(door.send(kUid, kHello), kOk);
+    EXPECT_EQ(door.answer, rest);
 }
 
 TEST_F(Door, ServesCardsOfEveryFrameSizeAndWithoutInterfaceBytes) {

@@ -371,6 +371,14 @@ TEST_F(FailedExchange, OnACardThatNeverFinishes) {
         return {{static_cast<std::uint8_t>(0x0A | (block[0] & 1) | (slices < 9 ? 0x10 : 0)), 5, 0x11}, 0};
     };
     EXPECT_EQ(exchange({0}), "0: 11 11 11 11 11 11 11 11 11");
+    // Or to take in a long command.
+    activate();
+    reader->card = [&](const Bytes& block) -> CardReader::Reply {
+        clock.advance(500000);
+        const bool more = (block[0] & 0x10) != 0;
+        return {{static_cast<std::uint8_t>((more ? 0xAA : 0x0A) | (block[0] & 1)), 5}, 0};
+    };
+    EXPECT_EQ(exchange(Bytes(60, 0x77)), "0");
 }
 
 }  // namespace
