@@ -1,6 +1,6 @@
 #!/bin/sh
 # Shows the main job on a virtual reader: tags from image files, polled over a pseudo-terminal; then what the memory of
-# a tag can do. Uses an installed product in build/demo/prefix and nothing else.
+# a tag can do, and a session with a smart card. Uses an installed product in build/demo/prefix and nothing else.
 set -eu
 cd "$(dirname "$0")"
 scripts/install-packages run
@@ -21,7 +21,7 @@ finish() {
   rm -rf "$work"
 }
 trap finish EXIT
-cp demo/*.mfd demo/*.card "$work"
+cp demo/*.mfd demo/*.card demo/*.ndef demo/*.apdu "$work"
 script=$PWD/demo/tag-memory.sh
 cd "$work"
 
@@ -50,7 +50,18 @@ show qvltag info
 show qvltag poll --count 3
 show qvltag --json poll --forced --count 1
 show qvltag led 2 on
+show qvltag relay 02
+
+echo
+echo "A session with a smart card on the same line, with chains of blocks and requests for more time:"
+printf 'remove %s\n' tag1 tag2 tag3 >&9
+echo "place ledger.card" >&9
+show qvltag apdu --uid 08a1b2c3 --script ledger.apdu
 unset QVL_DEVICE_ROOT
+
+echo
+echo "And what an NFC Forum Type 4 Tag holds:"
+show qvltag --virtual link.card apdu --ndef
 
 echo
 echo "The same program brings a virtual reader of its own, and keeps what was written in the image file:"

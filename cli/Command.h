@@ -44,3 +44,5 @@ Work setUpApp(CLI::App& app);
 Work setUpValue(CLI::App& app);
 Work setUpAccess(CLI::App& app);
 Work setUpKey(CLI::App& app);
+Work setUpApdu(CLI::App& app);
+Work setUpRelay(CLI::App& app);

@@ -23,6 +23,8 @@ std::span<const Command> commands() {
         {"value", "Value blocks: counters with an amount", setUpValue},
         {"access", "Who may do what with the blocks of a tag", setUpAccess},
         {"key", "Keys of a tag", setUpKey},
+        {"apdu", "Talk with a smart card", setUpApdu},
+        {"relay", "Send commands to the chip of the reader", setUpRelay},
     };
     return kCommands;
 }

@@ -1,5 +1,7 @@
 #include "StatusText.h"
 
+#include "BflStatus.h"
+#include "QvlTcl.h"
 #include "ServiceStatus.h"
 
 #include <algorithm>
@@ -21,7 +23,27 @@ constexpr const char* kFormatFirst = "\"format\" makes a directory; if its key i
 constexpr const char* kReadRecords = "The records above say which sectors or blocks; repeat the command for those.";
 constexpr const char* kReport = "This is a fault of the program: please report it with the command line.";
 
+constexpr const char* kWakeAgain =
+    "Hold the card still and begin anew; --retry wakes it and sends once more by itself.";
+constexpr int kNoFreeCid = -45;
+
 constexpr StatusText kStatusTexts[] = {
+    {kTclBadArgument, "not sent", "the command was refused before it was sent: empty, or a NAD that cannot be",
+     "A NAD has no bit of 88 set; without --nad it is 0."},
+    {kNoFreeCid, "no free CID", "sixteen cards are activated, and there is no number for one more",
+     "Deselect a card first; \"apdu\" begins with an empty table."},
+    {kTclBadAts, "no sound ATS", "the tag gives no answer to select, or one that breaks off: it is no smart card",
+     "\"ls\" shows what it is; for memory tags there are \"read\" and \"dump\"."},
+    {kTclRestPending, "answer too long",
+     "the answer has more than 4096 bytes, of which the first are lost; the rest came with the next call",
+     "Ask for less at once, with a smaller Le or in slices."},
+    {kTclDeselected, "card lost", "the exchange with the card failed, and it was deselected", kWakeAgain},
+    {kTclNotDeselected, "card lost", "the exchange with the card failed, and it could not even be deselected",
+     kWakeAgain},
+    {kBflErrorFrame, "refused by the reader", "the chip of the reader does not know the command or its parameters",
+     "Check code and parameters."},
+    {kBflDeviceTimedOut, "reader silent", "the reader did not answer in time",
+     "Try again; if it stays so, plug the reader out and in."},
     {kNoApplicationId, "no application id", "an application id below 6 was given", "Ids run from 6 to FFFF."},
     {kStreamEnd, "short answer", "an answer ended before all values were read", kReport},
     {kStreamFull, "out of memory", "an argument stream cannot grow", "Free some memory and try again."},
@@ -81,7 +103,16 @@ constexpr StatusText kStatusTexts[] = {
 };
 
 constexpr StatusText kUnknownFailure = {0, "failed", "the library reported a failure", kHoldStill};
+constexpr StatusText kReaderStatus = {0, "reader status", "the reader reports that the card or the link to it failed",
+                                      kHoldStill};
 constexpr StatusText kLinkFailure = {0, "link failed", "the card or the link to it failed", kHoldStill};
+
+/// For a status without a row; up to 255 it is the reader's own.
+constexpr const StatusText* fallbackOf(int status) {
+    constexpr int kLastReaderStatus = 0xFF;
+    if (status < 0) return &kLinkFailure;
+    return status <= kLastReaderStatus ? &kReaderStatus : &kUnknownFailure;
+}
 
 constexpr Outcome outcomeOf(int status) { return status == kReaderNotReady ? Outcome::noReader : Outcome::failed; }
 
@@ -89,6 +120,6 @@ constexpr Outcome outcomeOf(int status) { return status == kReaderNotReady ? Out
 
 Problem problemOf(int status) {
     const StatusText* text = std::ranges::find(kStatusTexts, status, &StatusText::status);
-    if (text == std::end(kStatusTexts)) text = status < 0 ? &kLinkFailure : &kUnknownFailure;
+    if (text == std::end(kStatusTexts)) text = fallbackOf(status);
     return {outcomeOf(status), text->name, text->meaning, text->advice, status};
 }

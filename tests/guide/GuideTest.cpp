@@ -48,7 +48,8 @@ TEST(TheGuide, ShowsWhatWorks) {
     directory.write("data/conf/QVLReader.ini", "[READER]\nSERIAL_PORT=77\n[/READER]\n");
     const ScopedEnvironment path("QVL_PATH", directory.path().c_str());
     const ScopedEnvironment root("QVL_DEVICE_ROOT", directory.path().c_str());
-    const std::string command = std::string(QVLREADERSIM) + " --com 77 --quiet --root " + directory.path() + " new:1k > /dev/null";
+    const std::string command =
+        std::string(QVLREADERSIM) + " --com 77 --quiet --root " + directory.path() + " new:1k > /dev/null";
     const std::unique_ptr<FILE, int (*)(FILE*)> simulator(::popen(command.c_str(), "w"), ::pclose);
     for (int i = 0; i < 200 && !std::filesystem::exists(directory / "COM77"); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
