@@ -121,7 +121,9 @@ TEST_F(ReaderOperations, AttributesAndKeysNeedNoReader) {
 }
 
 TEST(ADeviceName, IsKeptWholeAndCutAtItsEnd) {
-    Mf500bfl driver;
+    struct : Qvl14443bfl {
+        BflType getBflType() override { return BflTypeMf500; }
+    } driver;
     const auto name = [&driver] { return std::string(reinterpret_cast<const char*>(driver.getDeviceName())); };
     const std::string names[] = {"", "a/rather/long/name", "COM3;9600", std::string(300, 'x')};
     for (const std::string& given : names) {

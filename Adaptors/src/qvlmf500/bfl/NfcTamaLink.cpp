@@ -20,8 +20,6 @@ namespace {
 
 using FrameBuffer = SecretBytes<tama::kBufferSize>;
 
-constexpr int kMostTimeOutsInARow = 3;
-
 constexpr std::uint8_t kExchangeKey = 0x1C;
 constexpr std::uint8_t kConfirmKey = 0x1E;
 

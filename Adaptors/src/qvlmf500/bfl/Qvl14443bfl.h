@@ -110,6 +110,9 @@ class QVL_API Qvl14443bfl {
     using OperationLock = std::unique_lock<std::recursive_mutex>;
     QVL_INTERNAL OperationLock lockOperation() { return OperationLock(*mOperationMutex); }
 
+    /// Of a silent reader in one operation of the service; then its further commands fail at once.
+    static constexpr int kMostTimeOutsInARow = 3;
+
     bool mIsQvlDevice;
     std::uint8_t mDeviceName[256];
 

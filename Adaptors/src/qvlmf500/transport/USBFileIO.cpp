@@ -3,6 +3,7 @@
 #include "Devices.h"
 #include "IniManager.h"
 #include "LogService.h"
+#include "ReaderClasses.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -10,23 +11,6 @@
 #include <vector>
 
 namespace {
-
-constexpr const char* kTamaUsbIds = "vid_04cc&pid_0531";
-
-// What is known of an interface class: which driver serves its devices, and what must stand in their paths.
-struct InterfaceClass {
-    const char* guid;
-    const char* filter;
-    bool isTama;
-};
-
-constexpr InterfaceClass kClasses[] = {
-    {"fe2f504b-5f97-4d4d-873d-559e49009dc6", nullptr, true},
-    {"61217dae-665d-424b-baa9-99897897d6ae", kTamaUsbIds, true},
-    {"7481e7e3-b3da-11d4-b1f2-00d05913aea8", kTamaUsbIds, true},
-    {"a518e23b-d631-426f-b8f0-e17a61065f1d", nullptr, false},
-    {"894a7461-a033-11d2-821e-444553540000", nullptr, false},
-};
 
 constexpr std::uint32_t kDefaultPort = 1;
 constexpr std::uint32_t kDefaultBaudRate = 9600;
@@ -54,7 +38,7 @@ std::uint32_t readerSetting(const char* key, std::uint32_t fallback) {
 USBFileIO::USBFileIO() {
     std::memset(deviceInfo.data(), 0, sizeof deviceInfo);
     for (std::size_t i = 0; i < pGuid.size(); ++i)
-        pGuid[i] = kClasses[i].guid;
+        pGuid[i] = kReaderClasses[i].guid;
 }
 
 std::size_t USBFileIO::nextIndex() const {
@@ -95,13 +79,13 @@ bool USBFileIO::scanClass(std::size_t classIndex, std::size_t next, int& error) 
         const platform::DeviceInterface& device = devices[devIndex];
         QVL_LOG(kLogDetail, "  scanForDevices tries pGuid[%d] w/ devIndex=%d", static_cast<int>(classIndex),
                 static_cast<int>(devIndex));
-        const char* filter = kClasses[classIndex].filter;
+        const char* filter = kReaderClasses[classIndex].filter;
         const bool matches = filter == nullptr || device.path.find(filter) != std::string::npos;
         if (!matches || device.path.size() >= sizeof(DeviceInfo::path)) {
             QVL_LOG(kLogDetail, "USBFileIO::scanForDevice - the GUID NOT match the vid pid");
             continue;
         }
-        takeDevice(device.path.c_str(), device.instanceId.c_str(), devIndex, next, kClasses[classIndex].isTama);
+        takeDevice(device.path.c_str(), device.instanceId.c_str(), devIndex, next, kReaderClasses[classIndex].isTama);
         found = true;
     }
     return found;

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "HostRdCom.h"
+#include "LinkCipher.h"
+
+/// A command whose parameters and reply travel scrambled once there is a key. One key stream serves both: the
+/// parameters take its first bytes, the reply those after them.
+class CipherCommandObject : public CommandObject {
+  public:
+    /// Copies 16 bytes and starts the stream; null sets the zero key, with which nothing is scrambled.
+    void setKey(const std::uint8_t* key) { mCipher.setKey(key); }
+    /// Scrambles the parameters; the command code stays plain.
+    void encryptCommand();
+    void decryptResponse();
+
+  private:
+    LinkCipher mCipher;
+};
