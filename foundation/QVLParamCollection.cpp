@@ -98,8 +98,9 @@ bool QVLParamCollection::own() {
 /// Makes room for `count` more bytes at the cursor. On failure the stream is empty.
 bool QVLParamCollection::reserve(std::uint64_t count) {
     if (!own()) return false;
+    if (count == 0) return true;
     const std::uint64_t needed = mSize + count;
-    if (needed == 0 || (mBuffer && needed <= mCapacity)) {
+    if (mBuffer && needed <= mCapacity) {
         if (count > left()) seekEnd();  // a read went on behind what was written
         return true;
     }

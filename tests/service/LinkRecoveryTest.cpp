@@ -33,13 +33,10 @@ TEST_P(ALostFrame, CostsFewUnforcedPolls) {
         place.reader->field().clear();
         place.placeClassic();
     }
-}
-
-TEST_P(ALostFrame, OfAForcedPollIsHealedByTheNextStart) {
     ASSERT_EQ(place.reader->addFaults(std::string("32 1 ") + GetParam()), "");
     place.poll(true);
     place.poll(true);
-    ASSERT_TRUE(place.adaptor->initReader());
+    ASSERT_TRUE(place.adaptor->initReader()) << "the next start heals a forced poll";
     EXPECT_EQ(place.poll(true), "deadbeef 2002");
 }
 

@@ -35,15 +35,14 @@ TEST_P(Polling, StartsTheReaderAndReportsEachTagOnce) {
 
 TEST_P(Polling, ReportsAllTagsInTheField) {
     std::set<std::string> expected, found;
-    for (std::uint8_t i = 0; i < 12; ++i) {
+    for (std::uint8_t i = 0; i < 9; ++i) {
         place.placeClassic({0x10, 0x20, 0x30, i});
-        expected.insert("1020300" + std::string(1, "0123456789ab"[i]) + " 2002");
+        expected.insert("1020300" + std::to_string(i) + " 2002");
     }
     for (std::size_t i = 0; i < expected.size(); ++i)
         found.insert(place.poll());
     EXPECT_EQ(found, expected);
     EXPECT_EQ(place.poll(), "");
-    EXPECT_EQ(place.adaptor->haltAllTag(true), kOk);
 }
 
 TEST_P(Polling, IsSuspendedForTheWholeAdaptor) {
@@ -59,13 +58,19 @@ TEST_P(Polling, IsSuspendedForTheWholeAdaptor) {
 }
 
 TEST_P(Polling, NoticesALostReaderAndItsReturn) {
-    EXPECT_EQ(place.poll(), "");
-    EXPECT_EQ(place.host.heard(), "+");
     place.reader->vanish();
     EXPECT_EQ(place.poll(), "");
-    EXPECT_EQ(place.host.heard(), "-");
-    EXPECT_EQ(place.poll(), "");
-    EXPECT_EQ(place.host.heard(), "");
+    EXPECT_EQ(place.host.heard(), "") << "it never was there";
+    place.reader->comeBack();
+    for (int i = 0; i < 50 && place.host.heard().empty(); ++i) {
+        place.poll();
+        if (GetParam() != Line::inProcess) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    place.reader->vanish();
+    for (const char* heard : {"-", ""}) {
+        EXPECT_EQ(place.poll(), "");
+        EXPECT_EQ(place.host.heard(), heard);
+    }
     place.placeClassic();
     place.reader->comeBack();
     std::string found;
@@ -75,6 +80,16 @@ TEST_P(Polling, NoticesALostReaderAndItsReturn) {
     }
     EXPECT_EQ(found, "deadbeef 2002");
     EXPECT_EQ(place.host.heard(), "+");
+}
+
+TEST_P(Polling, TellsTheTime) {
+    place.placeClassic();
+    EventObject* event = nullptr;
+    const auto before = static_cast<std::uint32_t>(std::time(nullptr));
+    ASSERT_TRUE(place.adaptor->pollTag(event, false, false));
+    EXPECT_GE(event->getTime(), before);
+    EXPECT_LE(event->getTime(), static_cast<std::uint32_t>(std::time(nullptr)));
+    place.adaptor->freeMemory(event);
 }
 
 class InProcess : public ::testing::Test {
@@ -108,28 +123,6 @@ TEST_F(InProcess, EachKindOfTagHasItsWireCode) {
     EXPECT_EQ(place.poll(true), "01020304 2000");
 }
 
-TEST_F(InProcess, TheEventTellsTheTime) {
-    place.placeClassic();
-    EventObject* event = nullptr;
-    const auto before = static_cast<std::uint32_t>(std::time(nullptr));
-    ASSERT_TRUE(place.adaptor->pollTag(event, false, false));
-    EXPECT_GE(event->getTime(), before);
-    EXPECT_LE(event->getTime(), static_cast<std::uint32_t>(std::time(nullptr)));
-    EXPECT_EQ(event->getExtra(), nullptr);
-    place.adaptor->freeMemory(event);
-}
-
-TEST_F(InProcess, PollsOnceEvenWithoutAReader) {
-    place.reader->vanish();
-    for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(place.poll(), "");
-    EXPECT_EQ(place.host.heard(), "");
-    place.reader->comeBack();
-    place.placeClassic();
-    EXPECT_EQ(place.poll(), "deadbeef 2002") << "started and reported in one call";
-    EXPECT_EQ(place.host.heard(), "+");
-}
-
 TEST_F(InProcess, AForcedPollLeavesALostReaderToTheNextOne) {
     place.placeClassic();
     ASSERT_TRUE(place.adaptor->initReader());
@@ -159,11 +152,10 @@ TEST_F(InProcess, HaltAllTagSendsTheFieldToSleep) {
     ASSERT_TRUE(place.adaptor->initReader());
     EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
     EXPECT_EQ(place.reader->commandCount(0x4A), 1u) << "one attempt at an empty field";
-    for (std::uint8_t i = 0; i < 5; ++i)
-        place.placeClassic({1, 2, 3, i});
+    place.placeClassic();
+    place.placeClassic({1, 2, 3, 4});
     EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
     EXPECT_EQ(place.poll(), "");
-    EXPECT_NE(place.poll(true), "");
 }
 
 // A tag that answers again after HALT must not hold the lock for ever.
@@ -172,8 +164,7 @@ TEST_F(InProcess, HaltAllTagEndsOnATagThatNeverSleeps) {
     place.placeClassic();
     place.reader->addFaults("4A from 1 tag blinks");
     EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
-    EXPECT_LE(place.reader->commandCount(0x4A), 4100u);
-    EXPECT_GE(place.reader->commandCount(0x4A), 4096u);
+    EXPECT_NEAR(place.reader->commandCount(0x4A), 4098, 2);
     place.clock->setMsPerLook(10000);
     const std::uint32_t before = place.reader->commandCount(0x4A);
     EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
@@ -194,37 +185,25 @@ TEST_F(InProcess, PollingGivesWayToARunningOperation) {
 
 TEST_F(InProcess, AHostMayCallBackAndThrow) {
     place.placeClassic();
-    place.host.onChange = [this](bool) {
-        TagUID tag;
-        std::uint8_t id[6];
-        std::uint16_t length = 0;
-        EXPECT_EQ(place.adaptor->suspendPoll(tag), kOk);
-        EXPECT_EQ(place.adaptor->resumePoll(tag), kOk);
-        EXPECT_EQ(place.adaptor->getReaderId(id, length), kOk);
-        EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
-        place.clock->advance(1000);
-        place.adaptor->scanUSBDevice(2);
-        throw std::runtime_error("the host's own trouble");
-    };
-    EXPECT_EQ(place.poll(), "") << "the callback sent the tag to sleep";
-    EXPECT_EQ(place.poll(true), "deadbeef 2002") << "the lock is free";
-}
-
-TEST_F(InProcess, AHostMayCallBackWhenTheReaderIsLost) {
-    place.placeClassic();
     ASSERT_TRUE(place.adaptor->initReader());
     place.host.onChange = [this](bool ready) {
         TagUID* tag = nullptr;
+        TagUID none;
+        EXPECT_EQ(place.adaptor->suspendPoll(none), kOk);
+        EXPECT_EQ(place.adaptor->resumePoll(none), kOk);
         EXPECT_EQ(place.adaptor->getTagId(0, TagAppNone, 0, tag, AuthKeyA, nullptr, false),
                   ready ? int{kOk} : int{kReaderNotReady});
         place.adaptor->freeMemory(tag);
         EXPECT_EQ(place.adaptor->haltAllTag(true), kOk);
+        place.clock->advance(1000);
+        place.adaptor->scanUSBDevice(2);
+        throw std::runtime_error("the host's own trouble");
     };
     place.reader->vanish();
     place.reader->comeBack();
-    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.poll(), "") << "the callback sent the tag to sleep";
     EXPECT_EQ(place.host.heard(), "-+");
-    EXPECT_EQ(place.poll(true), "deadbeef 2002");
+    EXPECT_EQ(place.poll(true), "deadbeef 2002") << "the lock is free";
 }
 
 }  // namespace

@@ -1,37 +1,40 @@
+// What holds for a tag whatever went wrong, read from its bytes alone.
+
 #include "SweptOperations.h"
 
 namespace {
 
-/// The first `bytes` of one content over the rest of another.
-bool isTorn(const Bytes& block, const std::vector<Bytes>& contents, int bytes) {
-    for (const Bytes& above : contents)
-        for (const Bytes& below : contents)
-            if (std::equal(block.begin(), block.begin() + bytes, above.begin()) &&
-                std::equal(block.begin() + bytes, block.end(), below.begin() + bytes))
-                return true;
-    return false;
+const Bytes kZeros(16, 0);
+
+bool bitsAreSound(const Bytes& trailer) {
+    const int b6 = trailer[6], b7 = trailer[7], b8 = trailer[8];
+    return (b6 & 15) == (~b7 >> 4 & 15) && b6 >> 4 == (~b8 & 15) && (b7 & 15) == (~b8 >> 4 & 15);
 }
 
-/// Data blocks and trailers: old or new as a whole, apart from one that was torn; everything else as it was.
+/// What a block may hold as a whole: the old, the new, and in a sector that stands in for another what belongs there.
+/// A trailer on the way may open the sector, under no keys but these.
+bool isWhole(const Cut& cut, const Bytes& is, int block) {
+    const bool isTrailer = block == trailerOf(sectorOf(block));
+    std::vector<Bytes> contents{blockOf(cut.before, block), blockOf(cut.whole, block)};
+    if (cut.op.claims) contents.push_back(isTrailer ? trailerBytes(kA, kFormattedBits, 0x69, kC) : kZeros);
+    bool keyA = false, keyB = false;
+    for (const Bytes& content : contents) {
+        if (is == content) return true;
+        keyA = keyA || std::equal(is.begin(), is.begin() + 6, content.begin());
+        keyB = keyB || std::equal(is.begin() + 9, is.end(), content.begin() + 9);
+    }
+    return isTrailer && keyA && keyB && bitsAreSound(is);
+}
+
 std::string wrongBlock(const Cut& cut, const Bytes& after) {
     int torn = 0;
     for (int block = 0; block < static_cast<int>(after.size() / 16); ++block) {
+        if (!cut.op.entries.empty() && (block == 1 || block == 2)) continue;
         if (std::equal(after.begin() + block * 16, after.begin() + block * 16 + 16, cut.before.begin() + block * 16))
             continue;
-        if (!cut.op.entries.empty() && (block == 1 || block == 2)) continue;
-        const Bytes is = blockOf(after, block), was = blockOf(cut.before, block);
-        const int sector = sectorOf(block);
-        if (block == 0 || !cut.op.touches(sector)) return at("touched: block", block);
-        const bool isTrailer = block == trailerOf(sector);
-        std::vector<Bytes> contents{was, blockOf(cut.whole, block)};
-        if (isTrailer) contents.insert(contents.end(), cut.op.trailers.begin(), cut.op.trailers.end());
-        if (!isTrailer && cut.op.claims) contents.push_back(Bytes(16, 0));
-        if (std::find(contents.begin(), contents.end(), is) == contents.end()) {
-            if (!isTorn(is, contents, cut.bytes)) return at("neither old nor new: block", block);
-            if (++torn > 1) return at("a second torn block", block);
-        } else if (isTrailer && !bitsAreSound(is)) {
-            return at("locked for good: sector", sector);
-        }
+        if (block == 0 || !cut.op.touches(sectorOf(block))) return at("touched: block", block);
+        const Bytes is = blockOf(after, block);
+        if (!isWhole(cut, is, block) && (!cut.tears || ++torn > 1)) return at("neither old nor new: block", block);
     }
     return {};
 }
@@ -39,22 +42,14 @@ std::string wrongBlock(const Cut& cut, const Bytes& after) {
 /// Entries: old or new, those of others untouched; and no sector with an application's data is free.
 std::string wrongEntry(const Cut& cut, const Bytes& after) {
     if (cut.op.entries.empty()) return {};
-    const int info = after[17];
-    if (info != cut.before[17] && info != cut.whole[17]) return "info byte";
+    if (after[17] != cut.before[17] && after[17] != cut.whole[17]) return "info byte";
     for (int sector = 1; sector < 16; ++sector) {
         const int is = entryOf(after, sector), was = entryOf(cut.before, sector);
         if (is == was) continue;
-        if (!cut.op.touches(sector)) return at("another's entry changed: sector", sector);
-        const bool isHalf = cut.bytes % 2 == 1;
-        bool fits = cut.op.entries.count(is) > 0;
-        for (const int low : cut.op.entries)
-            for (const int high : {was, *cut.op.entries.rbegin(), 0})
-                fits = fits || (isHalf && is == ((high & 0xFF00) | (low & 0xFF)));
-        if (!fits) return at("neither old nor new: entry", sector);
-        const bool isRelease = cut.op.entries.count(kOwnApp) > 0 && was == kOwnApp;
-        if (isRelease && is == 0)
-            for (int block = firstBlockOf(sector); block < trailerOf(sector); ++block)
-                if (blockOf(after, block) != Bytes(16, 0)) return at("free with an application's data: sector", sector);
+        if (!cut.op.touches(sector) || cut.op.entries.count(is) == 0) return at("wrong entry: sector", sector);
+        const bool isReleased = cut.op.entries.count(kOwnApp) > 0 && was == kOwnApp && is == 0;
+        for (int block = firstBlockOf(sector); isReleased && block < trailerOf(sector); ++block)
+            if (blockOf(after, block) != kZeros) return at("free with an application's data: sector", sector);
     }
     return {};
 }
@@ -63,17 +58,13 @@ std::string wrongEntry(const Cut& cut, const Bytes& after) {
 std::string wrongRecord(const Cut& cut, const Outcome& told, const Bytes& after) {
     const bool tellsEntries = cut.op.entries.count(kOwnApp) > 0 && (told.status == kOk || told.status == kPartial);
     for (std::size_t i = 0; i < told.records.size(); ++i) {
-        const OpResultCode& record = told.records[i];
-        if (!cut.op.blocks.empty()) {
-            const int block = cut.op.blocks[i];
-            if (record.status == kOk && blockOf(after, block) != blockOf(cut.whole, block)) return at("block", block);
-            continue;
-        }
-        if (record.status == kOk && !isDone(cut, after, record.number))
-            return at("told as done: sector", record.number);
-        const bool owned = entryOf(after, record.number) == kOwnApp;
-        if (tellsEntries && (record.status == kOk) != (cut.op.claims ? owned : !owned))
-            return at("wrong entry of sector", record.number);
+        const int number = cut.op.blocks.empty() ? told.records[i].number : cut.op.blocks[i];
+        const bool said = told.records[i].status == kOk;
+        const bool isSo =
+            cut.op.blocks.empty() ? isDone(cut, after, number) : blockOf(after, number) == blockOf(cut.whole, number);
+        if (said && !isSo) return at("told as done: sector or block", number);
+        if (tellsEntries && said != ((entryOf(after, number) == kOwnApp) == cut.op.claims))
+            return at("wrong entry of sector", number);
     }
     return {};
 }
@@ -82,10 +73,10 @@ std::string wrongRecord(const Cut& cut, const Outcome& told, const Bytes& after)
 std::string wrongStatus(const Cut& cut, const Outcome& told, const Bytes& after) {
     const bool noTag = told.status == kCancelled || told.status == kNoTag || told.status == kWaitOver;
     if (told.status != kOk) return noTag || cut.op.statuses.count(told.status) > 0 ? "" : "undocumented";
-    const bool hasDirectory = !cut.op.entries.empty() && cut.whole[16] != 0;
-    if (hasDirectory && after[16] != directoryCrc(after)) return "checksum";
+    if (!cut.op.entries.empty() && cut.whole[16] != 0 && after[16] != directoryCrc(after)) return "checksum";
     if (!cut.op.claims) return after == cut.whole ? "" : "success without all writes";
-    if (ownedSectors(after) - ownedSectors(cut.before) != cut.wanted) return "success with too few sectors";
+    const int wanted = ownedSectors(cut.whole) - ownedSectors(cut.op.before);
+    if (ownedSectors(after) - ownedSectors(cut.before) != wanted) return "success with too few sectors";
     for (const int sector : cut.op.sectors)
         if (entryOf(after, sector) != entryOf(cut.before, sector) && !isDone(cut, after, sector))
             return at("success with an unprepared sector", sector);
@@ -94,18 +85,6 @@ std::string wrongStatus(const Cut& cut, const Outcome& told, const Bytes& after)
 
 }  // namespace
 
-bool isDone(const Cut& cut, const Bytes& after, int sector) {
-    for (int block = std::max(firstBlockOf(sector), sector == 0 ? (cut.op.entries.empty() ? 1 : 3) : 0);
-         block <= trailerOf(sector); ++block) {
-        const bool isTrailer = block == trailerOf(sector);
-        const Bytes expected = !cut.op.claims ? blockOf(cut.whole, block)
-                               : isTrailer    ? cut.op.trailers[0]
-                                              : Bytes(16, 0);
-        if (blockOf(after, block) != expected) return false;
-    }
-    return true;
-}
-
 int ownedSectors(const Bytes& image) {
     int count = 0;
     for (int sector = 1; sector < 16; ++sector)
@@ -113,9 +92,35 @@ int ownedSectors(const Bytes& image) {
     return count;
 }
 
+std::uint8_t directoryCrc(const Bytes& image) {
+    unsigned crc = 0xC7;
+    for (std::size_t i = 17; i < 48; ++i) {
+        crc ^= image[i];
+        for (int bit = 0; bit < 8; ++bit)
+            crc = crc & 0x80 ? (crc << 1 ^ 0x1D) & 0xFF : crc << 1;
+    }
+    return static_cast<std::uint8_t>(crc);
+}
+
+bool opens(const Bytes& trailer, const Key& key, AuthKeyMode mode) {
+    const bool c1 = trailer[7] & 0x80, c2 = trailer[8] & 0x08, c3 = trailer[8] & 0x80;
+    const bool keyBIsReadable = !c1 && !(c2 && c3), keyAMay = !c1 && !c2 && c3;
+    if (!bitsAreSound(trailer) || (mode == AuthKeyB ? keyBIsReadable : !keyAMay)) return false;
+    return std::equal(key.begin(), key.end(), trailer.begin() + (mode == AuthKeyB ? 10 : 0));
+}
+
+bool isDone(const Cut& cut, const Bytes& after, int sector) {
+    const int first = sector > 0 ? firstBlockOf(sector) : cut.op.entries.empty() ? 1 : 3;
+    for (int block = first; block <= trailerOf(sector); ++block) {
+        const Bytes claimed = block == trailerOf(sector) ? trailerBytes(kA, kFormattedBits, 0x69, kC) : kZeros;
+        if (blockOf(after, block) != (cut.op.claims ? claimed : blockOf(cut.whole, block))) return false;
+    }
+    return true;
+}
+
 std::string wrong(const Cut& cut, const Outcome& told, const Bytes& after) {
     for (const std::string& found :
          {wrongBlock(cut, after), wrongEntry(cut, after), wrongRecord(cut, told, after), wrongStatus(cut, told, after)})
-        if (!found.empty()) return found + ", status " + std::to_string(told.status);
+        if (!found.empty()) return found + at(", status", told.status);
     return {};
 }

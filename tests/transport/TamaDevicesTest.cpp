@@ -58,10 +58,7 @@ TEST_F(ASerialReader, EndsABadFrameAtOnceAndStartsAnew) {
     EXPECT_EQ(readFrame(device, kDeviceOk), kAck);
     // A frame above the buffer is counted and not copied.
     std::string extended("\x00\x00\xFF\xFF\xFF\xE8\x03\x15"sv);
-    extended.resize(1010, 'x');
     std::uint32_t counted = 0;
-    terminal.write(extended);
-    EXPECT_EQ(readFrame(device, kDeviceOk, &counted), extended);
     extended[5] = '\xF8', extended[7] = '\x05';
     extended.resize(1026, 'x');
     terminal.write(extended);
@@ -143,25 +140,17 @@ TEST_F(AMessageReader, DeliversOneMessagePerRead) {
     send(kReply);
     device.discardInput();
     EXPECT_EQ(readFrame(device, kDeviceTimedOut), "");
-}
-
-TEST_F(AMessageReader, NoticesAtOnceThatItIsGone) {
-    ::close(peer);
-    peer = -1;
-    EXPECT_EQ(readFrame(device, kDeviceFailed), "");
+    ::close(std::exchange(peer, -1));
+    EXPECT_EQ(readFrame(device, kDeviceFailed), "") << "it is gone";
     std::uint32_t count = 0;
     EXPECT_EQ(device.WriteBytesUnblocked(reinterpret_cast<const std::uint8_t*>("x"), 1, &count, 100), kDeviceFailed);
-    device.CloseInterface();
-    EXPECT_EQ(readFrame(device, kDeviceFailed), "");
 }
 
 TEST(TheFactory, ChoosesByTheName) {
-    EXPECT_TRUE(isSerialName("COM1"));
-    EXPECT_FALSE(isSerialName("com1"));
-    EXPECT_FALSE(isSerialName("CO"));
     TamaFrameAssembler assembler;
     EXPECT_NE(dynamic_cast<TamaSerialDevice*>(makeTamaDevice({"COM1", 9600, &assembler}).get()), nullptr);
-    EXPECT_NE(dynamic_cast<TamaFileDevice*>(makeTamaDevice({"/dev/x", 0, nullptr}).get()), nullptr);
+    for (const char* name : {"/dev/x", "com1", "CO"})
+        EXPECT_NE(dynamic_cast<TamaFileDevice*>(makeTamaDevice({name, 0, nullptr}).get()), nullptr);
 }
 
 }  // namespace

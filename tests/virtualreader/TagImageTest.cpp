@@ -85,23 +85,17 @@ TEST(TagImages, MistakesSayWhatIsWrongAndWhatWouldBeRight) {
     const auto file = [&](const char* name, const std::string& content) { return directory.write(name, content); };
     const std::pair<std::string, const char*> mistakes[] = {
         {directory / "none.bin", "there is no such file"},
-        {directory.path(), "this is no file"},
         {file("huge", std::string(70000, 'x')), "too large for a tag"},
         {file("e", ""), "0 bytes are no tag image; right are 320"},
-        {file("f", std::string(2048, '\0')), "the 2K chip is not simulated"},
         {file("g", std::string(1152, '\0')), "cut the 1152 bytes"},
         {"new:2k", "\"2k\" is no kind of tag; known are mini, 1k, 4k, ultralight, card"},
-        {"new:1k:XY", "\"XY\" is no UID"},
         {"new:1k:0102030405", "a UID of 5 bytes does not fit the kind \"1k\": 4 or 7 bytes"},
         {"new:ultralight:01020304", "7 bytes"},
-        {"new:card:0102", "4, 7 or 10 bytes"},
         {file("a.card", "uid 01020304"), "a line \"kind\" is missing"},
         {file("b.card", "kind 1k\ncolour red"), "line 2: \"colour\" is unknown; known are kind, uid"},
-        {file("c.card", "kind card\nats"), "line 2: \"\" is not 1 to 19 bytes"},
         {file("d.card", "kind card\nsak 0808"), "line 2: \"0808\" is not 1 bytes"},
         {file("e.card", "kind card\nquirk odd"), "\"odd\" is no quirk; known are readable-key-b-refused"},
         {file("f.card", "kind 1k\nimage g"), "the kind \"1k\" has 1024 bytes, this file 1152"},
-        {file("g.card", "kind 1k\nimage none"), "none: there is no such file"},
         {file("odd", asText(odd)), "warning: byte 4 of block 0"},
     };
     for (const auto& [path, part] : mistakes) {
