@@ -2,17 +2,11 @@
 // the kind of tag, the operation and its arguments; the rest is the image, repeated where it is too short. Sectors that
 // an access bit closes are half of all, so the second byte can put readable trailers on.
 
-#include "Clock.h"
+#include "Machine.h"
 #include "MifareClassicTag.h"
-#include "ReaderImpl.h"
-#include "TamaDeviceFactory.h"
 #include "UltralightTag.h"
-#include "VirtualTamaDevice.h"
-#include "VirtualTamaReader.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <memory>
 #include <vector>
 
 namespace {
@@ -22,37 +16,6 @@ using Bytes = std::vector<std::uint8_t>;
 constexpr std::size_t kHead = 10;
 constexpr std::uint8_t kKey[] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 constexpr std::uint8_t kUid[] = {0x04, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66};
-
-/// Pauses pass at once.
-struct SwiftClock : platform::Clock {
-    SwiftClock() { replace(this); }
-    ~SwiftClock() override { replace(nullptr); }
-    std::uint64_t nowMs() override { return mNow; }
-    void pauseMs(std::uint32_t ms) override { mNow += ms; }
-    bool waitFor(platform::ManualResetEvent&, std::uint32_t ms) override {
-        mNow += ms;
-        return false;
-    }
-    std::uint64_t mNow = 1;
-};
-
-/// A reader that is ready, made once.
-struct Machine {
-    Machine() {
-        setTamaDeviceFactory([this](const TamaDeviceRequest&) { return std::make_unique<VirtualTamaDevice>(reader); });
-        adaptor.reset(createAdaptorInstance(nullptr));
-        adaptor->setTagPromptFlag(false);
-        if (!adaptor->initReader()) std::abort();
-    }
-    ~Machine() {
-        adaptor.reset();
-        setTamaDeviceFactory({});
-    }
-
-    SwiftClock clock;
-    std::shared_ptr<VirtualTamaReader> reader = std::make_shared<VirtualTamaReader>();
-    std::unique_ptr<ReaderImpl> adaptor;
-};
 
 /// Key A of every sector is the known one; the access bytes are the factory's, or what the image has there.
 void openTrailers(Bytes& image, bool accessToo) {

@@ -2,6 +2,7 @@
 
 #include "BflStatus.h"
 #include "CommandDoor.h"
+#include "ReaderClasses.h"
 
 namespace {
 
@@ -240,6 +241,13 @@ TEST_F(Door, ServesCardsOfEveryFrameSizeAndWithoutInterfaceBytes) {
         EXPECT_EQ(door.deselect(kUid), kOk);
         place.reader->field().remove(name);
     }
+}
+
+TEST(TheOtherReader, RelaysNothing) {
+    Workplace place;
+    place.root.write(std::string(kReaderClasses[3].guid) + "/reader", "");
+    CommandDoor door(place.start());
+    EXPECT_EQ(door.relay({0x02}), kNotImplemented);
 }
 
 }  // namespace

@@ -172,8 +172,12 @@ class QVL_API ReaderImpl {
     virtual void loadReaderConfig() = 0;
     /// Sends every idle tag in the field to sleep, with `haltSelected` the selected one first. Always 3100.
     virtual int haltAllTag(bool haltSelected);
-    /// The door for card sessions and raw commands: arguments and results are typed streams. The host sets `out` to
-    /// null before the call.
+    /// The door for card sessions and raw commands: 40 send, 41 send raw, 42 wait for a card, 43 deselect, 44 nothing,
+    /// 46 relay to the reader. Arguments are read from `in`, from where it stands; results go into a new collection,
+    /// which the host releases. The host sets `out` to null before the call; after a refusal it mostly stays so.
+    /// @return 3100; 3101 for no such command; -21 for arguments that do not fit; -45 when sixteen cards are known;
+    /// -50, -52, -53 of the exchange (QvlTcl.h); 3121, 3122 for no card; 3139 for a relay to another reader than TAMA;
+    /// else the status of the driver.
     virtual int runCommand(int id, QVLParamCollection& in, QVLParamCollection*& out);
     /// Tells the adaptor that a USB device has come or gone (1, 2), or asks for a scan and a new start (0).
     virtual void scanUSBDevice(int event);
