@@ -67,6 +67,8 @@ constexpr Phrase kPhrases[] = {
     {"stays awake", FaultEffect::cardStaysAwake, Operands::none, kBlocks},
 };
 
+const char* wordsOf(FaultEffect effect) { return std::ranges::find(kPhrases, effect, &Phrase::effect)->words; }
+
 using Words = std::vector<std::string_view>;
 
 Words split(std::string_view text) {
@@ -242,12 +244,14 @@ const FaultRule* FaultPlan::onBlock(bool answersDeselection) {
 std::string FaultPlan::addRule(std::string_view text) {
     FaultRule rule;
     std::string wrong = parse(split(text), rule);
+    if (wrong.empty() && mSuits && !mSuits(rule.effect))
+        wrong = quoted(wordsOf(rule.effect)) + " does not exist for this model of reader";
     if (wrong.empty()) add(std::move(rule));
     return wrong;
 }
 
 std::string FaultPlan::addText(std::string_view text) {
-    FaultPlan added;
+    FaultPlan added(mSuits);
     for (unsigned line = 1; !text.empty(); ++line) {
         const std::size_t length = std::min(text.find('\n'), text.size());
         const std::string_view rule = text.substr(0, length);

@@ -78,6 +78,12 @@ struct FaultRule {
 /// The rules in force. Of several rules that hit the same event the one that was added first wins.
 class FaultPlan {
   public:
+    /// Whether an effect exists for a model of reader.
+    using Suits = bool (*)(FaultEffect effect);
+
+    /// A plan whose texts may name all effects, or only those that suit.
+    explicit FaultPlan(Suits suits = nullptr) : mSuits(suits) {}
+
     void add(FaultRule rule) { mRules.push_back(std::move(rule)); }
     void clear() { mRules.clear(); }
     bool isEmpty() const { return mRules.empty(); }
@@ -100,5 +106,6 @@ class FaultPlan {
     template <typename Matches>
     const FaultRule* count(Matches matches);
 
+    Suits mSuits;
     std::vector<FaultRule> mRules;
 };

@@ -61,7 +61,7 @@ const Simulator::Command Simulator::kCommands[] = {
     {"quit", &Simulator::onQuit, "quit                   end the program"},
 };
 
-Simulator::Simulator(std::shared_ptr<VirtualTamaReader> reader, TagQuirks quirks, bool saveTags)
+Simulator::Simulator(std::shared_ptr<VirtualReader> reader, TagQuirks quirks, bool saveTags)
     : mReader(std::move(reader)), mQuirks(quirks), mSaveTags(saveTags) {}
 
 std::string Simulator::run(std::string_view line) {

@@ -12,7 +12,7 @@ class Simulator {
   public:
     /// `quirks` hold for every tag that is placed. With `saveTags` the image of a tag is written back to its file when
     /// the tag leaves for good.
-    Simulator(std::shared_ptr<VirtualTamaReader> reader, TagQuirks quirks, bool saveTags);
+    Simulator(std::shared_ptr<VirtualReader> reader, TagQuirks quirks, bool saveTags);
 
     /// Runs one command. @return its answer: lines that each end with a newline, the last of which begins with "ok" or
     /// "error: "; empty for an empty line.
@@ -46,7 +46,7 @@ class Simulator {
     std::string setPresent(const std::string& name, bool present);
     std::string saveChanged(const std::string& name, VirtualTag& tag);
 
-    std::shared_ptr<VirtualTamaReader> mReader;
+    std::shared_ptr<VirtualReader> mReader;
     const TagQuirks mQuirks;
     const bool mSaveTags;
     std::map<std::string, std::string> mSources;  ///< What each tag was made from, by its name.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ReaderOptions.h"
+#include "TagSearch.h"
 #include "TamaLink.h"
 #include "VirtualField.h"
 
@@ -87,14 +88,8 @@ class TamaFirmware {
     static const Handler kHandlers[];
     static const Handler* handlerOf(Bytes command);
 
-    struct Target {
-        std::array<std::uint8_t, 10> uid{};
-        std::size_t uidLength = 0;
-        std::uint16_t atqa = 0;
-        std::uint8_t sak = 0;
+    struct Target : FoundTag {
         bool inProtocol = false;  ///< The reader did RATS.
-
-        Bytes uidBytes() const { return {uid.data(), uidLength}; }
     };
 
     void getFirmwareVersion(Bytes data, TamaReply& reply);
@@ -118,8 +113,6 @@ class TamaFirmware {
     std::uint8_t statusOf(const AirAnswer& answer) const;
 
     bool activate(Bytes uid, Target& target);
-    bool selectAny(Target& target);
-    bool selectByUid(Bytes uid, Target& target);
     std::size_t rats(Target& target, std::span<std::uint8_t> ats);
     void report(const Target& target, TamaReply& reply) const;
     std::uint8_t deselect(const Target& target);

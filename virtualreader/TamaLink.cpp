@@ -1,7 +1,6 @@
 #include "TamaLink.h"
 
 #include <algorithm>
-#include <bit>
 
 namespace {
 
@@ -25,15 +24,6 @@ std::uint8_t sum(std::span<const std::uint8_t> bytes) {
 }
 
 }  // namespace
-
-LinkKey deriveLinkKey(const LinkKey& challenge) {
-    LinkKey derived{};
-    for (std::size_t i = 0; i < derived.size(); ++i) {
-        const int bits = challenge[i == 0 ? 0 : i - 1] & 7;
-        derived[i] = (challenge[i] & 0x80) ? std::rotr(challenge[i], bits) : std::rotl(challenge[i], bits);
-    }
-    return derived;
-}
 
 bool TamaLink::takeByte(std::uint8_t byte, HostFrame& frame) {
     // Start code 00 FF behind any number of zeros; mReceived counts as if there had been one preamble byte.
@@ -69,23 +59,9 @@ bool TamaLink::isComplete(HostFrame& frame) {
 }
 
 bool TamaLink::open(HostFrame& frame) {
-    if (!isChallenge(frame.command)) crypt(frame.command.subspan(1));
+    if (!isChallenge(frame.command)) mStream.crypt(frame.command.subspan(1));
     const std::span<const std::uint8_t> checked(mFrame.data() + kHeadBytes, frame.command.size() + 2);
     return checked[0] == kHostToReader && sum(checked) == 0;
-}
-
-void TamaLink::setKey(const LinkKey& key) {
-    mKeyed = std::ranges::any_of(key, [](std::uint8_t byte) { return byte != 0; });
-    if (mKeyed) mStream.setKey(key);
-}
-
-void TamaLink::skipStream() {
-    std::uint8_t skipped = 0;
-    crypt({&skipped, 1});
-}
-
-void TamaLink::crypt(std::span<std::uint8_t> data) {
-    if (mKeyed) mStream.crypt(data);
 }
 
 std::size_t TamaLink::buildReply(std::uint8_t code, std::span<const std::uint8_t> data,
@@ -101,6 +77,6 @@ std::size_t TamaLink::buildReply(std::uint8_t code, std::span<const std::uint8_t
     std::copy_n(data.begin(), body.size(), body.begin());
     out[kHeadBytes + length] = static_cast<std::uint8_t>(0x100 - sum(out.subspan(kHeadBytes, length)));
     out[kHeadBytes + length + 1] = 0x00;
-    crypt(body);
+    mStream.crypt(body);
     return length + kFrameOverhead;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Rc4.h"
+#include "LinkKey.h"
 
 #include <array>
 #include <cstddef>
@@ -18,13 +18,6 @@ constexpr std::size_t kFrameOverhead = 7;  ///< Frame bytes beside those that LE
 constexpr std::size_t kMaxFrameLen = 255;
 constexpr std::size_t kMaxReplyFrame = kMaxFrameLen + kFrameOverhead;
 constexpr std::size_t kMaxReplyData = kMaxFrameLen - 2;
-constexpr std::size_t kLinkKeyBytes = 16;
-
-using LinkKey = std::array<std::uint8_t, kLinkKeyBytes>;
-
-/// Derives the answer to a challenge. Byte i is byte i of the challenge, turned within the byte by the low three bits
-/// of the byte before it (of itself for byte 0): to the right if its top bit is set, else to the left.
-LinkKey deriveLinkKey(const LinkKey& challenge);
 
 /// What the host sent.
 struct HostFrame {
@@ -45,10 +38,10 @@ class TamaLink {
     void resync() { mReceived = 0; }
 
     /// Starts the stream with a new key; zeros put the link in the clear.
-    void setKey(const LinkKey& key);
-    bool isKeyed() const { return mKeyed; }
+    void setKey(const LinkKey& key) { mStream.setKey(key); }
+    bool isKeyed() const { return mStream.isKeyed(); }
     /// Lets the stream run on by one byte, which puts it out of step with the host.
-    void skipStream();
+    void skipStream() { mStream.skip(); }
 
     /// Builds a reply frame in `out`: the data, at most kMaxReplyData bytes, go out scrambled. @return its length.
     std::size_t buildReply(std::uint8_t code, std::span<const std::uint8_t> data,
@@ -56,10 +49,8 @@ class TamaLink {
 
   private:
     bool isComplete(HostFrame& frame);
-    void crypt(std::span<std::uint8_t> data);
 
-    Rc4 mStream;
-    bool mKeyed = false;
+    LinkStream mStream;
     std::array<std::uint8_t, kMaxReplyFrame> mFrame{};
     std::size_t mReceived = 0;
 };

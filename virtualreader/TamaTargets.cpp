@@ -6,13 +6,10 @@
 
 namespace {
 
-constexpr std::uint8_t kCascadeTag = 0x88;
-constexpr std::uint8_t kSakUidNotComplete = 0x04;
 constexpr std::uint8_t kSakProtocol = 0x20;
 constexpr std::uint8_t kAutomaticRats = 0x10;
 constexpr std::uint8_t kTypeA106 = 0x00;
 constexpr std::size_t kMaxTargets = 2;
-constexpr int kLevels = 3;
 
 /// A UID without cascade tags: hosts may put them in front of each part but the last (8 or 12 bytes).
 std::size_t stripCascadeTags(std::span<const std::uint8_t> uid, std::array<std::uint8_t, 10>& out) {
@@ -23,10 +20,6 @@ std::size_t stripCascadeTags(std::span<const std::uint8_t> uid, std::array<std::
         if (!isCascadeTag) out[length++] = uid[i];
     }
     return length;
-}
-
-std::uint8_t checkByte(const CascadePart& part) {
-    return static_cast<std::uint8_t>(part[0] ^ part[1] ^ part[2] ^ part[3]);
 }
 
 }  // namespace
@@ -74,48 +67,12 @@ bool TamaFirmware::activate(Bytes uid, Target& target) {
         if (!atqa) continue;
         target = Target{};
         target.atqa = *atqa;
-        if (uid.empty() ? selectAny(target) : selectByUid(uid, target)) return true;
+        std::array<std::uint8_t, 10> plain;
+        const std::size_t plainLength = stripCascadeTags(uid, plain);
+        if (uid.empty() ? selectAny(mField, target) : selectByUid(mField, {plain.data(), plainLength}, target))
+            return true;
     }
     return false;
-}
-
-bool TamaFirmware::selectAny(Target& target) {
-    for (int level = 0; level < kLevels; ++level) {
-        CascadePart known{};
-        auto heard = mField.anticollision(level, known, 0);
-        while (heard && heard->firstCollision >= 0) {  // Goes on with the tags that have a 1 there.
-            const int bit = heard->firstCollision;
-            known = heard->bits;
-            known[static_cast<std::size_t>(bit / 8)] |= static_cast<std::uint8_t>(1 << (bit % 8));
-            heard = mField.anticollision(level, known, bit + 1);
-        }
-        if (!heard || checkByte(heard->bits) != heard->bits[4]) return false;
-        const auto sak = mField.select(level, heard->bits);
-        if (!sak) return false;
-        const bool complete = !(*sak & kSakUidNotComplete);
-        const std::size_t skipped = complete ? 0 : 1;
-        std::copy_n(heard->bits.begin() + skipped, 4 - skipped, target.uid.begin() + target.uidLength);
-        target.uidLength += 4 - skipped;
-        target.sak = *sak;
-        if (complete) return true;
-    }
-    return false;
-}
-
-bool TamaFirmware::selectByUid(Bytes uid, Target& target) {
-    target.uidLength = stripCascadeTags(uid, target.uid);
-    if (target.uidLength != 4 && target.uidLength != 7 && target.uidLength != 10) return false;
-    const int levels = static_cast<int>(target.uidLength) / 3;
-    for (int level = 0; level < levels; ++level) {
-        const bool last = level + 1 == levels;
-        CascadePart part{kCascadeTag};
-        std::copy_n(target.uid.begin() + std::ptrdiff_t{3} * level, last ? 4 : 3, part.begin() + (last ? 0 : 1));
-        part[4] = checkByte(part);
-        const auto sak = mField.select(level, part);
-        if (!sak || last == ((*sak & kSakUidNotComplete) != 0)) return false;
-        target.sak = *sak;
-    }
-    return true;
 }
 
 /// Brings the tag into the block protocol, with card number 0. @return bytes of its ATS, 0 if it does not answer.

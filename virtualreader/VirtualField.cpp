@@ -135,6 +135,11 @@ bool VirtualField::authenticate(const Authentication& authentication) {
     return passed;
 }
 
+bool VirtualField::hasSelected() const {
+    return std::ranges::any_of(mEntries,
+                               [](const Entry& each) { return each.tag->state() == VirtualTag::State::active; });
+}
+
 VirtualTag* VirtualField::selected(std::span<const std::uint8_t> uid) {
     for (Entry& each : mEntries) {
         if (each.tag->state() == VirtualTag::State::active && std::ranges::equal(each.tag->uid(), uid))

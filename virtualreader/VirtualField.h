@@ -72,6 +72,7 @@ class VirtualField {
     /// numbers whose it is. The first answer counts.
     void exchange(std::span<const std::uint8_t> frame, AirAnswer& answer);
     bool authenticate(const Authentication& authentication);
+    bool hasSelected() const;
     /// The selected tag with this UID, null if there is none.
     VirtualTag* selected(std::span<const std::uint8_t> uid);
 

@@ -2,53 +2,32 @@
 
 #include <algorithm>
 #include <utility>
-
-std::uint8_t babbleByte(std::uint64_t position) {
-    // An extended frame of the greatest length, in which nothing makes sense.
-    constexpr std::uint8_t kHead[] = {0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x02};
-    constexpr std::uint64_t kWhole = 0xFFFF + 10;
-    const std::uint64_t at = position % kWhole;
-    return at < sizeof kHead ? kHead[at] : std::uint8_t{0xA5};
-}
+#include <vector>
 
 VirtualTamaReader::VirtualTamaReader(ReaderOptions options, std::shared_ptr<VirtualField> field)
-    : mField(field ? std::move(field) : std::make_shared<VirtualField>()), mOptions(options),
-      mFirmware(*mField, mOptions) {
-    mField->setListener(this);
-    mField->setPower(this);
-    mField->setFaults(&mFaults);
+    : VirtualReader(std::move(field)), mOptions(options), mFirmware(VirtualReader::field(), mOptions) {
+    joinField();
 }
 
-VirtualTamaReader::~VirtualTamaReader() {
-    mField->setListener(nullptr);
-    mField->setPower(nullptr);
-    mField->setFaults(nullptr);
-}
+VirtualTamaReader::~VirtualTamaReader() { leaveField(); }
 
-void VirtualTamaReader::connect(ReaderSink* sink) {
-    const auto held = mField->lock();
-    mSink = sink;
+void VirtualTamaReader::onHostChanged() {
     mLink.resync();
     mFirmware.cancel();
-    mHeldCount = 0;
     mBabbling = false;
 }
 
-void VirtualTamaReader::watch(ReaderWatcher& watcher) {
-    const auto held = mField->lock();
-    mWatchers.push_back(&watcher);
+void VirtualTamaReader::onPowerLost() {
+    mFirmware.reset();
+    mLink.setKey({});
+    mLink.resync();
+    mBabbling = false;
 }
 
-void VirtualTamaReader::unwatch(ReaderWatcher& watcher) {
-    const auto held = mField->lock();
-    std::erase(mWatchers, &watcher);
-}
-
-void VirtualTamaReader::receive(Bytes bytes) {
-    const auto held = mField->lock();
+void VirtualTamaReader::onBytes(Bytes bytes) {
     HostFrame frame;
     for (std::uint8_t byte : bytes)
-        if (mPresent && mLink.takeByte(byte, frame)) onHostFrame(frame);
+        if (isPlugged() && mLink.takeByte(byte, frame)) onHostFrame(frame);
 }
 
 void VirtualTamaReader::onHostFrame(HostFrame& frame) {
@@ -68,13 +47,11 @@ void VirtualTamaReader::onHostFrame(HostFrame& frame) {
 }
 
 void VirtualTamaReader::onCommand(HostFrame& frame) {
-    if (std::exchange(mBabbling, false) && mSink) mSink->onQuiet();
+    if (std::exchange(mBabbling, false) && sink()) sink()->onQuiet();
     mFirmware.cancel();
-    for (std::size_t i = 0; i < mHeldCount; ++i)
-        send({mHeld[i].bytes.data(), mHeld[i].length});
-    mHeldCount = 0;
+    sendHeld();
 
-    const FaultRule* fault = mFaults.isEmpty() ? nullptr : mFaults.onCommand(frame.command[0]);
+    const FaultRule* fault = faultOf(frame.command[0]);
     if (fault && fault->effect == FaultEffect::noAnswer) return;
     if (!mLink.open(frame)) {
         if (!mOptions.errorToBadFrames) return;
@@ -82,9 +59,9 @@ void VirtualTamaReader::onCommand(HostFrame& frame) {
         send(kErrorFrame);
         return;
     }
-    ++mCounts[frame.command[0]];
+    countCommand(frame.command[0]);
     handle(frame.command, fault);
-    if (!mFallen.empty()) mField->setPresent(std::exchange(mFallen, {}), false);
+    dropFallenTag();
 }
 
 void VirtualTamaReader::handle(Bytes command, const FaultRule* fault) {
@@ -104,28 +81,12 @@ void VirtualTamaReader::handle(Bytes command, const FaultRule* fault) {
 
 /// What a fault does to reader and tags before the command. @return false if that is the end of it.
 bool VirtualTamaReader::applyBefore(const FaultRule& fault) {
-    switch (fault.effect) {
-    case FaultEffect::vanishBefore:
+    if (fault.effect == FaultEffect::vanishBefore) {
         vanish();
         return false;
-    case FaultEffect::outOfStep:
-        mLink.skipStream();
-        break;
-    case FaultEffect::tagGone:
-        mField->takeFirstAway();
-        break;
-    case FaultEffect::tagBack:
-        mField->bringBack();
-        break;
-    case FaultEffect::tagBlinks:
-        mField->blinkFirst();
-        break;
-    case FaultEffect::tagSwapped:
-        mField->swapFirst(fault.tag);
-        break;
-    default:
-        break;
     }
+    if (fault.effect == FaultEffect::outOfStep) mLink.skipStream();
+    moveTags(fault);
     return true;
 }
 
@@ -219,7 +180,7 @@ void VirtualTamaReader::deliver(const FaultRule& fault, Bytes frame) {
         return send(frame);
     case FaultEffect::endless:
         mBabbling = true;
-        if (mSink) mSink->onBabble();
+        if (sink()) sink()->onBabble();
         return;
     case FaultEffect::extended:
         return sendExtended(fault.value);
@@ -248,92 +209,18 @@ void VirtualTamaReader::sendExtended(std::size_t total) {
     send(frame);
 }
 
-void VirtualTamaReader::send(Bytes frame, std::uint32_t delayMs) {
-    if (mSink && mPresent && !frame.empty()) mSink->onFrame(frame, delayMs);
-}
-
-void VirtualTamaReader::hold(Bytes frame) {
-    Held& held = mHeld[mHeldCount++];
-    std::ranges::copy(frame, held.bytes.begin());
-    held.length = frame.size();
-}
-
 void VirtualTamaReader::onTagsChanged() {
-    if (!mPresent || !mFirmware.isPending()) return;
+    if (!isPlugged() || !mFirmware.isPending()) return;
     mFirmware.poll(mReply);
     answer(nullptr);
 }
 
-std::optional<std::size_t> VirtualTamaReader::bytesUntilPowerLoss() {
-    const FaultRule* fault = mFaults.isEmpty() ? nullptr : mFaults.onWrite();
-    if (!fault) return std::nullopt;
-    for (const VirtualField::Entry& entry : mField->list()) {
-        const bool writes = entry.tag->state() == VirtualTag::State::active && entry.tag->memory();
-        if (writes && fault->effect == FaultEffect::powerLost) mFallen = entry.name;
-    }
-    return fault->value;
-}
-
-void VirtualTamaReader::addFault(FaultRule rule) {
-    const auto held = mField->lock();
-    mFaults.add(std::move(rule));
-}
-
-std::string VirtualTamaReader::addFault(std::string_view rule) {
-    const auto held = mField->lock();
-    return mFaults.addRule(rule);
-}
-
-std::string VirtualTamaReader::addFaults(std::string_view text) {
-    const auto held = mField->lock();
-    return mFaults.addText(text);
-}
-
-void VirtualTamaReader::clearFaults() {
-    const auto held = mField->lock();
-    mFaults.clear();
-}
-
-void VirtualTamaReader::vanish() {
-    const auto held = mField->lock();
-    if (!std::exchange(mPresent, false)) return;
-    mFirmware.reset();
-    mLink.setKey({});
-    mLink.resync();
-    mHeldCount = 0;
-    mBabbling = false;
-    for (ReaderWatcher* watcher : mWatchers)
-        watcher->onVanished();
-}
-
-void VirtualTamaReader::comeBack() {
-    const auto held = mField->lock();
-    if (std::exchange(mPresent, true)) return;
-    for (ReaderWatcher* watcher : mWatchers)
-        watcher->onReturned();
-}
-
-bool VirtualTamaReader::isPresent() const {
-    const auto held = mField->lock();
-    return mPresent;
-}
-
 std::uint8_t VirtualTamaReader::ledByte() const {
-    const auto held = mField->lock();
+    const auto held = field().lock();
     return mFirmware.ledByte();
 }
 
-bool VirtualTamaReader::isFieldOn() const {
-    const auto held = mField->lock();
-    return mField->isOn();
-}
-
 bool VirtualTamaReader::isLinkKeyed() const {
-    const auto held = mField->lock();
+    const auto held = field().lock();
     return mLink.isKeyed();
-}
-
-std::uint32_t VirtualTamaReader::commandCount(std::uint8_t code) const {
-    const auto held = mField->lock();
-    return mCounts[code];
 }

@@ -5,6 +5,8 @@
 #include "Simulator.h"
 #include "SocketEndpoint.h"
 #include "TerminalEndpoint.h"
+#include "VirtualMf500Reader.h"
+#include "VirtualTamaReader.h"
 
 #include <CLI/CLI.hpp>
 
@@ -20,13 +22,17 @@ namespace {
 
 constexpr int kFailed = 1, kUsage = 2;
 
-/// The first interface class in which hosts look for this kind of reader.
-constexpr const char* kReaderClass = "fe2f504b-5f97-4d4d-873d-559e49009dc6";
+/// The models, and the first interface class in which hosts look for each.
+constexpr const char* kTama = "tama";
+constexpr const char* kTamaClass = "fe2f504b-5f97-4d4d-873d-559e49009dc6";
+constexpr const char* kMf500 = "mf500";
+constexpr const char* kMf500Class = "a518e23b-d631-426f-b8f0-e17a61065f1d";
 
 struct Settings {
     std::string root;
     unsigned com = 0;
-    std::string socket, classGuid = kReaderClass;
+    std::string socket, classGuid;
+    std::string model = kTama;
     std::uint32_t baudRate = 0;
     std::string faults, control;
     std::vector<std::string> tags;
@@ -45,7 +51,8 @@ void addWhereOptions(CLI::App& app, Settings& into) {
                     ->type_name("N")
                     ->check(CLI::Range(1, 255))
                     ->group(kWhere);
-    app.add_option("--socket", into.socket, "Message socket of this name instead of a serial port")
+    app.add_option("--socket", into.socket,
+                   "Message socket of this name instead of a serial port (default of mf500: mf500)")
         ->type_name("NAME")
         ->check([](const std::string& name) {
             const bool sound = !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
@@ -53,9 +60,8 @@ void addWhereOptions(CLI::App& app, Settings& into) {
         })
         ->excludes(com)
         ->group(kWhere);
-    app.add_option("--class", into.classGuid, "Interface class of the socket")
+    app.add_option("--class", into.classGuid, "Interface class of the socket (default: the model's own)")
         ->type_name("GUID")
-        ->capture_default_str()
         ->group(kWhere);
     app.add_option("--baud", into.baudRate, "Pace the serial bytes at this rate, 10 bits a byte (default: no pacing)")
         ->type_name("RATE")
@@ -65,6 +71,10 @@ void addWhereOptions(CLI::App& app, Settings& into) {
 
 void addModelOptions(CLI::App& app, Settings& into) {
     constexpr const char* kReader = "Reader model";
+    app.add_option("--reader", into.model, "tama, a PN531 (default), or mf500, an MF RC500 on a message socket")
+        ->type_name("MODEL")
+        ->check(CLI::IsMember({kTama, kMf500}))
+        ->group(kReader);
     app.add_flag("--no-link-key", into.noLinkKey, "Does not know the key commands; the link stays in the clear")
         ->group(kReader);
     app.add_flag("--zero-session-key", into.reader.zeroSessionKey, "Gives a session key of zeros")->group(kReader);
@@ -117,7 +127,7 @@ int fail(const std::string& message, int status = kFailed) {
     return status;
 }
 
-std::string addFaultFile(VirtualTamaReader& reader, const std::string& path) {
+std::string addFaultFile(VirtualReader& reader, const std::string& path) {
     if (path.empty()) return {};
     std::ifstream file(path);
     std::ostringstream text;
@@ -128,7 +138,7 @@ std::string addFaultFile(VirtualTamaReader& reader, const std::string& path) {
 
 /// Publishes the reader, tells so, and serves the commands until the end.
 template <typename Endpoint>
-int serve(Endpoint&& endpoint, ControlServer& control, const Settings& settings) {
+int serve(Endpoint& endpoint, ControlServer& control, const Settings& settings) {
     if (const std::string wrong = endpoint.start(); !wrong.empty()) return fail(wrong);
     if (!settings.quiet) std::cout << "ready " << endpoint.name() << " at " << settings.root << std::endl;
     control.run();
@@ -136,8 +146,8 @@ int serve(Endpoint&& endpoint, ControlServer& control, const Settings& settings)
     return 0;
 }
 
-int simulate(const Settings& settings) {
-    const auto reader = std::make_shared<VirtualTamaReader>(settings.reader);
+template <typename Endpoint>
+int simulate(const Settings& settings, const std::shared_ptr<VirtualReader>& reader, Endpoint&& endpoint) {
     Simulator simulator(reader, settings.quirks, settings.saveOnExit);
     ControlServer control(simulator, settings.control.empty() && !settings.keepRunning);
 
@@ -151,12 +161,34 @@ int simulate(const Settings& settings) {
     if (!settings.control.empty())
         if (const std::string wrong = control.listen(settings.control); !wrong.empty()) return fail(wrong);
 
-    const int status =
-        settings.socket.empty()
-            ? serve(TerminalEndpoint(reader, settings.root, settings.com, settings.baudRate), control, settings)
-            : serve(SocketEndpoint(reader, settings.root, settings.classGuid, settings.socket), control, settings);
+    const int status = serve(endpoint, control, settings);
     const std::string unsaved = simulator.saveAll();
     return unsaved.empty() ? status : fail(unsaved.substr(0, unsaved.size() - 1));
+}
+
+int simulateTama(const Settings& settings) {
+    const auto reader = std::make_shared<VirtualTamaReader>(settings.reader);
+    if (settings.socket.empty())
+        return simulate(
+            settings, reader,
+            TerminalEndpoint(reader, settings.root, settings.com == 0 ? 1 : settings.com, settings.baudRate));
+    const std::string classGuid = settings.classGuid.empty() ? kTamaClass : settings.classGuid;
+    return simulate(settings, reader, SocketEndpoint(reader, settings.root, classGuid, settings.socket));
+}
+
+int simulateMf500(const Settings& settings) {
+    const ReaderOptions plain;
+    const bool hasTamaModel = settings.reader.errorToBadFrames || settings.reader.atqaHighByteFirst ||
+                              settings.reader.cascadeTagInUid || settings.reader.refusedStatus != plain.refusedStatus;
+    if (settings.com != 0 || settings.baudRate != 0 || hasTamaModel)
+        return fail("--com, --baud, --error-to-bad-frames, --atqa-high-first, --cascade-tag and --refused-13 do not go "
+                    "with --reader mf500",
+                    kUsage);
+    const auto reader = std::make_shared<VirtualMf500Reader>(settings.reader);
+    const std::string classGuid = settings.classGuid.empty() ? kMf500Class : settings.classGuid;
+    return simulate(
+        settings, reader,
+        SocketEndpoint(reader, settings.root, classGuid, settings.socket.empty() ? kMf500 : settings.socket));
 }
 
 }  // namespace
@@ -173,7 +205,6 @@ int main(int argc, char** argv) {
         return app.exit(problem) == 0 ? 0 : kUsage;
     }
     if (settings.root.empty()) settings.root = platform::deviceRoot();
-    if (settings.com == 0) settings.com = 1;
     settings.reader.knowsLinkKey = !settings.noLinkKey;
-    return simulate(settings);
+    return settings.model == kMf500 ? simulateMf500(settings) : simulateTama(settings);
 }

@@ -33,7 +33,7 @@ std::string makeDirectories(const std::string& path) {
     return problem ? path + ": the directory cannot be made: " + problem.message() : std::string();
 }
 
-EndpointServer::EndpointServer(std::shared_ptr<VirtualTamaReader> reader)
+EndpointServer::EndpointServer(std::shared_ptr<VirtualReader> reader)
     : mReader(std::move(reader)), mWake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 EndpointServer::~EndpointServer() = default;

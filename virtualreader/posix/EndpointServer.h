@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VirtualTamaReader.h"
+#include "VirtualReader.h"
 
 #include <chrono>
 #include <deque>
@@ -34,7 +34,7 @@ class Descriptor {
 /// what the reader sent, and the reader's going and coming.
 class EndpointServer : private ReaderSink, private ReaderWatcher {
   public:
-    explicit EndpointServer(std::shared_ptr<VirtualTamaReader> reader);
+    explicit EndpointServer(std::shared_ptr<VirtualReader> reader);
     /// An implementation calls `stop` in its own destructor.
     ~EndpointServer() override;
 
@@ -60,7 +60,7 @@ class EndpointServer : private ReaderSink, private ReaderWatcher {
     /// One round of service: does what is due, then waits for more.
     virtual void serve() = 0;
 
-    VirtualTamaReader& reader() { return *mReader; }
+    VirtualReader& reader() { return *mReader; }
     /// A host comes, a host goes; what was meant for an earlier one is dropped.
     void connectReader();
     void disconnectReader();
@@ -85,7 +85,7 @@ class EndpointServer : private ReaderSink, private ReaderWatcher {
     /// Follows the reader's going and coming. @return true while there is something to serve.
     bool follow();
 
-    std::shared_ptr<VirtualTamaReader> mReader;
+    std::shared_ptr<VirtualReader> mReader;
     Descriptor mWake;
     std::thread mThread;
     bool mPublished = false;  ///< Of the thread alone, once it runs.

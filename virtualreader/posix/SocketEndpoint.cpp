@@ -15,7 +15,7 @@
 
 class SocketEndpoint::Server : public EndpointServer {
   public:
-    Server(std::shared_ptr<VirtualTamaReader> reader, std::string root, std::string classGuid, std::string name)
+    Server(std::shared_ptr<VirtualReader> reader, std::string root, std::string classGuid, std::string name)
         : EndpointServer(std::move(reader)), mDirectory(std::move(root) + "/" + std::move(classGuid)),
           mName(std::move(name)) {}
     ~Server() override { stop(); }
@@ -126,7 +126,7 @@ void SocketEndpoint::Server::acceptHost() {
     if (mHost.isOpen()) connectReader();
 }
 
-SocketEndpoint::SocketEndpoint(std::shared_ptr<VirtualTamaReader> reader, std::string root, std::string classGuid,
+SocketEndpoint::SocketEndpoint(std::shared_ptr<VirtualReader> reader, std::string root, std::string classGuid,
                                std::string name)
     : mServer(std::make_unique<Server>(std::move(reader), std::move(root), std::move(classGuid), std::move(name))) {}
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VirtualTamaReader.h"
+#include "VirtualReader.h"
 
 #include <memory>
 #include <string>
@@ -10,8 +10,7 @@
 class SocketEndpoint {
   public:
     /// `root` and the class directory are made if they are missing.
-    SocketEndpoint(std::shared_ptr<VirtualTamaReader> reader, std::string root, std::string classGuid,
-                   std::string name);
+    SocketEndpoint(std::shared_ptr<VirtualReader> reader, std::string root, std::string classGuid, std::string name);
     /// Stops.
     ~SocketEndpoint();
     SocketEndpoint(const SocketEndpoint&) = delete;
