@@ -57,7 +57,9 @@ std::vector<std::uint8_t> Mf500Link::seal(std::uint8_t code, Mf500Status status,
     if (code != kMf500ExchangeBlock) mStream.crypt(values);
     if (next) mStream.setKey(*next);
     const auto number = static_cast<std::uint16_t>(status);
-    std::vector<std::uint8_t> message{static_cast<std::uint8_t>(number), static_cast<std::uint8_t>(number >> 8)};
-    message.insert(message.end(), values.begin(), values.end());
+    std::vector<std::uint8_t> message(sizeof number + values.size());
+    message[0] = static_cast<std::uint8_t>(number);
+    message[1] = static_cast<std::uint8_t>(number >> 8);
+    std::ranges::copy(values, message.begin() + sizeof number);
     return message;
 }
