@@ -291,30 +291,6 @@ TEST_F(ApduTest, TrustsNoLengthOfAType4Tag) {
     }
 }
 
-TEST_F(ApduTest, TalksOnATerminal) {
-    // "script" of util-linux gives the program a terminal of its own.
-    const std::string line = std::string(QVLTAG) + " --virtual " + card(kSimple) + " apdu";
-    const std::string answer = "< 9000  done\r\n", ready = "Ctrl-D ends.\r\n";
-    for (const bool isCancelled : {false, true}) {
-        const auto child = start({"-qec", line, "/dev/null"}, "/usr/bin/script");
-        const auto shownUntil = [&](const std::string& last) {
-            std::string shown, next;
-            while (!shown.ends_with(last) && (next = child->line()) != "end")
-                shown += next + "\n";
-            EXPECT_THAT(shown, EndsWith(last));
-            return shown;
-        };
-        shownUntil(ready);
-        child->say("00b000zz\n00B0000005\n");
-        EXPECT_THAT(shownUntil(answer), HasSubstr("character 7, 'z',"));
-        child->say("\x1B[A\n");  // The key for the line before.
-        EXPECT_THAT(shownUntil(answer), HasSubstr("Hello"));
-        child->say(isCancelled ? "\x03" : "\x04");
-        EXPECT_EQ(child->rest().find("cancelled") != std::string::npos, isCancelled);
-        EXPECT_EQ(child->wait(), isCancelled ? 1 : 0);
-    }
-}
-
 TEST_F(ApduTest, RelayReachesTheChipOfTheReader) {
     const Result text = run({"--virtual", "new:1k", "relay", "02"});
     EXPECT_EQ(text.status, 0) << text.err;
