@@ -101,7 +101,7 @@ CardProtocol::Outcome CardProtocol::take(std::span<const std::uint8_t> frame, Ai
 
 bool CardProtocol::isForUs(const Block& block) {
     if (block.nad && (!mTerms.takesNad || (*block.nad & kNadReserved))) return false;
-    if (!block.cid) return !mTerms.cidIsFixed || mTerms.cid == 0;
+    if (!block.cid) return !mTerms.takesCid || !mTerms.cidIsFixed || mTerms.cid == 0;
     if (!mTerms.takesCid) return mQuirks.undeclaredCidTaken;
     const std::uint8_t cid = *block.cid & kCidMask;
     if (!std::exchange(mCidKnown, true)) mTerms.cid = cid;

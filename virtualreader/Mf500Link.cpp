@@ -47,7 +47,7 @@ Mf500Status Mf500Link::confirm(std::span<const std::uint8_t> confirmation) {
     return Mf500Status::notAuthenticated;
 }
 
-std::vector<std::uint8_t> Mf500Link::seal(std::uint8_t code, Mf500Status status, Values values) {
+void Mf500Link::seal(std::uint8_t code, Mf500Status status, Values& values, std::vector<std::uint8_t>& message) {
     std::optional<LinkKey> next = mOffered;
     mOffered.reset();
     if (!next && isKeyed() && !isKeyCommand(code)) {
@@ -57,9 +57,8 @@ std::vector<std::uint8_t> Mf500Link::seal(std::uint8_t code, Mf500Status status,
     if (code != kMf500ExchangeBlock) mStream.crypt(values);
     if (next) mStream.setKey(*next);
     const auto number = static_cast<std::uint16_t>(status);
-    std::vector<std::uint8_t> message(sizeof number + values.size());
+    message.resize(sizeof number + values.size());
     message[0] = static_cast<std::uint8_t>(number);
     message[1] = static_cast<std::uint8_t>(number >> 8);
     std::ranges::copy(values, message.begin() + sizeof number);
-    return message;
 }

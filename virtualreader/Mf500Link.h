@@ -32,8 +32,8 @@ class Mf500Link {
     Mf500Status agree(std::span<const std::uint8_t> challenge, Values& values);
     /// Second half: what was derived, under the session key. If it is wrong the link is back in the clear.
     Mf500Status confirm(std::span<const std::uint8_t> confirmation);
-    /// The message of a reply.
-    std::vector<std::uint8_t> seal(std::uint8_t code, Mf500Status status, Values values);
+    /// Makes the message of a reply. The values are used up.
+    void seal(std::uint8_t code, Mf500Status status, Values& values, std::vector<std::uint8_t>& message);
 
   private:
     LinkKey newKey();

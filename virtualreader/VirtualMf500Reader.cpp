@@ -3,9 +3,17 @@
 #include <algorithm>
 #include <utility>
 
+namespace {
+
+constexpr std::size_t kLongestMessage = 4096;
+
+}  // namespace
+
 VirtualMf500Reader::VirtualMf500Reader(ReaderOptions options, std::shared_ptr<VirtualField> field)
-    : VirtualReader(std::move(field), hasFault), mOptions(options), mLink(mOptions),
-      mFirmware(VirtualReader::field(), mOptions) {
+    : VirtualReader(options, std::move(field), hasFault), mLink(VirtualReader::options()),
+      mFirmware(VirtualReader::field(), VirtualReader::options()) {
+    for (auto* buffer : {&mParameters, &mValues, &mMessage})
+        buffer->reserve(kLongestMessage);
     joinField();
 }
 
@@ -45,26 +53,27 @@ void VirtualMf500Reader::onBytes(Bytes message) {
     const std::uint8_t code = message[0];
     const FaultRule* fault = faultOf(code);
     if (fault && fault->effect == FaultEffect::noAnswer) return;
-    std::vector<std::uint8_t> parameters(message.begin() + 1, message.end());
-    mLink.open(code, parameters);
+    mParameters.assign(message.begin() + 1, message.end());
+    mLink.open(code, mParameters);
     countCommand(code);
-    handle(code, parameters, fault);
+    handle(code, fault);
     dropFallenTag();
 }
 
-void VirtualMf500Reader::handle(std::uint8_t code, Bytes parameters, const FaultRule* fault) {
+void VirtualMf500Reader::handle(std::uint8_t code, const FaultRule* fault) {
     const FaultEffect effect = fault ? fault->effect : FaultEffect::none;
     if (effect == FaultEffect::vanishBefore) return vanish();
     if (effect == FaultEffect::outOfStep) mLink.skipStream();
     if (fault) moveTags(*fault);
-    const Mf500Status status = execute(code, parameters, fault);
+    const Mf500Status status = execute(code, fault);
     if (effect == FaultEffect::vanishBetween) return vanish();
-    deliver(fault, mLink.seal(code, status, mValues));
+    mLink.seal(code, status, mValues, mMessage);
+    deliver(fault);
     if (effect == FaultEffect::vanishAfter) vanish();
 }
 
 /// Carries the command out, or puts in place of its reply what the fault says; leaves the values in mValues.
-Mf500Status VirtualMf500Reader::execute(std::uint8_t code, Bytes parameters, const FaultRule* fault) {
+Mf500Status VirtualMf500Reader::execute(std::uint8_t code, const FaultRule* fault) {
     const FaultEffect effect = fault ? fault->effect : FaultEffect::none;
     Mf500Status status = Mf500Status::ok;
     mValues.clear();
@@ -74,11 +83,11 @@ Mf500Status VirtualMf500Reader::execute(std::uint8_t code, Bytes parameters, con
     }
     if (code == kMf500Config) {
         mFirmware.configure();
-        status = mLink.agree(parameters, mValues);
+        status = mLink.agree(mParameters, mValues);
     } else if (code == kMf500ConfirmKey) {
-        status = mLink.confirm(parameters);
+        status = mLink.confirm(mParameters);
     } else {
-        status = mFirmware.execute(code, parameters, mValues);
+        status = mFirmware.execute(code, mParameters, mValues);
     }
     if (effect == FaultEffect::shortReply) mValues.resize(std::min<std::size_t>(mValues.size(), fault->value));
     if (effect == FaultEffect::pad) {
@@ -89,23 +98,23 @@ Mf500Status VirtualMf500Reader::execute(std::uint8_t code, Bytes parameters, con
 }
 
 /// Sends the reply as the fault has it.
-void VirtualMf500Reader::deliver(const FaultRule* fault, std::vector<std::uint8_t> message) {
+void VirtualMf500Reader::deliver(const FaultRule* fault) {
     switch (fault ? fault->effect : FaultEffect::none) {
     case FaultEffect::noReply:
         return;
     case FaultEffect::lateReply:
-        return hold(message);
+        return hold(mMessage);
     case FaultEffect::overdue:
-        return send(message, fault->value);
+        return send(mMessage, fault->value);
     case FaultEffect::replyTwice:
-        send(message);
-        return send(message);
+        send(mMessage);
+        return send(mMessage);
     case FaultEffect::cut:
-        return send(Bytes(message).first(std::min<std::size_t>(message.size(), fault->value)));
+        return send(Bytes(mMessage).first(std::min<std::size_t>(mMessage.size(), fault->value)));
     case FaultEffect::xorByte:
-        if (fault->offset < message.size()) message[fault->offset] ^= static_cast<std::uint8_t>(fault->value);
-        return send(message);
+        if (fault->offset < mMessage.size()) mMessage[fault->offset] ^= static_cast<std::uint8_t>(fault->value);
+        return send(mMessage);
     default:
-        return send(message);
+        return send(mMessage);
     }
 }

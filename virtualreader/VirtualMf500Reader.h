@@ -20,18 +20,19 @@ class VirtualMf500Reader : public VirtualReader {
 
     /// Faults of this model: those of a message link, all of the tags, and all of the blocks of cards.
     static bool hasFault(FaultEffect effect);
-    bool isLinkKeyed() const;
+    bool isLinkKeyed() const override;
 
   private:
     void onBytes(Bytes message) override;
     void onPowerLost() override;
 
-    void handle(std::uint8_t code, Bytes parameters, const FaultRule* fault);
-    Mf500Status execute(std::uint8_t code, Bytes parameters, const FaultRule* fault);
-    void deliver(const FaultRule* fault, std::vector<std::uint8_t> message);
+    void handle(std::uint8_t code, const FaultRule* fault);
+    Mf500Status execute(std::uint8_t code, const FaultRule* fault);
+    void deliver(const FaultRule* fault);
 
-    const ReaderOptions mOptions;
     Mf500Link mLink;
     Mf500Firmware mFirmware;
+    // Of the command under way; made once, so that a command costs no memory.
+    std::vector<std::uint8_t> mParameters, mMessage;
     Mf500Firmware::Values mValues;
 };

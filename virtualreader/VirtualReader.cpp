@@ -10,8 +10,8 @@ std::uint8_t babbleByte(std::uint64_t position) {
     return at < sizeof kHead ? kHead[at] : std::uint8_t{0xA5};
 }
 
-VirtualReader::VirtualReader(std::shared_ptr<VirtualField> field, FaultPlan::Suits suits)
-    : mField(field ? std::move(field) : std::make_shared<VirtualField>()), mFaults(suits) {}
+VirtualReader::VirtualReader(ReaderOptions options, std::shared_ptr<VirtualField> field, FaultPlan::Suits suits)
+    : mOptions(options), mField(field ? std::move(field) : std::make_shared<VirtualField>()), mFaults(suits) {}
 
 VirtualReader::~VirtualReader() = default;
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "FaultPlan.h"
+#include "ReaderOptions.h"
 #include "TagMemory.h"
 #include "VirtualField.h"
 
@@ -47,6 +48,8 @@ class VirtualReader : private VirtualField::Listener, private WritePower {
 
     VirtualField& field() { return *mField; }
     const VirtualField& field() const { return *mField; }
+    /// Options may be changed between commands, under the field's lock.
+    ReaderOptions& options() { return mOptions; }
 
     /// One sink at a time; null disconnects. What an earlier host left unfinished is forgotten.
     void connect(ReaderSink* sink);
@@ -70,6 +73,7 @@ class VirtualReader : private VirtualField::Listener, private WritePower {
     /// LED byte that the host sent last; 0 at first, and for a model without such a command.
     virtual std::uint8_t ledByte() const { return 0; }
     bool isFieldOn() const;
+    virtual bool isLinkKeyed() const = 0;
     /// How often a command with this code arrived soundly since the start.
     std::uint32_t commandCount(std::uint8_t code) const;
 
@@ -77,7 +81,7 @@ class VirtualReader : private VirtualField::Listener, private WritePower {
     using Bytes = std::span<const std::uint8_t>;
 
     /// Without a field it makes its own. `suits` tells the faults of the model, see FaultPlan.
-    explicit VirtualReader(std::shared_ptr<VirtualField> field, FaultPlan::Suits suits = nullptr);
+    VirtualReader(ReaderOptions options, std::shared_ptr<VirtualField> field, FaultPlan::Suits suits = nullptr);
     /// Takes its place at the field and leaves it: the last thing that a model's constructor does, and the first thing
     /// of its destructor.
     void joinField();
@@ -110,6 +114,7 @@ class VirtualReader : private VirtualField::Listener, private WritePower {
   private:
     std::optional<std::size_t> bytesUntilPowerLoss() override;
 
+    ReaderOptions mOptions;
     std::shared_ptr<VirtualField> mField;
     FaultPlan mFaults;
     ReaderSink* mSink = nullptr;

@@ -5,7 +5,7 @@
 #include <vector>
 
 VirtualTamaReader::VirtualTamaReader(ReaderOptions options, std::shared_ptr<VirtualField> field)
-    : VirtualReader(std::move(field)), mOptions(options), mFirmware(VirtualReader::field(), mOptions) {
+    : VirtualReader(options, std::move(field)), mFirmware(VirtualReader::field(), VirtualReader::options()) {
     joinField();
 }
 
@@ -54,7 +54,7 @@ void VirtualTamaReader::onCommand(HostFrame& frame) {
     const FaultRule* fault = faultOf(frame.command[0]);
     if (fault && fault->effect == FaultEffect::noAnswer) return;
     if (!mLink.open(frame)) {
-        if (!mOptions.errorToBadFrames) return;
+        if (!options().errorToBadFrames) return;
         send(kAckFrame);
         send(kErrorFrame);
         return;

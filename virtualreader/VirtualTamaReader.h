@@ -17,12 +17,9 @@ class VirtualTamaReader : public VirtualReader {
     explicit VirtualTamaReader(ReaderOptions options = {}, std::shared_ptr<VirtualField> field = {});
     ~VirtualTamaReader() override;
 
-    /// Options may be changed between commands, under the field's lock.
-    ReaderOptions& options() { return mOptions; }
-
     /// LED byte of the last command 26; 0 at first.
     std::uint8_t ledByte() const override;
-    bool isLinkKeyed() const;
+    bool isLinkKeyed() const override;
 
   private:
     void onBytes(Bytes bytes) override;
@@ -41,7 +38,6 @@ class VirtualTamaReader : public VirtualReader {
     void deliver(const FaultRule& fault, Bytes frame);
     void sendExtended(std::size_t total);
 
-    ReaderOptions mOptions;
     TamaLink mLink;
     TamaFirmware mFirmware;
     bool mBabbling = false;

@@ -2,16 +2,15 @@
 
 #include "BflStatus.h"
 #include "Clock.h"
-#include "Devices.h"
-#include "ReaderClasses.h"
 
 #include <algorithm>
 #include <new>
-#include <vector>
 
 namespace {
 
 constexpr std::size_t kStatusSize = 2;
+/// A reader that has been silent for so long has said all; one that never is, is waited for no longer than that.
+constexpr std::uint32_t kQuietMs = 20, kLongestMs = 500;
 
 short toStatus(platform::IoResult result) {
     switch (result) {
@@ -86,16 +85,12 @@ void* USB::operator new(std::size_t size) { return ::operator new(size); }
 void USB::operator delete(void* object) { ::operator delete(object); }
 
 short USB::OpenInterface() {
-    for (const ReaderClass& readerClass : kReaderClasses) {
-        std::vector<platform::DeviceInterface> devices;
-        if (readerClass.isTama || platform::listDeviceInterfaces(readerClass.guid, devices) != 0) continue;
-        if (!devices.empty()) return mNode.open(devices[0].path.c_str()) ? kBflOk : kBflDeviceFailed;
-    }
-    return kBflDeviceFailed;
+    mDevice = makeMf500Device();
+    return mDevice->open() ? kBflOk : kBflDeviceFailed;
 }
 
 short USB::CloseInterface() {
-    mNode.close();
+    mDevice.reset();
     return kBflOk;
 }
 
@@ -104,35 +99,43 @@ USBProtocol::~USBProtocol() = default;
 void* USBProtocol::operator new(std::size_t size) { return ::operator new(size); }
 void USBProtocol::operator delete(void* object) { ::operator delete(object); }
 
-void USBProtocol::dropLeftOvers() {
-    constexpr std::uint32_t kQuietMs = 20, kLongestMs = 500;
+void USBProtocol::dropLeftOvers(std::uint32_t quietMs) {
     platform::Clock& clock = platform::Clock::current();
     const std::uint64_t start = clock.nowMs();
     std::uint8_t scrap[64];
     std::size_t count = 0;
-    while (clock.nowMs() - start < kLongestMs && mUSB.mNode.read(scrap, count, kQuietMs) == platform::IoResult::done) {
+    while (clock.nowMs() - start < kLongestMs &&
+           mUSB.mDevice->read(scrap, count, quietMs) == platform::IoResult::done) {
     }
-    mInputStale = false;
 }
 
 short USBProtocol::SendCommand(CommandObject& command, std::uint32_t txTimeout, std::uint32_t rxTimeout) {
-    if (mInputStale) dropLeftOvers();
+    const bool isReplyDue = mIsReplyDue;
+    dropLeftOvers(isReplyDue ? kQuietMs : 0);
     SecretBytes<1 + CommandObject::kBufferSize> message;
     message[0] = command.mCode;
     std::copy_n(command.mCommand.data(), command.mCommandLength, message.data() + 1);
-    std::size_t count = 0;
-    const platform::IoResult sent = mUSB.mNode.write({message.data(), 1 + std::size_t{command.mCommandLength}}, count,
-                                                     txTimeout != 0 ? txTimeout : mTxTimeout);
+    const platform::IoResult sent = mUSB.mDevice->write({message.data(), 1 + std::size_t{command.mCommandLength}},
+                                                        txTimeout != 0 ? txTimeout : mTxTimeout);
     const short status = sent == platform::IoResult::done ? receive(command, rxTimeout) : toStatus(sent);
-    mInputStale = status != kBflOk;
+    mIsReplyDue = status != kBflOk;
+    if (isReplyDue && status == kBflOk) takeLastReply(command);
     return status;
+}
+
+// A reply tells nothing of its command: where an earlier one may still come in between, the last of them counts.
+void USBProtocol::takeLastReply(CommandObject& command) {
+    platform::Clock& clock = platform::Clock::current();
+    const std::uint64_t start = clock.nowMs();
+    while (clock.nowMs() - start < kLongestMs && receive(command, kQuietMs) == kBflOk) {
+    }
 }
 
 short USBProtocol::receive(CommandObject& command, std::uint32_t timeout) {
     SecretBytes<kStatusSize + CommandObject::kBufferSize> message;
     std::size_t count = 0;
     const platform::IoResult result =
-        mUSB.mNode.read({message.data(), message.size()}, count, timeout != 0 ? timeout : mRxTimeout);
+        mUSB.mDevice->read({message.data(), message.size()}, count, timeout != 0 ? timeout : mRxTimeout);
     if (result != platform::IoResult::done) return toStatus(result);
     if (count < kStatusSize) return kBflBadFrame;
     command.mStatus = static_cast<std::int16_t>(message[0] | message[1] << 8);

@@ -1,10 +1,11 @@
 #pragma once
 
-#include "DeviceNode.h"
+#include "Mf500Device.h"
 #include "SecretBytes.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 /// The library behind an MF RC500 reader: commands as objects, a protocol that carries them, and the interface to the
 /// device. The driver knows these operations and nothing of the messages.
@@ -65,7 +66,7 @@ class USB {
 
   private:
     friend class USBProtocol;
-    platform::DeviceNode mNode;
+    std::unique_ptr<Mf500Device> mDevice;  // null until it is open
 };
 
 /// Lives no longer than the interface that it was made for. Times are milliseconds.
@@ -77,17 +78,18 @@ class USBProtocol {
     static void operator delete(void* object);
 
     /// Sends the command, waits for the reply and fills in status and data. @return 0; -1001 when the link failed or
-    /// closed, -1027 after a time-out, -1012 for a reply without a status. What comes after a time-out is dropped
-    /// before the next command.
+    /// closed, -1027 after a time-out, -1012 for a reply without a status. What has come before the command is dropped;
+    /// after a time-out the last of several replies counts.
     virtual short SendCommand(CommandObject& command, std::uint32_t txTimeout, std::uint32_t rxTimeout);
     virtual void SetRxTimeout(std::uint32_t timeout) { mRxTimeout = timeout; }
     virtual void SetTxTimeout(std::uint32_t timeout) { mTxTimeout = timeout; }
 
   private:
     short receive(CommandObject& command, std::uint32_t timeout);
-    void dropLeftOvers();
+    void dropLeftOvers(std::uint32_t quietMs);
+    void takeLastReply(CommandObject& command);
 
     USB& mUSB;
     std::uint32_t mRxTimeout = 0, mTxTimeout = 0;
-    bool mInputStale = false;
+    bool mIsReplyDue = false;  // the last command failed, and its reply may still come
 };
