@@ -9,6 +9,7 @@ class CipherCommandObject : public CommandObject {
   public:
     /// Copies 16 bytes and starts the stream; null sets the zero key, with which nothing is scrambled.
     void setKey(const std::uint8_t* key) { mCipher.setKey(key); }
+    bool hasKey() const { return mCipher.hasKey(); }
     /// Scrambles the parameters; the command code stays plain.
     void encryptCommand();
     void decryptResponse();

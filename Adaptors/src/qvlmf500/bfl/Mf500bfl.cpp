@@ -106,10 +106,13 @@ short Mf500bfl::sendCommand(const char* operation, bool& sent) {
     sent = false;
     if (mProtocol && mTimeOutsInARow >= kMostTimeOutsInARow) {
         status = kBflDeviceTimedOut;
+    } else if (mProtocol && isOutOfStep()) {
+        status = kBflDeviceFailed;
     } else if (mProtocol) {
         status = mProtocol->SendCommand(*mCommand, kCommandTimeout, kCommandTimeout);
         sent = status == kBflOk;
         mTimeOutsInARow = status == kBflDeviceTimedOut ? mTimeOutsInARow + 1 : 0;
+        mIsKeyDue = !sent || mCommand->GetDataBufferLength() > 0;
     }
     if (!sent) QVL_LOG(kLogFailure, "Mf500bfl::%s send command failed %d", operation, status);
     return sent ? static_cast<short>(mCommand->GetStatus()) : status;
@@ -138,8 +141,13 @@ short Mf500bfl::conclude(const Outcome& outcome) {
 void Mf500bfl::processSecretKey() {
     if (!mIsQvlDevice) return;
     KeyValue key;
-    if (mCommand->GetParam(key.data(), kKeySize) == kBflOk) mCommand->setKey(key.data());
+    if (mCommand->GetParam(key.data(), kKeySize) != kBflOk) return;
+    mCommand->setKey(key.data());
+    mIsKeyDue = false;
 }
+
+// Under another key the reader would find other parameters in a command: a write could hit any block, with any bytes.
+bool Mf500bfl::isOutOfStep() const { return mIsQvlDevice && mIsKeyDue && mCommand->hasKey(); }
 
 short Mf500bfl::run(const Command& command, std::initializer_list<Param> sent, std::initializer_list<Field> reply) {
     const OperationLock lock = lockOperation();
@@ -198,6 +206,7 @@ short Mf500bfl::pcdConfig2(std::uint8_t* confirmation, std::uint8_t* sessionKey)
     const short status = sendCommand("pcdConfig2", hasReply);
     if (hasReply && status != kBflOk) QVL_LOG(kLogFailure, "Mf500bfl::pcdConfig2 failed %d", status);
     mIsQvlDevice = true;
+    mIsKeyDue = !hasReply;
     return status;
 }
 

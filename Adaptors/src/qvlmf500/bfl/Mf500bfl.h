@@ -11,8 +11,8 @@ class USBProtocol;
 /// Driver of an MF RC500 reader. It finds its device by itself; a device name plays no part. Every operation is one
 /// command of the reader. What the reader says in a reply reaches the caller's buffers even when its status is not 0. A
 /// reader that takes part in the key agreement of pcdConfig scrambles from then on, under a key that comes anew with
-/// each reply; if the two lose step, pcdConfig brings them back. An operation on a closed driver returns 0 and does
-/// nothing, apart from a log line.
+/// each reply. When a reply or its key is lost, all commands fail until pcdConfig brings the two back into step. An
+/// operation on a closed driver returns 0 and does nothing, apart from a log line.
 class QVL_API Mf500bfl : public Qvl14443bfl {
   public:
     Mf500bfl();
@@ -84,10 +84,12 @@ class QVL_API Mf500bfl : public Qvl14443bfl {
     QVL_INTERNAL short takeUid(std::uint8_t* uid, std::uint8_t length);
     QVL_INTERNAL short agreeKey(const std::uint8_t* expected);
     QVL_INTERNAL void processSecretKey();
+    QVL_INTERNAL bool isOutOfStep() const;
 
     // Copies of a driver share these. The order is that of their destruction, backwards.
     std::shared_ptr<USB> mUSB;                      // null until the interface is open
     std::shared_ptr<USBProtocol> mProtocol;         // null until the interface is open
     std::shared_ptr<CipherCommandObject> mCommand;  // reused for every command
     int mTimeOutsInARow = 0;
+    bool mIsKeyDue = false;  // of a secured reader: it has a key that did not arrive
 };
