@@ -76,15 +76,20 @@ void QvlMf500ReaderImpl::useTama(const char* path) {
     auto tama = NfcTamaBfl::acquire();
     if (!tama) throw std::bad_alloc();
     if (*path != '\0') tama->setDeviceName(asName(path));
-    mScannedPath = path;
-    mTcl->setDriver(std::move(tama));
+    install(std::move(tama), path);
 }
 
 void QvlMf500ReaderImpl::useMf500(const char* path) {
     auto mf500 = std::make_shared<Mf500bfl>();
     if (*path != '\0') mf500->setDeviceName(asName(path));
+    install(std::move(mf500), path);
+}
+
+// Another driver is closed, and what a closed one says is not to be taken for a tag or for its data.
+void QvlMf500ReaderImpl::install(std::shared_ptr<Qvl14443bfl> bfl, const char* path) {
+    if (bfl != driver()) mInitialised = false;
     mScannedPath = path;
-    mTcl->setDriver(std::move(mf500));
+    mTcl->setDriver(std::move(bfl));
 }
 
 void QvlMf500ReaderImpl::findUsbDll() {

@@ -93,6 +93,8 @@ short QvlMf500ReaderImpl::piccActivateWakup(Qvl14443bfl& bfl, std::uint8_t* atq,
         const auto level = static_cast<std::uint8_t>(selectCode);
         std::uint8_t part[kCascadePart] = {};
         short status = bfl.piccCascAnticoll(level, 0, part);
+        const bool isEmpty = std::ranges::all_of(part, [](std::uint8_t byte) { return byte == 0; });
+        if (status == kBflOk && isEmpty && level == kFirstSelectCode) status = kNoTag;
         if (status == kBflOk) status = bfl.piccCascSelect(level, part, sak);
         if (status != kBflOk) {
             QVL_LOG(kLogFailure, "piccActivateWakeup anticollision failed=%d", status);

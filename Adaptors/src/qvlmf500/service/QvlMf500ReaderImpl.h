@@ -179,6 +179,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     void chooseDriver(int scanStatus);
     void useTama(const char* path);
     void useMf500(const char* path);
+    void install(std::shared_ptr<Qvl14443bfl> bfl, const char* path);
     void findUsbDll();
 
     // Polling.cpp
