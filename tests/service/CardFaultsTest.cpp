@@ -57,7 +57,7 @@ class CardFaults : public ::testing::TestWithParam<Talk> {
     }
     /// Of the exchange, of the waits, of the activation; or of the driver and of the reader itself.
     static bool isDocumented(int status) {
-        static const std::set<int> known{kOk, kCancelled, kWaitOver, -1, -48, -52, -53, -60, -100};
+        static const std::set<int> known{kOk, kCancelled, kWaitOver, -1, -23, -48, -52, -53, -60, -100};
         return known.count(status) > 0 || (status > 0 && status < 256) || (status < -1000 && status > -1100);
     }
     void sweep(const std::string& when, std::uint32_t count, const std::vector<const char*>& effects) {
@@ -66,19 +66,15 @@ class CardFaults : public ::testing::TestWithParam<Talk> {
             for (std::uint32_t at = 1; at <= count; ++at)
                 for (const char* from : {" ", " from "})
                     for (const bool retry : {false, true}) {
-                        // One block behind for ever, its answers can pass for those of this command.
-                        if (from[1] != '\0' && effect == std::string("previous")) continue;
+                        if (when == "any" && !place.hasFault(effect)) continue;
+                        // Blocks that are out by one for ever can pass for those of this command.
+                        static const std::set<std::string> isOutByOne{"previous", "wrong number", "xor 0 01"};
+                        if (from[1] != '\0' && isOutByOne.count(effect) > 0) continue;
                         const std::string rule = when + from + std::to_string(at) + " " + effect;
                         const std::string wrong = survives(rule, retry);
                         EXPECT_EQ(wrong, "") << rule << (retry ? " with retry" : "");
                         ASSERT_LT(failures += wrong.empty() ? 0 : 1, 5);
                     }
-    }
-    std::uint32_t commands() {
-        std::uint32_t all = 0;
-        for (int code = 0; code < 256; ++code)
-            all += place.reader->commandCount(static_cast<std::uint8_t>(code));
-        return all;
     }
 
     Workplace place;
@@ -89,9 +85,9 @@ class CardFaults : public ::testing::TestWithParam<Talk> {
 };
 
 TEST_P(CardFaults, OfTheCardEndInTheRightAnswerOrInADocumentedStatus) {
-    const std::uint32_t before = place.reader->commandCount(0x42);
+    const std::uint32_t before = place.heard(Op::exchangeBlock);
     ASSERT_EQ(survives("block 1000 lost", false), "");
-    const std::uint32_t blocks = (place.reader->commandCount(0x42) - before) / 2;
+    const std::uint32_t blocks = (place.heard(Op::exchangeBlock) - before) / 2;
     ASSERT_GE(blocks, 1u);
     sweep("block", blocks,
           {"lost",     "late",     "previous", "wrong number", "ack",      "empty chain", "deaf",   "xor 0 01",
@@ -101,9 +97,9 @@ TEST_P(CardFaults, OfTheCardEndInTheRightAnswerOrInADocumentedStatus) {
 }
 
 TEST_P(CardFaults, OfTheReaderEndInTheRightAnswerOrInADocumentedStatus) {
-    const std::uint32_t before = commands();
+    const std::uint32_t before = place.heardInAll();
     ASSERT_EQ(survives("block 1000 lost", false), "");
-    const std::uint32_t all = (commands() - before) / 2;
+    const std::uint32_t all = (place.heardInAll() - before) / 2;
     sweep("any", all,
           {"no answer", "no ack", "no reply", "nack", "wrong ack", "error", "late reply", "reply twice",
            "wrong checksum", "wrong code", "status 01", "status 02", "cut 8", "short 0", "vanish before",

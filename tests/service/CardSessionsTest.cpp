@@ -2,7 +2,6 @@
 
 #include "BflStatus.h"
 #include "CommandDoor.h"
-#include "ReaderClasses.h"
 
 namespace {
 
@@ -11,7 +10,7 @@ const Bytes kOther{0x08, 4, 5, 6};
 const Bytes kHello{0x80, 0x01, 0x00};
 const Bytes kHelloBack{0x80, 0x01, 0x00, 0x90, 0x00};
 
-class CardSession : public ::testing::TestWithParam<Line> {
+class CardSession : public OnALine {
   protected:
     CardSession() : place(GetParam()), adaptor(place.start()), door(adaptor) {
         EXPECT_TRUE(adaptor.initReader());
@@ -23,17 +22,14 @@ class CardSession : public ::testing::TestWithParam<Line> {
     CommandDoor door;
     std::string card;
 };
-INSTANTIATE_TEST_SUITE_P(Over, CardSession, ::testing::Values(Line::inProcess, Line::terminal, Line::socket),
-                         [](const auto& line) {
-                             return line.param == Line::inProcess  ? "Process"
-                                    : line.param == Line::terminal ? "Terminal"
-                                                                   : "Socket";
-                         });
+INSTANTIATE_TEST_SUITE_P(Over, CardSession, ::testing::ValuesIn(kLines), [](const auto& line) {
+    return line.param == Line::inProcess ? "Process" : line.param == Line::terminal ? "Terminal" : "Socket";
+});
 
 TEST_P(CardSession, RunsFromTheWaitToTheDeselection) {
     EXPECT_EQ(door.wait(), kOk);
     EXPECT_EQ(Bytes(door.tag.getUid(), door.tag.getUid() + door.tag.getUidLen()), kUid);
-    EXPECT_EQ(door.cid, 0);
+    EXPECT_EQ(door.cid, isMf500UnderTest()) << "the first number";
     EXPECT_EQ(door.ats, (Bytes{0x06, 0x75, 0x77, 0x81, 0x02, 0x80}));
     EXPECT_EQ(place.poll(), "") << "polling is suspended";
     EXPECT_EQ(door.send(kUid, kHello), kOk);
@@ -52,6 +48,10 @@ TEST_P(CardSession, RunsFromTheWaitToTheDeselection) {
 }
 
 TEST_P(CardSession, RelaysTheReadersOwnCommands) {
+    if (isMf500UnderTest()) {
+        EXPECT_EQ(door.relay({0x63}), kNotImplemented) << "a reader behind a closed library";
+        return;
+    }
     EXPECT_EQ(door.relay({0x02}), kOk);
     EXPECT_EQ(door.answer.at(0), 0x03) << "the reply from its code on";
     EXPECT_EQ(door.answer.size(), 3u);
@@ -140,9 +140,9 @@ TEST_F(Door, WaitsAsLongAsItIsTold) {
     place.settings("WAITTIME=0\n");
     adaptor.loadReaderConfig();
     EXPECT_EQ(door.wait({}, 0), kWaitOver);
-    EXPECT_EQ(place.reader->commandCount(0x4A), 1u) << "no attempt at all";
+    EXPECT_EQ(place.heard(Op::activate), 1u) << "no attempt at all";
     EXPECT_EQ(place.poll(), "") << "polling goes on, and the field is empty";
-    EXPECT_EQ(place.reader->commandCount(0x4A), 2u);
+    EXPECT_EQ(place.heard(Op::activate), 2u);
 
     const OpenPrompt surface;
     adaptor.setTagPromptFlag(true);
@@ -167,28 +167,30 @@ TEST_F(Door, WaitsAsLongAsItIsTold) {
     EXPECT_EQ(place.poll(), "");
 }
 
-TEST_F(Door, HoldsSixteenCardsAndRefusesTheSeventeenth) {
+TEST_F(Door, HoldsManyCardsAndRefusesOneMore) {
+    // An MF RC500 gives its numbers to the cards, from 1 on, and 15 is one that no card takes.
+    const int room = isMf500UnderTest() ? 14 : 16, full = isMf500UnderTest() ? -1 : -45;
     const auto uidOf = [](int i) { return Bytes{0x08, 0x20, 0x30, static_cast<std::uint8_t>(i)}; };
     std::vector<std::string> names;
-    for (int i = 0; i < 17; ++i)
+    for (int i = 0; i <= room; ++i)
         names.push_back(place1(uidOf(i)));
     const auto alone = [&](int i) {
-        for (int j = 0; j < 17; ++j)
+        for (int j = 0; j <= room; ++j)
             place.reader->field().setPresent(names[static_cast<std::size_t>(j)], j == i);
     };
-    for (int i = 0; i < 16; ++i) {
+    for (int i = 0; i < room; ++i) {
         alone(i);
         EXPECT_EQ(door.send(uidOf(i), kHello), kOk) << i;
     }
-    alone(16);
-    EXPECT_EQ(door.send(uidOf(16), kHello), -45);
+    alone(room);
+    EXPECT_EQ(door.send(uidOf(room), kHello), full);
     alone(3);
     EXPECT_EQ(door.send(uidOf(3), kHello, true), kOk) << "known, gone meanwhile, and woken again";
     EXPECT_EQ(door.deselect(uidOf(3)), kOk);
-    alone(16);
-    EXPECT_EQ(door.send(uidOf(16), kHello), kOk) << "there is room again";
+    alone(room);
+    EXPECT_EQ(door.send(uidOf(room), kHello), kOk) << "there is room again";
     EXPECT_EQ(door.wait(), kOk);
-    EXPECT_EQ(door.cid, 0) << "a wait empties the table";
+    EXPECT_EQ(door.cid, isMf500UnderTest()) << "a wait empties the table";
 }
 
 TEST_F(Door, TriesAFailedExchangeOnceMoreIfAsked) {
@@ -232,6 +234,8 @@ TEST_F(Door, DeliversTheRestOfALongAnswerByTheNextCall) {
 TEST_F(Door, ServesCardsOfEveryFrameSizeAndWithoutInterfaceBytes) {
     for (const Bytes& ats :
          {Bytes{}, Bytes{0x00}, Bytes{0x08}, Bytes{0x70, 0x00, 0x40, 0x00}, Bytes{0x78, 0, 0x40, 2}}) {
+        // A card that tells nothing is spoken to without a number, but an MF RC500 has given it one.
+        if (isMf500UnderTest() && ats.empty()) continue;
         const std::string name = place.reader->field().place(scriptedCard(kUid, ats));
         EXPECT_EQ(door.wait(), kOk);
         EXPECT_EQ(door.send(kUid, kHello), kOk);
@@ -241,13 +245,6 @@ TEST_F(Door, ServesCardsOfEveryFrameSizeAndWithoutInterfaceBytes) {
         EXPECT_EQ(door.deselect(kUid), kOk);
         place.reader->field().remove(name);
     }
-}
-
-TEST(TheOtherReader, RelaysNothing) {
-    Workplace place;
-    place.root.write(std::string(kReaderClasses[3].guid) + "/reader", "");
-    CommandDoor door(place.start());
-    EXPECT_EQ(door.relay({0x02}), kNotImplemented);
 }
 
 }  // namespace

@@ -8,8 +8,11 @@
 
 namespace {
 
-// The commands of one start and one forced poll with a tag, in order of their first use.
-const char* const kCommands[] = {"1C", "1E", "32", "12", "26", "4A", "44"};
+/// The commands of one start and one forced poll with a tag, in order of their first use.
+std::vector<const char*> commands() {
+    if (isMf500UnderTest()) return {"10", "09", "20", "43", "1D"};
+    return {"1C", "1E", "32", "12", "26", "4A", "44"};
+}
 
 class FaultSweep : public ::testing::Test {
   protected:
@@ -27,7 +30,7 @@ class FaultSweep : public ::testing::Test {
         place.adaptor->initReader();
         for (const bool forced : {false, true, false}) {
             const std::string found = place.poll(forced);
-            ASSERT_TRUE(found.empty() || found == "deadbeef 2002") << found;
+            ASSERT_TRUE(found.empty() || found == "deadbeef 2002" || mayFlip) << found;
         }
         EXPECT_LE(place.clock->nowMs() - start, 60000u);
         place.reader->clearFaults();
@@ -38,6 +41,8 @@ class FaultSweep : public ::testing::Test {
     }
 
     Workplace place;
+    /// Bytes of a reply change unseen.
+    bool mayFlip = false;
 };
 
 TEST_F(FaultSweep, EachKindOfFaultAtEachCommand) {
@@ -48,14 +53,18 @@ TEST_F(FaultSweep, EachKindOfFaultAtEachCommand) {
         "short 3",        "pad 1",         "pad 200",        "extended 1023",  "extended 1024", "extended 1025",
         "extended 65545", "vanish before", "vanish between", "vanish after",   "out of step",   "endless",
     };
-    for (const char* command : kCommands)
+    for (const char* command : commands())
         for (const char* effect : kEffects)
-            for (const char* when : {" 1 ", " 2 ", " from 1 "})
+            for (const char* when : {" 1 ", " 2 ", " from 1 "}) {
+                if (!place.hasFault(effect)) continue;
+                mayFlip = isMf500UnderTest() && effect[0] == 's';  // its messages do not tell what they hold
                 ASSERT_NO_FATAL_FAILURE(survives(command + std::string(when) + effect));
+            }
 }
 
 TEST_F(FaultSweep, EachByteOfTheRepliesFlipped) {
-    for (const char* command : kCommands)
+    mayFlip = isMf500UnderTest();  // its messages carry no check sum: that is the business of USB
+    for (const char* command : commands())
         for (int offset = 0; offset < 54; ++offset)
             for (const char* mask : {" 01", " 80", " FF"})
                 ASSERT_NO_FATAL_FAILURE(
@@ -63,27 +72,23 @@ TEST_F(FaultSweep, EachByteOfTheRepliesFlipped) {
 }
 
 TEST_F(FaultSweep, EachLengthByteAndEachTruncationOfAnActivation) {
+    mayFlip = isMf500UnderTest();
+    const std::string activate = isMf500UnderTest() ? "43" : "4A", lengthAt = isMf500UnderTest() ? "5" : "3";
     for (int value = 0; value < 256; ++value) {
-        char text[32];
-        std::snprintf(text, sizeof text, "4A from 1 xor 3 %02X", value);
-        ASSERT_NO_FATAL_FAILURE(survives(text));
+        char text[8];
+        std::snprintf(text, sizeof text, " %02X", value);
+        ASSERT_NO_FATAL_FAILURE(survives(activate + " from 1 xor " + lengthAt + text));
     }
     for (int size = 0; size < 22; ++size)
-        ASSERT_NO_FATAL_FAILURE(survives("4A from 1 cut " + std::to_string(size)));
+        ASSERT_NO_FATAL_FAILURE(survives(activate + " from 1 cut " + std::to_string(size)));
 }
 
 TEST_F(FaultSweep, AReaderThatFallsSilentIsGivenUpSoon) {
     ASSERT_TRUE(place.adaptor->initReader());
     place.reader->addFaults("any from 1 no answer");
-    const auto asked = [this] {
-        std::uint32_t all = 0;
-        for (int code = 0; code < 256; ++code)
-            all += place.reader->commandCount(static_cast<std::uint8_t>(code));
-        return all;
-    };
-    const std::uint32_t before = asked();
+    const std::uint32_t before = place.heardInAll();
     EXPECT_EQ(place.adaptor->haltAllTag(true), kOk);
-    EXPECT_LE(asked() - before, 12u) << "no operation pays for more than a few time-outs in a row";
+    EXPECT_LE(place.heardInAll() - before, 12u) << "no operation pays for more than a few time-outs in a row";
     EXPECT_FALSE(place.adaptor->initReader());
     place.reader->clearFaults();
     EXPECT_TRUE(place.adaptor->initReader());
@@ -91,11 +96,11 @@ TEST_F(FaultSweep, AReaderThatFallsSilentIsGivenUpSoon) {
 
 TEST_F(FaultSweep, ATagThatComesAndGoesInTheMiddle) {
     for (const char* effect : {"tag gone", "tag blinks", "tag swapped"})
-        for (const char* command : {"4A", "44", "32"})
-            for (const char* when : {" 1 ", " 2 ", " 3 "}) {
-                SCOPED_TRACE(command + std::string(when) + effect);
+        for (const Op op : {Op::activate, Op::halt, Op::fieldReset})
+            for (const char* when : {"1 ", "2 ", "3 "}) {
+                SCOPED_TRACE(std::string(when) + effect);
                 place.reader->clearFaults();
-                ASSERT_EQ(place.reader->addFaults(command + std::string(when) + effect), "");
+                ASSERT_EQ(place.spoil(op, std::string(when) + effect), "");
                 for (const bool forced : {true, false, true}) {
                     const std::string found = place.poll(forced);
                     EXPECT_TRUE(found.empty() || found == "deadbeef 2002" || found == "deadbe10 2002") << found;

@@ -8,29 +8,32 @@ namespace {
 
 constexpr std::uint8_t kLedCommand = 0x26;
 
-class OnEachLine : public ::testing::TestWithParam<Line> {};
-INSTANTIATE_TEST_SUITE_P(Lines, OnEachLine, ::testing::Values(Line::inProcess, Line::terminal, Line::socket));
+class OnEachLine : public OnALine {};
+INSTANTIATE_TEST_SUITE_P(Lines, OnEachLine, ::testing::ValuesIn(kLines));
 
 TEST_P(OnEachLine, TheReaderComesUpTellsOfItselfAndGoesDown) {
     Workplace place(GetParam());
     ReaderImpl& adaptor = place.start();
     EXPECT_STREQ(adaptor.getAdaptorName(), "QVLMF500");
-    std::uint8_t id[6] = {}, version[55];
+    std::uint8_t id[6] = {}, version[55] = {};
     std::uint16_t length = 0;
-    EXPECT_EQ(adaptor.getReaderId(id, length), kReaderFailed) << "nothing is open yet";
+    const auto& serial = place.reader->options().serialNumber;
+    const Bytes expected(isMf500UnderTest() ? serial.begin() + 2 : serial.begin(), serial.end());
+    const int closed = isMf500UnderTest() ? kOk : kReaderFailed;  // the one says 0 to everything while it is closed
+    EXPECT_EQ(adaptor.getReaderId(id, length), closed) << "nothing is open yet";
     ASSERT_TRUE(adaptor.initReader());
     EXPECT_TRUE(place.reader->isFieldOn());
     EXPECT_TRUE(place.reader->isLinkKeyed());
     EXPECT_EQ(adaptor.getReaderId(id, length), kOk);
-    EXPECT_EQ(length, 6);
-    EXPECT_TRUE(std::ranges::equal(id, place.reader->options().serialNumber));
+    EXPECT_EQ(Bytes(id, id + length), expected);
     EXPECT_EQ(adaptor.getReaderFwVersion(version, length), kOk);
-    EXPECT_STREQ(reinterpret_cast<char*>(version), "NFC Reader/Writer 2.1.03 for VID 0x04CC PID 0x0531");
+    EXPECT_STREQ(reinterpret_cast<char*>(version),
+                 isMf500UnderTest() ? "MF RC500 2.1.3" : "NFC Reader/Writer 2.1.03 for VID 0x04CC PID 0x0531");
     EXPECT_EQ(adaptor.getReaderId(nullptr, length), kReaderFailed);
     EXPECT_EQ(adaptor.getReaderFwVersion(nullptr, length), kReaderFailed);
     EXPECT_TRUE(adaptor.stopReader());
     EXPECT_FALSE(place.reader->isFieldOn());
-    EXPECT_EQ(adaptor.getReaderId(id, length), kReaderFailed);
+    EXPECT_EQ(adaptor.getReaderId(id, length), closed);
     ASSERT_TRUE(adaptor.initReader());
     EXPECT_TRUE(adaptor.stopReader());
     EXPECT_TRUE(adaptor.stopReader());
@@ -39,6 +42,7 @@ TEST_P(OnEachLine, TheReaderComesUpTellsOfItselfAndGoesDown) {
 }
 
 TEST(TheReader, RestoresItsLedAfterEachInit) {
+    if (isMf500UnderTest()) GTEST_SKIP() << "no LED command";
     Workplace place;
     ReaderImpl& adaptor = place.start();
     for (const auto& [led, sent] : {std::pair{0x21, 2u}, {0x61, 3u}}) {  // LED 1 and LED 3, which is on already then
@@ -78,8 +82,10 @@ TEST(TheReader, SwitchesItsLeds) {
         const std::uint32_t before = place.reader->commandCount(kLedCommand);
         EXPECT_EQ(adaptor.switchReaderLED(c.led, c.ctrl, c.dur), c.status) << int{c.led} << int{c.ctrl} << int{c.dur};
         const bool sent = place.reader->commandCount(kLedCommand) != before;
-        EXPECT_EQ(sent ? place.reader->ledByte() : -1, c.sent) << int{c.led} << int{c.ctrl} << int{c.dur};
+        EXPECT_EQ(sent ? place.reader->ledByte() : -1, isMf500UnderTest() ? -1 : c.sent)
+            << int{c.led} << int{c.ctrl} << int{c.dur};
     }
+    if (isMf500UnderTest()) return;  // no LED command, which could be refused
     place.reader->addFaults("26 from 1 status 01");
     EXPECT_EQ(adaptor.switchReaderLED(3, 0, 5), kReaderFailed);
     place.reader->clearFaults();
@@ -90,9 +96,10 @@ TEST(TheReader, SwitchesItsLeds) {
 TEST(TheReader, IsConfiguredInAtMostTwoTries) {
     Workplace place;
     ReaderImpl& adaptor = place.start();
-    place.reader->addFaults("12 1 error");
+    place.spoil(Op::configure, "1 " + place.refusal());
     EXPECT_TRUE(adaptor.initReader());
-    place.reader->addFaults("12 1 error\n12 2 error");
+    place.spoil(Op::configure, "1 " + place.refusal());
+    place.spoil(Op::configure, "2 " + place.refusal());
     EXPECT_FALSE(adaptor.initReader());
     EXPECT_TRUE(adaptor.initReader());
 }
@@ -103,9 +110,12 @@ TEST(TheReader, IsServedWithALinkKeyThatChangesOnTheWayAndInTheClear) {
     keyed.placeClassic();
     ASSERT_TRUE(keyed.adaptor->initReader());
     const std::uint32_t agreed = keyed.reader->commandCount(0x1C);
+    EXPECT_TRUE(keyed.reader->isLinkKeyed());
     for (int i = 0; i < 200; ++i)
         ASSERT_EQ(keyed.poll(true), "deadbeef 2002") << i;
-    EXPECT_GT(keyed.reader->commandCount(0x1C), agreed);
+    if (!isMf500UnderTest()) {  // where the key changes with each reply, nothing is agreed again
+        EXPECT_GT(keyed.reader->commandCount(0x1C), agreed);
+    }
     for (const bool zeroKey : {false, true}) {
         ReaderOptions options;
         options.knowsLinkKey = zeroKey;
@@ -123,12 +133,13 @@ TEST(TheReader, IsServedWithALinkKeyThatChangesOnTheWayAndInTheClear) {
 }
 
 TEST(TheReader, KeepsItsBaudRateWhenItIsOpenedAgain) {
+    if (isMf500UnderTest()) GTEST_SKIP() << "no serial port";
     Workplace place;
     place.settings("SERIAL_BAUDRATE=115200\n");
     std::vector<std::string> opened;
     setTamaDeviceFactory([&](const TamaDeviceRequest& request) {
         opened.push_back(std::string(request.name) + " " + std::to_string(request.baudRate));
-        return std::make_unique<VirtualTamaDevice>(place.reader);
+        return std::make_unique<VirtualTamaDevice>(std::dynamic_pointer_cast<VirtualTamaReader>(place.reader));
     });
     place.start();
     EXPECT_TRUE(place.adaptor->initReader());
@@ -137,13 +148,11 @@ TEST(TheReader, KeepsItsBaudRateWhenItIsOpenedAgain) {
 }
 
 TEST(AScan, ChoosesTheReaderAnewWhenADeviceEventAsks) {
-    Workplace place;
-    place.clock.reset();  // real devices, real time
-    setTamaDeviceFactory({});
+    Workplace place(Line::socket);
+    place.unplug();
     place.start();
     EXPECT_FALSE(place.adaptor->initReader()) << "nothing on the serial port";
-    SocketEndpoint usb(place.reader, place.root.path(), kTamaClass, "usb");
-    ASSERT_EQ(usb.start(), "");
+    place.connect();
     place.adaptor->scanUSBDevice(1);
     EXPECT_FALSE(place.adaptor->initReader()) << "scans are at least half a second apart";
     ManualClock clock;
@@ -151,11 +160,11 @@ TEST(AScan, ChoosesTheReaderAnewWhenADeviceEventAsks) {
     place.adaptor->scanUSBDevice(0);
     EXPECT_TRUE(place.reader->isFieldOn()) << "event 0 starts the reader as well";
     clock.advance(500);
-    usb.stop();
+    place.unplug();
     place.adaptor->scanUSBDevice(0);
     EXPECT_EQ(place.poll(), "");
     // After event 0 a failed start does not scan; the next device event changes that.
-    ASSERT_EQ(usb.start(), "");
+    place.connect();
     clock.advance(499);
     EXPECT_EQ(place.poll(), "");
     EXPECT_EQ(place.poll(), "");
@@ -170,18 +179,18 @@ TEST(AScan, ChoosesTheReaderAnewWhenADeviceEventAsks) {
 
 TEST(AScan, ThatFailsInstallsTheOtherDriver) {
     Workplace place;
-    place.root.write(kTamaClass, "no directory");
+    place.root.write(kReaderClasses[0].guid, "no directory");
     place.start();
-    EXPECT_FALSE(place.adaptor->initReader());
+    EXPECT_EQ(place.adaptor->initReader(), isMf500UnderTest());
     std::uint8_t id[6];
     std::uint16_t length = 0;
-    EXPECT_EQ(place.adaptor->getReaderId(id, length), kOk)
-        << "the other driver says 0 to everything while it is closed";
+    EXPECT_EQ(place.adaptor->getReaderId(id, length), kOk) << "this driver says 0 to everything while it is closed";
     EXPECT_EQ(length, 4);
     EXPECT_EQ(place.poll(), "");
 }
 
 TEST(TwoAdaptors, ShareTheOneDriver) {
+    if (isMf500UnderTest()) GTEST_SKIP() << "each has a driver of its own, and the device serves one at a time";
     for (const bool firstGoesFirst : {true, false}) {
         Workplace place;
         place.placeClassic();

@@ -1,5 +1,6 @@
 // A link that lost a frame, and how it comes back.
 
+#include "Mf500bfl.h"
 #include "NfcTamaBfl.h"
 #include "Workplace.h"
 
@@ -7,9 +8,15 @@
 
 namespace {
 
+std::shared_ptr<Qvl14443bfl> newDriver() {
+    if (isMf500UnderTest()) return std::make_shared<Mf500bfl>();
+    return NfcTamaBfl::acquire();
+}
+
 class ALostFrame : public ::testing::TestWithParam<const char*> {
   protected:
-    ALostFrame() {
+    void SetUp() override {
+        if (!place.hasFault(GetParam())) GTEST_SKIP() << "a link of messages has no such frames";
         place.start();
         place.placeClassic();
         EXPECT_TRUE(place.adaptor->initReader());
@@ -21,19 +28,19 @@ INSTANTIATE_TEST_SUITE_P(OfAnyKind, ALostFrame,
                                            "reply twice", "wrong ack", "endless"));
 
 TEST_P(ALostFrame, CostsFewUnforcedPolls) {
-    for (const char* command : {"4A", "44"}) {
-        ASSERT_EQ(place.reader->addFaults(command + std::string(" 1 ") + GetParam()), "");
+    for (const Op op : {Op::activate, Op::halt}) {
+        ASSERT_EQ(place.spoil(op, std::string("1 ") + GetParam()), "");
         int polls = 1;
         while (place.poll() != "deadbeef 2002" && polls < 10) {
             ++polls;
             place.reader->field().clear();
             place.placeClassic();
         }
-        EXPECT_LE(polls, 4) << command;
+        EXPECT_LE(polls, 4) << (op == Op::halt ? "halt" : "activation");
         place.reader->field().clear();
         place.placeClassic();
     }
-    ASSERT_EQ(place.reader->addFaults(std::string("32 1 ") + GetParam()), "");
+    ASSERT_EQ(place.spoil(Op::fieldReset, std::string("1 ") + GetParam()), "");
     place.poll(true);
     place.poll(true);
     ASSERT_TRUE(place.adaptor->initReader()) << "the next start heals a forced poll";
@@ -42,18 +49,23 @@ TEST_P(ALostFrame, CostsFewUnforcedPolls) {
 
 // A late reply has the right command code: only its place tells that it belongs to another block.
 TEST_P(ALostFrame, NeverDeliversAnotherBlocksBytes) {
+    const bool isNoise = isMf500UnderTest() && GetParam() == std::string("out of step");
+    if (isNoise) GTEST_SKIP() << "its replies carry no check sum that would tell";
     std::vector<std::uint8_t> image = MifareClassicTag::blankImage(1024, Bytes{1, 2, 3, 4});
     for (std::uint8_t block = 4; block < 7; ++block)
         std::fill_n(image.begin() + block * 16, 16, block);
     place.reader->field().clear();
     place.reader->field().place(std::make_shared<MifareClassicTag>(image));
-    const auto driver = NfcTamaBfl::acquire();
+    place.adaptor.reset();
+    const auto driver = newDriver();
     for (int k = 1; k <= 6; ++k) {
-        ASSERT_TRUE(place.adaptor->initReader());
-        std::uint8_t atq[2], sak, uid[10], uidLen, key[6] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+        ASSERT_EQ(driver->interfaceOpen(49, 0), kBflOpened);
+        ASSERT_EQ(driver->pcdConfig(), kBflOk);
+        std::uint8_t atq[2], sak, uid[10], uidLen, coded[12], key[6] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
         ASSERT_EQ(driver->piccActivateIdle(0, atq, &sak, uid, &uidLen), kBflOk);
-        ASSERT_EQ(driver->piccAuthKey(0x60, uid, key, 4), kBflOk);
-        ASSERT_EQ(place.reader->addFaults("40 " + std::to_string(k) + " " + GetParam()), "");
+        ASSERT_EQ(driver->hostCodeKey(key, coded), kBflOk);
+        ASSERT_EQ(driver->piccAuthKey(0x60, uid, coded, 4), kBflOk);
+        ASSERT_EQ(place.spoil(Op::read, std::to_string(k) + " " + GetParam()), "");
         for (int i = 0; i < 12; ++i) {
             const auto block = static_cast<std::uint8_t>(4 + i % 3);
             std::uint8_t data[16] = {};
@@ -87,18 +99,21 @@ TEST(OpenAndClose, LeaveNothingBehind) {
     };
     for (const Line line : {Line::terminal, Line::socket}) {
         Workplace place(line);
-        place.start();
-        ASSERT_TRUE(place.adaptor->initReader());
+        const auto driver = newDriver();
+        const std::string name = place.socket ? place.socket->path() : "COM" + std::to_string(kComPort);
+        driver->setDeviceName(reinterpret_cast<const std::uint8_t*>(name.c_str()));
+        ASSERT_EQ(driver->interfaceOpen(49, 0), kBflOpened);
+        std::uint8_t snr[6];
+        std::uint16_t length = 0;
+        ASSERT_EQ(driver->pcdGetSnr(snr, length), kBflOk);
         const auto before = descriptors();
-        NfcTamaBfl& driver = *NfcTamaBfl::Instance();
         for (int i = 0; i < 300; ++i) {
-            std::uint8_t snr[6];
-            std::uint16_t length = 0;
-            ASSERT_EQ(driver.interfaceOpen(49, 0), kBflOpened);
-            ASSERT_EQ(driver.pcdGetSnr(snr, length), kBflOk);
-            if (i % 3 != 0) driver.interfaceClose();
+            ASSERT_EQ(driver->interfaceOpen(49, 0), kBflOpened);
+            ASSERT_EQ(driver->pcdGetSnr(snr, length), kBflOk);
+            if (i % 3 != 0) driver->interfaceClose();
         }
-        ASSERT_TRUE(place.adaptor->initReader());
+        ASSERT_EQ(driver->interfaceOpen(49, 0), kBflOpened);
+        ASSERT_EQ(driver->pcdGetSnr(snr, length), kBflOk);
         EXPECT_EQ(descriptors(), before);
     }
 }

@@ -10,13 +10,13 @@
 
 namespace {
 
-class Polling : public ::testing::TestWithParam<Line> {
+class Polling : public OnALine {
   protected:
     Polling() : place(GetParam()) { place.start(); }
     Workplace place;
     TagUID anyTag;
 };
-INSTANTIATE_TEST_SUITE_P(Lines, Polling, ::testing::Values(Line::inProcess, Line::terminal, Line::socket));
+INSTANTIATE_TEST_SUITE_P(Lines, Polling, ::testing::ValuesIn(kLines));
 
 TEST_P(Polling, StartsTheReaderAndReportsEachTagOnce) {
     EXPECT_EQ(place.poll(), "");
@@ -123,15 +123,17 @@ TEST_F(InProcess, EachKindOfTagHasItsWireCode) {
     EXPECT_EQ(place.poll(true), "01020304 2000");
 }
 
-TEST_F(InProcess, AForcedPollLeavesALostReaderToTheNextOne) {
+TEST_F(InProcess, AForcedPollMayLeaveALostReaderToTheNextOne) {
     place.placeClassic();
     ASSERT_TRUE(place.adaptor->initReader());
     place.reader->vanish();
     place.reader->comeBack();
     EXPECT_EQ(place.poll(true), "");
-    EXPECT_EQ(place.poll(true), "");
-    EXPECT_EQ(place.host.heard(), "") << "forced attempts hide the failure of the device";
-    EXPECT_EQ(place.poll(), "");
+    if (!isMf500UnderTest()) {  // forced attempts hide what the driver said
+        EXPECT_EQ(place.poll(true), "");
+        EXPECT_EQ(place.host.heard(), "");
+        EXPECT_EQ(place.poll(), "");
+    }
     EXPECT_EQ(place.host.heard(), "-+");
     EXPECT_EQ(place.poll(), "deadbeef 2002");
 }
@@ -139,11 +141,11 @@ TEST_F(InProcess, AForcedPollLeavesALostReaderToTheNextOne) {
 TEST_F(InProcess, ATagLevelFailureIsNoLostReader) {
     ASSERT_TRUE(place.adaptor->initReader());
     place.placeClassic();
-    place.reader->addFaults("4A 1 error");
+    place.spoil(Op::activate, "1 " + place.refusal());
     EXPECT_EQ(place.poll(), "");
     EXPECT_EQ(place.host.heard(), "") << "-100 is a matter of the tag";
     EXPECT_EQ(place.poll(), "deadbeef 2002");
-    place.reader->addFaults("44 from 1 status 01");
+    place.spoil(Op::halt, "from 1 status 01");
     EXPECT_EQ(place.poll(true), "deadbeef 2002") << "the halt's result does not count";
 }
 
@@ -151,7 +153,7 @@ TEST_F(InProcess, HaltAllTagSendsTheFieldToSleep) {
     EXPECT_EQ(place.adaptor->haltAllTag(false), kOk) << "not initialised";
     ASSERT_TRUE(place.adaptor->initReader());
     EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
-    EXPECT_EQ(place.reader->commandCount(0x4A), 1u) << "one attempt at an empty field";
+    EXPECT_EQ(place.heard(Op::activate), 1u) << "one attempt at an empty field";
     place.placeClassic();
     place.placeClassic({1, 2, 3, 4});
     EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
@@ -162,13 +164,13 @@ TEST_F(InProcess, HaltAllTagSendsTheFieldToSleep) {
 TEST_F(InProcess, HaltAllTagEndsOnATagThatNeverSleeps) {
     ASSERT_TRUE(place.adaptor->initReader());
     place.placeClassic();
-    place.reader->addFaults("4A from 1 tag blinks");
+    place.spoil(Op::activate, "from 1 tag blinks");
     EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
-    EXPECT_NEAR(place.reader->commandCount(0x4A), 4098, 2);
+    EXPECT_NEAR(place.heard(Op::activate), 4098, 2);
     place.clock->setMsPerLook(10000);
-    const std::uint32_t before = place.reader->commandCount(0x4A);
+    const std::uint32_t before = place.heard(Op::activate);
     EXPECT_EQ(place.adaptor->haltAllTag(false), kOk);
-    EXPECT_LE(place.reader->commandCount(0x4A) - before, 10u);
+    EXPECT_LE(place.heard(Op::activate) - before, 10u);
 }
 
 TEST_F(InProcess, PollingGivesWayToARunningOperation) {
@@ -203,6 +205,7 @@ TEST_F(InProcess, AHostMayCallBackAndThrow) {
     place.reader->comeBack();
     EXPECT_EQ(place.poll(), "") << "the callback sent the tag to sleep";
     EXPECT_EQ(place.host.heard(), "-+");
+    place.host.onChange = {};
     EXPECT_EQ(place.poll(true), "deadbeef 2002") << "the lock is free";
 }
 

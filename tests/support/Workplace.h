@@ -5,7 +5,9 @@
 #include "MifareClassicTag.h"
 #include "NamedMutex.h"
 #include "QVLReaderServiceIntf.h"
+#include "ReaderClasses.h"
 #include "ReaderImpl.h"
+#include "ReaderUnderTest.h"
 #include "ScopedEnvironment.h"
 #include "SmartCard.h"
 #include "SocketEndpoint.h"
@@ -15,12 +17,15 @@
 #include "TempDirectory.h"
 #include "TerminalEndpoint.h"
 #include "UltralightTag.h"
+#include "VirtualMf500Device.h"
+#include "VirtualMf500Reader.h"
 #include "VirtualTamaDevice.h"
 #include "VirtualTamaReader.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -28,8 +33,6 @@
 #include <vector>
 
 using Bytes = std::vector<std::uint8_t>;
-
-constexpr const char* kTamaClass = "fe2f504b-5f97-4d4d-873d-559e49009dc6";
 
 constexpr unsigned kComPort = 77;
 
@@ -70,25 +73,42 @@ class OpenPrompt : public TagPromptSurface {
 /// How the adaptor reaches its reader.
 enum class Line { inProcess, terminal, socket };
 
-/// A machine with a virtual reader on one kind of line, settings of its own, and a host. The clock is in the hands of
-/// the test where the reader is in process.
+/// A test on each line that the model under test has: an MF RC500 has no serial port.
+class OnALine : public ::testing::TestWithParam<Line> {
+  protected:
+    void SetUp() override {
+        if (isMf500UnderTest() && GetParam() == Line::terminal) GTEST_SKIP() << "no serial port";
+    }
+};
+constexpr Line kLines[] = {Line::inProcess, Line::terminal, Line::socket};
+
+/// Commands that both models have, each under a code of its own.
+enum class Op { configure, fieldReset, request, activate, halt, authenticate, read, exchangeBlock };
+inline std::uint8_t codeOf(Op op) {
+    constexpr std::uint8_t kTama[] = {0x12, 0x32, 0x4A, 0x4A, 0x44, 0x40, 0x40, 0x42};
+    constexpr std::uint8_t kMf500[] = {0x10, 0x20, 0x11, 0x43, 0x1D, 0x18, 0x19, 0x48};
+    return (isMf500UnderTest() ? kMf500 : kTama)[static_cast<int>(op)];
+}
+
+/// A machine with a virtual reader of the model under test on one kind of line, settings of its own, and a host. The
+/// clock is in the hands of the test where the reader is in process.
 class Workplace {
   public:
     explicit Workplace(Line line = Line::inProcess, ReaderOptions options = {})
-        : environment("QVL_DEVICE_ROOT", root.path().c_str()), reader(std::make_shared<VirtualTamaReader>(options)),
-          mLine(line) {
+        : environment("QVL_DEVICE_ROOT", root.path().c_str()), mLine(line) {
+        if (isMf500UnderTest())
+            useMf500(std::make_shared<VirtualMf500Reader>(options));
+        else
+            useTama(std::make_shared<VirtualTamaReader>(options));
         settings("");
         useOwnLock();
-        if (line == Line::inProcess) {
-            clock = std::make_unique<ManualClock>();
-            setTamaDeviceFactory(
-                [this](const TamaDeviceRequest&) { return std::make_unique<VirtualTamaDevice>(reader); });
-        }
+        if (line == Line::inProcess) clock = std::make_unique<ManualClock>();
         connect();
     }
     ~Workplace() {
         adaptor.reset();
         setTamaDeviceFactory({});
+        setMf500DeviceFactory({});
     }
 
     /// The keys of section READER. The serial port is one that no machine has by itself.
@@ -126,13 +146,41 @@ class Workplace {
     static void awaitPromptEnd() { EXPECT_TRUE(tagPromptEvent().waitFor(std::chrono::seconds(10))); }
 
     void connect() {
-        if (mLine == Line::terminal) {
-            terminal = std::make_unique<TerminalEndpoint>(reader, root.path(), kComPort);
+        if (mLine == Line::inProcess) return;
+        if (mLine == Line::terminal && mTama) {
+            terminal = std::make_unique<TerminalEndpoint>(mTama, root.path(), kComPort);
             EXPECT_EQ(terminal->start(), "");
-        } else if (mLine == Line::socket) {
-            socket = std::make_unique<SocketEndpoint>(reader, root.path(), kTamaClass, "reader");
+        } else {
+            const char* const guid = kReaderClasses[mTama ? 0 : 3].guid;
+            socket = std::make_unique<SocketEndpoint>(reader, root.path(), guid, "reader");
             EXPECT_EQ(socket->start(), "");
         }
+    }
+    void unplug() {
+        terminal.reset();
+        socket.reset();
+    }
+
+    /// Lets something go wrong at a command, "1 no reply". @return what is wrong with the rule.
+    std::string spoil(Op op, const std::string& rule) {
+        char code[8];
+        std::snprintf(code, sizeof code, "%02X ", codeOf(op));
+        return reader->addFaults(code + rule);
+    }
+    /// Whether the model has such a fault: a link of messages has no ACK, no check sum and no other frames.
+    static bool hasFault(const std::string& effect) {
+        return !isMf500UnderTest() || FaultPlan(VirtualMf500Reader::hasFault).addRule("any 1 " + effect).empty();
+    }
+    /// How the reader refuses a command that it did not carry out.
+    static std::string refusal() { return isMf500UnderTest() ? "status 17" : "error"; }
+
+    /// Commands that the reader has heard, with one code or in all.
+    std::uint32_t heard(Op op) const { return reader->commandCount(codeOf(op)); }
+    std::uint32_t heardInAll() const {
+        std::uint32_t all = 0;
+        for (int code = 0; code < 256; ++code)
+            all += reader->commandCount(static_cast<std::uint8_t>(code));
+        return all;
     }
 
     std::string placeClassic(const Bytes& uid = {0xDE, 0xAD, 0xBE, 0xEF}) {
@@ -142,13 +190,26 @@ class Workplace {
     TempDirectory root;
     ScopedEnvironment environment;
     std::unique_ptr<ManualClock> clock;
-    std::shared_ptr<VirtualTamaReader> reader;
+    std::shared_ptr<VirtualReader> reader;
     std::unique_ptr<TerminalEndpoint> terminal;
     std::unique_ptr<SocketEndpoint> socket;
     Host host;
     std::unique_ptr<ReaderImpl> adaptor;
 
   private:
+    void useTama(std::shared_ptr<VirtualTamaReader> tama) {
+        reader = mTama = tama;
+        if (mLine == Line::inProcess)
+            setTamaDeviceFactory(
+                [tama](const TamaDeviceRequest&) { return std::make_unique<VirtualTamaDevice>(tama); });
+    }
+    void useMf500(std::shared_ptr<VirtualMf500Reader> mf500) {
+        reader = mf500;
+        if (mLine != Line::inProcess) return;
+        root.write(std::string(kReaderClasses[3].guid) + "/reader", "");  // for the device scan
+        setMf500DeviceFactory([mf500] { return std::make_unique<VirtualMf500Device>(mf500); });
+    }
+
     /// The machine's own lock belongs to whatever product is installed here.
     static void useOwnLock() {
         static const TempDirectory directory;
@@ -156,4 +217,5 @@ class Workplace {
     }
 
     Line mLine;
+    std::shared_ptr<VirtualTamaReader> mTama;
 };

@@ -73,15 +73,18 @@ TEST(BlockData, HalfSucceedsAndSaysWhichHalf) {
 }
 
 TEST(BlockData, RetriesABlockThreeTimes) {
+    // To a PN531 authentication and read are one command, of which the first read is the second.
+    const std::string firstRead = isMf500UnderTest() ? "1 " : "2 ";
     for (const char* effect : {"status 01", "status 14", "error", "wrong checksum"}) {
+        if (!Workplace::hasFault(effect)) continue;
         TagWorkplace place;
         place.poke(5, Bytes(16, 0x31));
-        place.reader->addFaults(std::string("40 2 ") + effect);
+        ASSERT_EQ(place.spoil(Op::read, firstRead + effect), "");
         EXPECT_EQ(place.read(TagAppNone, 0, 4, 3, kFactory), kOk) << effect;
         EXPECT_EQ(Bytes(place.data.begin() + 16, place.data.begin() + 32), Bytes(16, 0x31));
     }
     TagWorkplace place;
-    place.reader->addFaults("40 1 tag gone");
+    ASSERT_EQ(place.spoil(Op::authenticate, "1 tag gone"), "");
     EXPECT_EQ(place.read(TagAppNone, 0, 4, 3, kFactory), kPartial);
     EXPECT_EQ(place.told, "4:3102 5:3102 6:3102");
     EXPECT_EQ(place.data, Bytes(48, 0));

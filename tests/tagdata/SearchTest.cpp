@@ -59,9 +59,9 @@ TEST_F(Search, FindsTagsByDirectoryAndApplication) {
 
 TEST_F(Search, WaitsOnlyUnderAPrompt) {
     place.reader->field().clear();
-    const std::uint32_t before = place.reader->commandCount(0x4A);
+    const std::uint32_t before = place.heard(Op::request);
     EXPECT_EQ(one(TagAppNone), "3121");
-    EXPECT_EQ(place.reader->commandCount(0x4A), before + 1) << "one attempt";
+    EXPECT_EQ(place.heard(Op::request), before + 1) << "one attempt";
     EXPECT_EQ(all(TagAppNone), "3121 0");
     const OpenPrompt prompt;
     std::uint64_t start = place.clock->nowMs();
@@ -88,9 +88,9 @@ TEST_F(Search, WaitsOnlyUnderAPrompt) {
     for (const char* none : {"WAITTIME=0\n", "WAITTIME=abc\n"}) {
         place.settings(none);
         place.adaptor->loadReaderConfig();
-        const std::uint32_t commands = place.reader->commandCount(0x4A);
+        const std::uint32_t commands = place.heard(Op::request);
         EXPECT_EQ(one(TagAppNone), "3122");
-        EXPECT_EQ(place.reader->commandCount(0x4A), commands) << "no attempt at all";
+        EXPECT_EQ(place.heard(Op::request), commands) << "no attempt at all";
     }
 }
 
@@ -102,11 +102,12 @@ TEST_F(Search, NeedsAReader) {
 }
 
 TEST_F(Search, EndsOnATagThatNeverSleeps) {
-    place.reader->addFaults("4A from 1 tag blinks");
-    const std::uint32_t before = place.reader->commandCount(0x4A);
+    place.spoil(Op::request, "from 1 tag blinks");
+    place.spoil(Op::activate, "from 1 tag blinks");
+    const std::uint32_t before = place.heard(Op::request);
     EXPECT_EQ(all(TagAppNone).substr(0, 9), "3100 4096");
     EXPECT_EQ(one(TagAppMad1), "3130");
-    EXPECT_LE(place.reader->commandCount(0x4A) - before, 7u * 4100u);
+    EXPECT_LE(place.heard(Op::request) - before, 7u * 4100u);
 }
 
 }  // namespace

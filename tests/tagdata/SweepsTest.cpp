@@ -21,19 +21,13 @@ class Sweep : public ::testing::TestWithParam<Operation> {
     ~Sweep() override { setTagPromptSurface(nullptr); }
 
     std::uint32_t writes() const { return place.virtualTag->memory()->writeCount(); }
-    std::uint32_t commands() const {
-        std::uint32_t all = 0;
-        for (int code = 0; code < 256; ++code)
-            all += place.reader->commandCount(static_cast<std::uint8_t>(code));
-        return all;
-    }
     /// The operation without a fault.
     void takeMeasure() {
         place.setImage(op.before);
-        const std::uint32_t commandsBefore = commands(), writesBefore = writes();
+        const std::uint32_t commandsBefore = place.heardInAll(), writesBefore = writes();
         clean = op.run(place);
         whole = place.image();
-        allCommands = commands() - commandsBefore;
+        allCommands = place.heardInAll() - commandsBefore;
         allWrites = writes() - writesBefore;
         ASSERT_TRUE(clean.status == kOk || clean.status == kPartial) << clean.status;
     }
@@ -55,6 +49,7 @@ class Sweep : public ::testing::TestWithParam<Operation> {
     std::string faultAt(const std::string& rule);
     bool othersWritten();
     std::string wrongData(const Outcome& told) const;
+    bool passesUnseen(const std::string& effect) const;
     void sweepCommands(std::uint32_t step);
 
     /// A prompt, without which no operation waits for a tag.
@@ -171,6 +166,15 @@ std::string Sweep::faultAt(const std::string& rule) {
     return found.empty() ? readerAnswers() : found;
 }
 
+/// An MF RC500 sends no check sum with its replies, and under a key their bytes may be anything.
+bool Sweep::passesUnseen(const std::string& effect) const {
+    const auto isOneOf = [&](std::initializer_list<const char*> kinds) {
+        return std::ranges::any_of(kinds, [&](const char* kind) { return effect.starts_with(kind); });
+    };
+    if (!isMf500UnderTest()) return false;
+    return isOneOf({"xor"}) || (place.reader->isLinkKeyed() && isOneOf({"short", "pad", "out of step"}));
+}
+
 void Sweep::sweepCommands(std::uint32_t step) {
     const char* const effects[] = {
         "no answer",   "no ack",        "no reply",       "nack",         "wrong ack",     "error",      "late ack",
@@ -180,7 +184,8 @@ void Sweep::sweepCommands(std::uint32_t step) {
     };
     ASSERT_NO_FATAL_FAILURE(takeMeasure());
     std::uint32_t turn = 0;
-    for (const std::string effect : effects)
+    for (const std::string effect : effects) {
+        if (!place.hasFault(effect) || passesUnseen(effect)) continue;
         for (std::uint32_t command = 1 + turn++ % step; command <= allCommands; command += step)
             for (const std::string when : {"any ", "any from "}) {
                 // A tag that comes anew with every command keeps a halt busy up to its limit: a test of its own.
@@ -188,6 +193,7 @@ void Sweep::sweepCommands(std::uint32_t step) {
                 const std::string rule = when + std::to_string(command) + " " + effect;
                 ASSERT_FALSE(isEnough(faultAt(rule), rule));
             }
+    }
 }
 
 TEST_P(TagFaults, LeaveTheTruthOnAKeyedLink) { sweepCommands(kFull ? 1 : 11); }
@@ -209,12 +215,12 @@ TEST_P(TagFaults, AUidOfAnotherLengthReachesNoTag) {
     for (const std::uint32_t length : {0u, 1u, 3u, 5u, 7u, 10u, 11u, 12u, 255u, 256u, 300u}) {
         place.tag = TagUID(uid.data(), length, place.tag.getTagType());
         place.setImage(op.before);
-        const std::uint32_t asked = place.reader->commandCount(0x40);
+        const std::uint32_t asked = place.heard(Op::authenticate);
         const int status = op.run(place).status;
         EXPECT_TRUE(length == 0 ? status == kTagWithoutUid : status == kNoTag || (status == kCancelled && length <= 10))
             << length << ": " << status;
         EXPECT_EQ(place.image(), op.before) << length;
-        EXPECT_EQ(place.reader->commandCount(0x40), asked) << length;
+        EXPECT_EQ(place.heard(Op::authenticate), asked) << length;
     }
 }
 

@@ -189,7 +189,7 @@ TEST(TagOfAnotherType, EndsTheOperation) {
         const std::string away = place.reader->field().place(other);
         place.reader->field().setPresent(away, false);
         // The second sector's authentication meets the other tag, which refuses it.
-        ASSERT_EQ(place.reader->addFaults("40 4 tag swapped " + away), "");
+        ASSERT_EQ(place.spoil(Op::authenticate, (isMf500UnderTest() ? "2" : "4") + (" tag swapped " + away)), "");
         EXPECT_EQ(place.write(kPlain, 0, 1, 10, Bytes(160, 0x66), kFactory, AuthKeyA), kPartial) << first;
         EXPECT_EQ(other->memory()->writeCount(), 0u) << first;
         EXPECT_EQ(place.told, "1 2 4:3102 5:3102 6:3102 8:3102 9:3102 10:3102 12:3102 13:3102") << first;
@@ -198,6 +198,7 @@ TEST(TagOfAnotherType, EndsTheOperation) {
 
 // Twice "already awake" leaves the type that the host remembers; the first selection that sees the tag corrects it.
 TEST(TagOfAnotherType, IsNoStrangerWhileOnlyTheHostSaysItsType) {
+    if (isMf500UnderTest()) GTEST_SKIP() << "it never reports a tag as awake already";
     TagWorkplace place;
     place.tag.setTagType(kTagProX);
     ASSERT_EQ(place.reader->addFaults("4A 1 already awake\n4A 2 already awake\n40 1 status 14"), "");

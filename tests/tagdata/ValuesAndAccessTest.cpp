@@ -99,10 +99,13 @@ TEST_F(ValuesAndAccess, ATicketOnlyGoesDown) {
 // A lost answer leaves the change done or not done, never done twice.
 TEST_F(ValuesAndAccess, ALostAnswerIsNeverPaidTwice) {
     ASSERT_EQ(setType(5, kValueKind, AccData110, 100), kOk);
-    for (int step = 1; step <= 3; ++step)
+    std::vector<std::string> steps{"40 1 ", "40 2 ", "40 3 "};
+    if (isMf500UnderTest()) steps = {"18 1 ", "19 1 ", "1B 1 "};
+    for (const std::string& step : steps)
         for (const char* effect : {"no reply", "no answer", "no ack", "error", "tag gone"}) {
             const int before = std::stoi(value(5));
-            place.reader->addFaults("40 " + std::to_string(step) + " " + effect);
+            if (!place.hasFault(effect)) continue;
+            ASSERT_EQ(place.reader->addFaults(step + effect), "");
             const int status = adjust(5, ValueDecrement, 1);
             place.reader->clearFaults();
             place.reader->field().setPresent(place.name, true);
