@@ -1,7 +1,35 @@
 #!/bin/sh
-# Shows the main job on a virtual reader: tags from image files, polled over a pseudo-terminal; then what the memory of
-# a tag can do, and a session with a smart card. Uses an installed product in build/demo/prefix and nothing else.
+# Shows the main job on a virtual reader: tags from image files, polled over a pseudo-terminal or a message socket; then
+# what the memory of a tag can do, and a session with a smart card. Uses an installed product in build/demo/prefix and
+# nothing else.
+#   demo.sh [--reader tama|mf500]
 set -eu
+
+usage() {
+  echo "usage: demo.sh [--reader tama|mf500]"
+  echo "Builds the product and shows it on a virtual reader: a PN531 on a serial port (tama, the default)"
+  echo "or an MF RC500 on a message socket (mf500)."
+}
+refuse() {
+  echo "demo.sh: $1" >&2
+  usage >&2
+  exit 2
+}
+reader=tama
+while [ $# -gt 0 ]; do
+  case $1 in
+  -h | --help) usage; exit 0 ;;
+  --reader) [ $# -gt 1 ] || refuse "--reader: which one?"; reader=$2; shift 2 ;;
+  *) refuse "not expected: $1" ;;
+  esac
+done
+# What to say of the reader, and what the simulator is told.
+case $reader in
+tama) place="PN531 reader on a pseudo-terminal" options="--com 1" ;;
+mf500) place="MF RC500 reader on a message socket" options="--reader mf500" ;;
+*) refuse "--reader: \"$reader\" is neither tama nor mf500" ;;
+esac
+
 cd "$(dirname "$0")"
 scripts/install-packages run
 mkdir -p build/demo
@@ -31,11 +59,12 @@ show() {
   "$@"
 }
 
-echo "A virtual reader on a pseudo-terminal, with three tags from the files in demo/:"
+echo "A virtual $place, with three tags from the files in demo/:"
 echo
-echo "\$ qvlreadersim --root devices --com 1 ticket.mfd door.mfd passport.card &"
+echo "\$ qvlreadersim --root devices $options ticket.mfd door.mfd passport.card &"
 mkfifo commands
-qvlreadersim --root "$work/devices" --com 1 ticket.mfd door.mfd passport.card < commands > ready &
+# shellcheck disable=SC2086
+qvlreadersim --root "$work/devices" $options ticket.mfd door.mfd passport.card < commands > ready &
 simulator=$!
 exec 9> commands
 for _ in $(seq 100); do
@@ -49,8 +78,17 @@ export QVL_PATH="$work" QVL_DEVICE_ROOT="$work/devices"
 show qvltag info
 show qvltag poll --count 3
 show qvltag --json poll --forced --count 1
-show qvltag led 2 on
-show qvltag relay 02
+if [ "$reader" = tama ]; then
+  show qvltag led 2 on
+  show qvltag relay 02
+else
+  echo
+  echo "The library switches no lights of this reader, so \"led\" does nothing, and has no raw relay to it (status 3139):"
+  show qvltag led 2 on
+  if show qvltag relay 02 2> refusal; then exit 1; fi
+  cat refusal
+  grep -q 'status 3139' refusal
+fi
 
 echo
 echo "A session with a smart card on the same line, with chains of blocks and requests for more time:"
@@ -61,8 +99,8 @@ unset QVL_DEVICE_ROOT
 
 echo
 echo "And what an NFC Forum Type 4 Tag holds:"
-show qvltag --virtual link.card apdu --ndef
+show qvltag --virtual link.card --reader "$reader" apdu --ndef
 
 echo
 echo "The same program brings a virtual reader of its own, and keeps what was written in the image file:"
-"$script" "$bin/qvltag"
+"$script" --reader "$reader" "$bin/qvltag"

@@ -14,6 +14,13 @@ namespace {
 // Readers give less: 6 bytes of id, a text of up to 54 characters.
 using Buffer = std::array<std::uint8_t, 256>;
 
+/// The two kinds of readers that the library drives have serial numbers of different lengths. Empty for another length.
+std::string modelOf(std::size_t idLength) {
+    constexpr std::size_t kPn531IdLength = 6, kMfRc500IdLength = 4;
+    if (idLength == kPn531IdLength) return "PN531";
+    return idLength == kMfRc500IdLength ? "MF RC500" : "";
+}
+
 Outcome showInfo(Session& session) {
     ReaderImpl& adaptor = session.adaptor();
     Buffer version{}, id{};
@@ -25,14 +32,16 @@ Outcome showInfo(Session& session) {
 
     const std::string firmware(version.begin(), std::find(version.begin(), version.end(), std::uint8_t{0}));
     const std::string idText = hexDigits(std::span(id).first(std::min<std::size_t>(idLength, id.size())));
+    const std::string model = modelOf(idLength);
     const char* device = adaptor.getDeviceInstanceID();
     const std::pair<std::string, std::string> rows[] = {
-        {"Reader", adaptor.getAdaptorName()},
-        {"Firmware", firmware},
-        {"Id", idText},
+        {"Reader", adaptor.getAdaptorName()}, {"Model", model}, {"Firmware", firmware}, {"Id", idText},
         {"Device", device ? device : ""},
     };
-    Json object{{"reader", adaptor.getAdaptorName()}, {"firmware", firmware}, {"id", idText}};
+    Json object{{"reader", adaptor.getAdaptorName()}};
+    if (!model.empty()) object["model"] = model;
+    object["firmware"] = firmware;
+    object["id"] = idText;
     if (device) object["device"] = device;
     session.output().put(object, alignedRows(rows));
     return Outcome::done;

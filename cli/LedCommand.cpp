@@ -54,7 +54,8 @@ Work setUpLed(CLI::App& app) {
                    "How long the program stays, for leaving turns all lights off;\n1 by default")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.0, kLongestStaySeconds));
-    app.footer("LED 3 is a switch: it keeps its state whatever the duration.\n\n"
+    app.footer("LED 3 is a switch: it keeps its state whatever the duration. An MF RC500 has no\n"
+               "lights that the library can switch, and nothing happens.\n\n"
                "Example: qvltag led 2 on --duration 5");
     return [arguments](Session& session) { return switchLed(session, *arguments); };
 }

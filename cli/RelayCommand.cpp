@@ -86,7 +86,7 @@ Work setUpRelay(CLI::App& app) {
         ->required()
         ->type_name("...");
     app.footer("The reply is shown from its code on. What is changed in the reader this way, the\n"
-               "library does not know of.\n\n"
+               "library does not know of. An MF RC500 has no relay, which is status 3139.\n\n"
                "Example: qvltag relay 02          the firmware version of the reader's chip");
     app.callback([arguments] {
         for (const std::string& each : arguments->words)

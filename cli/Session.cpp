@@ -12,7 +12,7 @@ Session::Session(SessionSettings settings, Output& output, Interrupt& interrupt)
 
 Outcome Session::open() {
     if (!mSettings.images.empty()) {
-        const auto problem = mVirtualReader.emplace().start(mSettings.images, mSettings.saveImages);
+        const auto problem = mVirtualReader.emplace().start(mSettings.images, mSettings.model, mSettings.saveImages);
         if (problem) return mOutput.error(*problem);
         for (const std::string& remark : mVirtualReader->remarks())
             mOutput.note(remark);

@@ -17,6 +17,7 @@
 /// What the options say that all commands share.
 struct SessionSettings {
     std::vector<std::string> images;  ///< Tags of a virtual reader; none for a real one.
+    std::string model = "tama";       ///< Of the virtual reader, as qvlreadersim names it.
     bool saveImages = false;
     bool wait = true;                   ///< Operations wait for a tag.
     std::optional<double> waitSeconds;  ///< How long; none for the value of the library's settings.

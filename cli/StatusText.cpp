@@ -40,6 +40,8 @@ constexpr StatusText kStatusTexts[] = {
     {kTclDeselected, "card lost", "the exchange with the card failed, and it was deselected", kWakeAgain},
     {kTclNotDeselected, "card lost", "the exchange with the card failed, and it could not even be deselected",
      kWakeAgain},
+    {kBflNoTag, "no tag", "no tag answered, or one that is no smart card",
+     "Lay the card flat on the reader, hold it still, and try again; \"ls\" shows what it is."},
     {kBflErrorFrame, "refused by the reader", "the chip of the reader does not know the command or its parameters",
      "Check code and parameters."},
     {kBflDeviceTimedOut, "reader silent", "the reader did not answer in time",

@@ -86,11 +86,12 @@ std::string joined(const std::vector<std::string>& lines) {
 
 }  // namespace
 
-std::optional<Problem> VirtualReader::start(const std::vector<std::string>& images, bool save) {
+std::optional<Problem> VirtualReader::start(const std::vector<std::string>& images, const std::string& model,
+                                            bool save) {
     if (!makeRoot())
         return noVirtualReader("its directory cannot be made: " + std::generic_category().message(errno),
                                "Point TMPDIR to a directory that can be written to.");
-    std::vector<std::string> arguments{simulatorProgram(), "--root", mRoot, "--socket", kReaderName};
+    std::vector<std::string> arguments{simulatorProgram(), "--root", mRoot, "--socket", kReaderName, "--reader", model};
     if (save) arguments.push_back("--save-on-exit");
     arguments.push_back("--");
     arguments.insert(arguments.end(), images.begin(), images.end());

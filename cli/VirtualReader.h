@@ -17,10 +17,10 @@ class VirtualReader {
     VirtualReader(const VirtualReader&) = delete;
     VirtualReader& operator=(const VirtualReader&) = delete;
 
-    /// Starts it with these tags, as qvlreadersim takes them, and points QVL_DEVICE_ROOT of this process to it: before
-    /// the library is used and while nobody else looks at the environment. With `save`, images that change are written
-    /// back at the end. @return what went wrong, if anything.
-    std::optional<Problem> start(const std::vector<std::string>& images, bool save);
+    /// Starts it with these tags, as a reader of this model, both as qvlreadersim takes them, and points
+    /// QVL_DEVICE_ROOT of this process to it: before the library is used and while nobody else looks at the
+    /// environment. With `save`, images that change are written back at the end. @return what went wrong, if anything.
+    std::optional<Problem> start(const std::vector<std::string>& images, const std::string& model, bool save);
     /// Remarks that it made on the images, a line each.
     const std::vector<std::string>& remarks() const { return mRemarks; }
     /// Ends it. @return what it complained about at its end; empty for nothing.

@@ -93,6 +93,11 @@ void CommandLine::addSharedOptions() {
                                    "ultralight, card); once for each tag")
                        ->type_name("IMAGE")
                        ->allow_extra_args(false);
+    mApp.add_option("--reader", mSettings.model,
+                    "Model of the virtual reader: tama, a PN531 (default), or mf500, an MF RC500")
+        ->type_name("MODEL")
+        ->check(CLI::IsMember({"tama", "mf500"}))
+        ->needs(images);
     mApp.add_flag("--save", mSettings.saveImages, "Write changed tags of the virtual reader back to their files")
         ->needs(images);
     auto* noWait = mApp.add_flag(

@@ -1,8 +1,13 @@
 #!/bin/sh
 # The memory of a tag from the factory state and back, on a virtual reader: directory, applications, values, keys and
 # access conditions. At the end the tag has to be as it was at the start, byte for byte.
-#   tag-memory.sh [QVLTAG]
+#   tag-memory.sh [--reader tama|mf500] [QVLTAG]
 set -eu
+reader=tama
+if [ "${1:-}" = --reader ]; then
+  reader=${2:?tama or mf500}
+  shift 2
+fi
 tag=${1:-qvltag}
 case $tag in
 */*) tag=$(cd "$(dirname "$tag")" && pwd)/$(basename "$tag") ;;
@@ -15,7 +20,7 @@ cd "$work"
 on_tag() {
   echo
   echo "\$ qvltag $*"
-  "$tag" --no-wait --virtual tag.mfd --save "$@"
+  "$tag" --no-wait --virtual tag.mfd --reader "$reader" --save "$@"
 }
 
 say() {
@@ -33,7 +38,7 @@ printf '507572736541\n' > purse.a
 printf '507572736542\n' > purse.b
 
 say "A tag as delivered, copied into an image"
-"$tag" --no-wait --virtual new:1k:01020304 dump tag.mfd
+"$tag" --no-wait --virtual new:1k:01020304 --reader "$reader" dump tag.mfd
 cp tag.mfd factory.mfd
 on_tag ls
 

@@ -10,10 +10,14 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 
 constexpr const char* kUid = "04112233445566";
-constexpr const char* kCardRows = "Card        04112233445566\n"
-                                  "CID         0\n"
-                                  "ATS         067577810280  (frames of 64 bytes, CID, no NAD)\n"
-                                  "Historical  80  .\n";
+
+/// With an MF RC500 the library leaves the number 0 to cards that take none.
+int firstCid() { return isMf500UnderTest() ? 1 : 0; }
+
+std::string cardRows() {
+    return "Card        04112233445566\nCID         " + std::to_string(firstCid()) +
+           "\nATS         067577810280  (frames of 64 bytes, CID, no NAD)\nHistorical  80  .\n";
+}
 
 class ApduTest : public QvltagTest {
   protected:
@@ -49,22 +53,22 @@ TEST_F(ApduTest, ShowsCardCommandsAndAnswers) {
     const Result text = run(apdu(card(kSimple + "answer 00CA* count 17 6282\n"),
                                  {"00:A4:04:00 07 d2760000850101 00", "00b0000005", "00CA0000"}));
     EXPECT_EQ(text.status, 1) << "the last status word is a warning";
-    EXPECT_EQ(text.out, std::string(kCardRows) + "> 00a4040007d276000085010100  ......v......\n"
-                                                 "< 9000  done\n"
-                                                 "> 00b0000005  .....\n"
-                                                 "< 48656c6c6f  Hello\n"
-                                                 "< 9000  done\n"
-                                                 "> 00ca0000  ....\n"
-                                                 "< 000102030405060708090a0b0c0d0e0f  ................\n"
-                                                 "< 10                                .\n"
-                                                 "< 6282  warning: the file or record ended before Le bytes were "
-                                                 "read\n");
+    EXPECT_EQ(text.out, cardRows() + "> 00a4040007d276000085010100  ......v......\n"
+                                     "< 9000  done\n"
+                                     "> 00b0000005  .....\n"
+                                     "< 48656c6c6f  Hello\n"
+                                     "< 9000  done\n"
+                                     "> 00ca0000  ....\n"
+                                     "< 000102030405060708090a0b0c0d0e0f  ................\n"
+                                     "< 10                                .\n"
+                                     "< 6282  warning: the file or record ended before Le bytes were "
+                                     "read\n");
     EXPECT_EQ(text.err, "");
     EXPECT_EQ(
         runJson(apdu(card(kSimple), {"00b0000005"}), 0),
         (std::vector<Json>{
             {{"card", kUid},
-             {"cid", 0},
+             {"cid", firstCid()},
              {"ats", "067577810280"},
              {"frameSize", 64},
              {"takesCid", true},
@@ -202,14 +206,19 @@ TEST_F(ApduTest, AnAnswerThatIsTooLongDoesNotSpillIntoTheNext) {
 }
 
 TEST_F(ApduTest, DeselectsAfterWhateverHappened) {
+    // The TAMA reader has commands for activation and deselection; to an MF RC500 both are blocks like any other.
+    const bool isMf500 = isMf500UnderTest();
+    const std::string firstCommand = isMf500 ? "fault 48 2 " : "fault 42 1 ";
+    const std::string notDeselected = isMf500 ? "fault deselect from 1 lost" : "fault 44 1 status 14";
+    const std::string complaint = isMf500 ? "no tag" : "reader status";
     struct {
         Words faults, arguments;
         std::vector<std::string> said;
         int status;
     } const kRows[] = {
-        {{"fault 44 1 status 14"}, {"00A40400"}, {"9000", "reader status"}, 1},
-        {{"fault 42 1 tag gone", "fault 44 1 status 14"}, {"00A40400", "00A40400"}, {"card lost", "1 more command"}, 1},
-        {{"fault 42 1 tag blinks"}, {"--retry", "00A40400"}, {"9000"}, 0},
+        {{notDeselected}, {"00A40400"}, {"9000", complaint}, 1},
+        {{firstCommand + "tag gone", notDeselected}, {"00A40400", "00A40400"}, {"card lost", "1 more command"}, 1},
+        {{firstCommand + "tag blinks"}, {"--retry", "00A40400"}, {"9000"}, 0},
     };
     for (const auto& each : kRows) {
         const auto reader = plugReaderIn();
@@ -234,9 +243,8 @@ TEST_F(ApduTest, ShowsTheRecordsOfAType4Tag) {
                                     "500300613A62");            // of no kind
     const Result text = run(apdu(image, {"--ndef"}));
     EXPECT_EQ(text.status, 0) << text.err;
-    EXPECT_EQ(text.out, std::string(kCardRows) +
-                            "URI   https://a.b/.d\nText  H\xC3\xA4! (de)\nType  a/b\n"
-                            "      010203  ...\nType  urn:nfc:wkt:T\n      8261  .a\nType  empty\n");
+    EXPECT_EQ(text.out, cardRows() + "URI   https://a.b/.d\nText  H\xC3\xA4! (de)\nType  a/b\n"
+                                     "      010203  ...\nType  urn:nfc:wkt:T\n      8261  .a\nType  empty\n");
     const auto records = exchanges(image, {"--ndef"}, 0);
     ASSERT_EQ(records.size(), 5u);
     EXPECT_EQ(records[1], Json({{"record", 2}, {"text", "H\u00e4!"}, {"language", "de"}}));
@@ -292,14 +300,16 @@ TEST_F(ApduTest, TrustsNoLengthOfAType4Tag) {
 }
 
 TEST_F(ApduTest, RelayReachesTheChipOfTheReader) {
+    // The library has no way for raw commands to an MF RC500.
+    const bool canRelay = !isMf500UnderTest();
     const Result text = run({"--virtual", "new:1k", "relay", "02"});
-    EXPECT_EQ(text.status, 0) << text.err;
-    EXPECT_EQ(text.out, "> 02  .\n< 030402  ...\nFirmware 4.2\n");
-    EXPECT_EQ(text.err, "");
+    EXPECT_EQ(text.status, canRelay ? 0 : 1) << text.err;
+    EXPECT_EQ(text.out, canRelay ? "> 02  .\n< 030402  ...\nFirmware 4.2\n" : "");
+    EXPECT_EQ(text.err.empty(), canRelay);
     const auto all = runJson({"--virtual", "new:1k", "relay", "00 00 41:42", "7F", "02"}, 1);
     ASSERT_FALSE(all.empty());
-    EXPECT_EQ(all.back().value("error", ""), "refused by the reader");
-    EXPECT_EQ(all.back().value("status", 0), -100);
+    EXPECT_EQ(all.back().value("error", ""), canRelay ? "refused by the reader" : "not implemented");
+    EXPECT_EQ(all.back().value("status", 0), canRelay ? -100 : 3139);
     EXPECT_EQ(only(runJson({"relay", "02"}, 3)).value("error", ""), "no reader");
     EXPECT_EQ(only(runJson({"relay", "02", "2"}, 2)).value("meaning", ""),
               "command 2: the byte at character 1 lacks its second digit");

@@ -1,11 +1,13 @@
 #pragma once
 
 #include "ChildProgram.h"
+#include "ReaderUnderTest.h"
 #include "TempDirectory.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -32,7 +34,11 @@ class QvltagTest : public ::testing::Test {
         EXPECT_TRUE(std::filesystem::is_empty(place / "tmp")) << "left behind in the temporary directory";
     }
 
+    /// A virtual reader that the arguments bring is the model under test, if they do not choose one.
     std::unique_ptr<ChildProgram> start(Words arguments, const std::string& program = QVLTAG) {
+        const auto virtualReader = std::ranges::find(arguments, "--virtual");
+        if (isMf500UnderTest() && virtualReader != arguments.end() && !std::ranges::count(arguments, "--reader"))
+            arguments.insert(virtualReader, {"--reader", readerUnderTest()});
         arguments.insert(arguments.begin(), program);
         return std::make_unique<ChildProgram>(arguments, environment);
     }
@@ -68,7 +74,9 @@ class QvltagTest : public ::testing::Test {
 
     /// A reader of the machine, steered through its input; without tags at first.
     std::unique_ptr<ChildProgram> plugReaderIn() {
-        auto reader = start({"--root", environment["QVL_DEVICE_ROOT"], "--socket", "reader"}, QVLREADERSIM);
+        auto reader =
+            start({"--root", environment["QVL_DEVICE_ROOT"], "--socket", "reader", "--reader", readerUnderTest()},
+                  QVLREADERSIM);
         EXPECT_EQ(reader->line().substr(0, 5), "ready");
         return reader;
     }

@@ -10,26 +10,30 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 TEST_F(QvltagTest, InfoShowsWhichReaderAnswers) {
+    const bool isMf500 = isMf500UnderTest();
+    const std::string model = isMf500 ? "MF RC500" : "PN531";
+    const std::string firmware = isMf500 ? "MF RC500 2.1.3" : "NFC Reader/Writer 2.1.03 for VID 0x04CC PID 0x0531";
+    const std::string id = isMf500 ? "2a000001" : "00172a000001";
     const Result text = run({"--virtual", "new:1k", "info"});
     EXPECT_EQ(text.status, 0) << text.err;
     EXPECT_EQ(text.out, "Reader    QVLMF500\n"
-                        "Firmware  NFC Reader/Writer 2.1.03 for VID 0x04CC PID 0x0531\n"
-                        "Id        00172a000001\n");
+                        "Model     " +
+                            model + "\nFirmware  " + firmware + "\nId        " + id + "\n");
     EXPECT_EQ(text.err, "");
     EXPECT_EQ(only(runJson({"--virtual", "new:1k", "info"}, 0)),
-              Json({{"reader", "QVLMF500"},
-                    {"firmware", "NFC Reader/Writer 2.1.03 for VID 0x04CC PID 0x0531"},
-                    {"id", "00172a000001"}}));
+              Json({{"reader", "QVLMF500"}, {"model", model}, {"firmware", firmware}, {"id", id}}));
 }
 
 TEST_F(QvltagTest, LedBurnsWhileTheProgramStays) {
+    // The library switches no lights of an MF RC500, and calls that a success.
+    const bool hasLights = !isMf500UnderTest();
     const auto reader = plugReaderIn();
     const auto child = start({"led", "2", "on", "--duration", "5", "--for", "600"});
     EXPECT_EQ(child->line(), "LED 2 on");
-    EXPECT_EQ(reader->ask("led"), "ok a5");
+    EXPECT_EQ(reader->ask("led"), hasLights ? "ok a5" : "ok 00");
     child->signalGroup(SIGINT);
     EXPECT_EQ(child->wait(), 0);
-    EXPECT_EQ(reader->ask("led"), "ok c0");
+    EXPECT_EQ(reader->ask("led"), hasLights ? "ok c0" : "ok 00");
     EXPECT_EQ(only(runJson({"led", "0", "off"}, 0)), Json({{"led", 0}, {"on", false}, {"duration", 1}}));
     const Json refused = only(runJson({"led", "0", "on", "--duration", "0"}, 1));
     EXPECT_EQ(refused["error"], "reader failed");
@@ -57,6 +61,8 @@ TEST_F(QvltagTest, ComplaintsSayWhatIsWrongAndWhatToTry) {
         {{"poll", "--once", "--for", "1"}, 2, "usage", "excludes", "qvltag poll --help"},
         {{"--no-wait", "--wait", "1", "info"}, 2, "usage", "excludes", "qvltag info --help"},
         {{"--save", "info"}, 2, "usage", "requires --virtual", "qvltag info --help"},
+        {{"--reader", "mf500", "info"}, 2, "usage", "--reader requires --virtual", "qvltag info --help"},
+        {{"--virtual", "new:1k", "--reader", "usb", "info"}, 2, "usage", "usb not in {tama,mf500}", "info --help"},
         {{"--virtual", "new:1k", "b.mfd", "info"}, 2, "usage", "not expected: b.mfd", "qvltag info --help"},
         {{"--virtual", "none.mfd", "info"}, 2, "no such tag", "none.mfd: there is no such file", "qvlreadersim(1)"},
         {{"--virtual", odd, "info"}, 2, "no such tag", "1000 bytes are no tag image", "qvlreadersim(1)"},

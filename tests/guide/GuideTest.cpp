@@ -2,6 +2,7 @@
 
 #include "ReaderImpl.h"
 
+#include "ReaderUnderTest.h"
 #include "ScopedEnvironment.h"
 #include "TempDirectory.h"
 
@@ -48,10 +49,12 @@ TEST(TheGuide, ShowsWhatWorks) {
     directory.write("data/conf/QVLReader.ini", "[READER]\nSERIAL_PORT=77\n[/READER]\n");
     const ScopedEnvironment path("QVL_PATH", directory.path().c_str());
     const ScopedEnvironment root("QVL_DEVICE_ROOT", directory.path().c_str());
-    const std::string command =
-        std::string(QVLREADERSIM) + " --com 77 --quiet --root " + directory.path() + " new:1k > /dev/null";
+    const bool isMf500 = isMf500UnderTest();
+    const std::string command = std::string(QVLREADERSIM) + (isMf500 ? " --reader mf500" : " --com 77") +
+                                " --quiet --root " + directory.path() + " new:1k > /dev/null";
+    const std::string device = directory / (isMf500 ? "a518e23b-d631-426f-b8f0-e17a61065f1d/mf500" : "COM77");
     const std::unique_ptr<FILE, int (*)(FILE*)> simulator(::popen(command.c_str(), "w"), ::pclose);
-    for (int i = 0; i < 200 && !std::filesystem::exists(directory / "COM77"); ++i)
+    for (int i = 0; i < 200 && !std::filesystem::exists(device); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     Service service;
     const std::unique_ptr<ReaderImpl> adaptor(createAdaptorInstance(&service));

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the product into a new prefix, builds the example host there by CMake package and by pkg-config, and lets it
-# find a tag on the installed simulator.
+# find a tag on each reader of the installed simulator.
 #   installed_host.sh SOURCE_DIR BUILD_DIR CMAKE
 set -eu
 source_dir=$1
@@ -27,17 +27,24 @@ c++ -std=c++17 "$work/host/main.cpp" -o "$work/by_pkg_config" $flags
 export QVL_DEVICE_ROOT="$work/devices"
 export LD_LIBRARY_PATH="$lib"
 mkfifo "$work/commands"
-"$work/prefix/bin/qvlreadersim" --root "$QVL_DEVICE_ROOT" new:1k:cafebabe < "$work/commands" > "$work/simulator.log" &
-simulator=$!
-exec 9> "$work/commands"
-for _ in $(seq 100); do
-  grep -q '^ready' "$work/simulator.log" && break
-  sleep 0.05
-done
-for host in "$work/build/example_host" "$work/by_pkg_config"; do
-  "$host" 10 > "$work/host.log" || { cat "$work/host.log" "$work/simulator.log" >&2; exit 1; }
-  grep -q '^tag cafebabe, Mifare Standard$' "$work/host.log"
+for reader in tama mf500; do
+  log=$work/$reader.log
+  "$work/prefix/bin/qvlreadersim" --root "$QVL_DEVICE_ROOT" --reader "$reader" new:1k:cafebabe \
+    < "$work/commands" > "$log" &
+  simulator=$!
+  exec 9> "$work/commands"
+  for _ in $(seq 100); do
+    grep -q '^ready' "$log" && break
+    sleep 0.05
+  done
+  for host in "$work/build/example_host" "$work/by_pkg_config"; do
+    "$host" 10 > "$work/host.log" || { cat "$work/host.log" "$log" >&2; exit 1; }
+    grep -q '^tag cafebabe, Mifare Standard$' "$work/host.log"
+  done
+  exec 9>&-
+  wait "$simulator"
+  simulator=
 done
 test -f "$work/prefix/share/man/man1/qvltag.1"
 "$work/prefix/bin/qvltag" --version > /dev/null
-echo "the installed host found its tag"
+echo "the installed host found its tag on both readers"
