@@ -128,6 +128,11 @@ bool VirtualReader::isPresent() const {
     return mPresent;
 }
 
+bool VirtualReader::hasHost() const {
+    const auto held = mField->lock();
+    return mSink != nullptr;
+}
+
 bool VirtualReader::isFieldOn() const {
     const auto held = mField->lock();
     return mField->isOn();

@@ -69,6 +69,8 @@ class VirtualReader : private VirtualField::Listener, private WritePower {
     void vanish();
     void comeBack();
     bool isPresent() const;
+    /// Whether somebody has the line open.
+    bool hasHost() const;
 
     /// LED byte that the host sent last; 0 at first, and for a model without such a command.
     virtual std::uint8_t ledByte() const { return 0; }

@@ -186,9 +186,6 @@ TEST_F(Mf500, LetsDataThroughBesideAStatusAndSaysWhichFailed) {
     EXPECT_EQ(driver.piccActivateIdle(0, out, &sak, out + 8, &length), 0);
     EXPECT_EQ(length, 12) << "the length goes up,";
     EXPECT_EQ(out[18], 0xEE) << "but ten bytes at most are copied";
-    std::uint16_t room = 2;
-    reply = {0, 0, 3, 0, 1, 2, 3};
-    EXPECT_EQ(driver.piccExchangeBlock(out, 1, out, &room, 0, 0), kBflBadFrame) << "more than the buffer holds";
     std::uint16_t count = 0;
     reply = Bytes{0, 0, 55, 0} + Bytes(55, 'x');
     EXPECT_EQ(driver.pcdGetFwVersion(out, count), kBflBadFrame);
@@ -203,6 +200,30 @@ TEST_F(Mf500, LetsDataThroughBesideAStatusAndSaysWhichFailed) {
     out[0] = 0x33;
     EXPECT_EQ(driver.piccRead(0, out), 0) << "closed: nothing is done,";
     EXPECT_EQ(out[0], 0x33) << "and nothing written";
+}
+
+TEST_F(Mf500, CopiesABlockOnlyAsAWholeAndIntoRoomEnough) {
+    constexpr std::size_t kMostSent = 4094;  // what a message holds behind status and length
+    for (const std::size_t sent : {0u, 1u, 2u, 3u, 4u, 15u, 16u, 17u, 255u, 256u, 257u, 4094u, 4095u, 4097u, 65535u}) {
+        reply = Bytes{0, 0, static_cast<std::uint8_t>(sent), static_cast<std::uint8_t>(sent >> 8)} +
+                Bytes(std::min(sent, kMostSent), 0x5A);
+        for (const std::uint16_t capacity : std::initializer_list<std::uint16_t>{3, 16, 256, 4096}) {
+            Bytes block(capacity, 0xEE);
+            std::uint16_t room = capacity;
+            const bool fits = sent <= capacity && sent <= kMostSent;
+            EXPECT_EQ(driver.piccExchangeBlock(out, 1, block.data(), &room, 0, 0), fits ? 0 : kBflBadFrame) << sent;
+            EXPECT_EQ(room, sent) << "the length goes up all the same";
+            Bytes expected(capacity, 0xEE);
+            if (fits) std::fill_n(expected.begin(), sent, std::uint8_t{0x5A});
+            EXPECT_EQ(block, expected) << sent << " into " << capacity;
+        }
+    }
+    for (const Bytes& noLength : {Bytes{0, 0}, Bytes{0, 0, 9}}) {
+        reply = noLength;
+        std::uint16_t room = 16;
+        EXPECT_EQ(driver.piccExchangeBlock(out, 1, out, &room, 0, 0), kBflBadFrame);
+        EXPECT_EQ(room, 0) << "an unread length is none";
+    }
 }
 
 /// The reader's half of the agreement. Its key stream runs on from the parameters of a command to its reply.

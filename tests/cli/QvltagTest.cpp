@@ -112,6 +112,13 @@ TEST_F(QvltagTest, FindsTheVirtualReaderBesideItselfOrOnThePath) {
     EXPECT_THAT(homeless.err, HasSubstr("Point TMPDIR to"));
 }
 
+TEST_F(QvltagTest, ShowsTheDeviceThatTheHelperLibraryOfTheInstallationKnows) {
+    std::filesystem::create_directories(place / "installed/bin");
+    std::filesystem::copy_file(USBDLL, place / "installed/bin/libusbdll.so");
+    const auto info = only(runJson({"--virtual", "new:1k", "info"}, 0));
+    EXPECT_EQ(info.value("device", ""), isMf500UnderTest() ? "USB\\reader, 255 characters at most" : "");
+}
+
 TEST_F(QvltagTest, HelpAndVersionAreResults) {
     EXPECT_THAT(run({"--version"}).out, StartsWith("qvltag "));
     for (const Words& arguments : {Words{"--help"}, Words{"poll", "--help"}, Words{"led", "-h"}, Words{"info", "-h"}}) {

@@ -21,6 +21,9 @@ TEST_P(OnEachLine, TheReaderComesUpTellsOfItselfAndGoesDown) {
     const Bytes expected(isMf500UnderTest() ? serial.begin() + 2 : serial.begin(), serial.end());
     const int closed = isMf500UnderTest() ? kOk : kReaderFailed;  // the one says 0 to everything while it is closed
     EXPECT_EQ(adaptor.getReaderId(id, length), closed) << "nothing is open yet";
+    version[0] = 'x', length = 77;
+    EXPECT_EQ(adaptor.getReaderFwVersion(version, length), closed);
+    EXPECT_EQ(length + version[0], 0) << "and nothing is said";
     ASSERT_TRUE(adaptor.initReader());
     EXPECT_TRUE(place.reader->isFieldOn());
     EXPECT_TRUE(place.reader->isLinkKeyed());

@@ -78,6 +78,32 @@ TEST_P(ALostFrame, NeverDeliversAnotherBlocksBytes) {
     }
 }
 
+// Under another key than the reader's the parameters of a write would be others: any block, any bytes.
+TEST(ALostReply, EndsAllCommandsOfAScrambledMf500UntilTheNextAgreement) {
+    if (!isMf500UnderTest()) GTEST_SKIP() << "the frames of a PN531 carry a check sum";
+    for (const bool isKeyed : {true, false})
+        for (const char* effect : {"1 no answer", "1 no reply", "1 late reply", "1 cut 0", "1 cut 20"}) {
+            ReaderOptions options;
+            options.knowsLinkKey = isKeyed;
+            Workplace place(Line::inProcess, options);
+            place.placeClassic();
+            const auto driver = newDriver();
+            ASSERT_EQ(driver->interfaceOpen(49, 0), kBflOpened);
+            ASSERT_EQ(driver->pcdConfig(), kBflOk);
+            std::uint8_t atq[2], sak, uid[10] = {}, uidLen = 0, data[16] = {}, snr[4];
+            std::uint16_t length = 0;
+            ASSERT_EQ(place.spoil(Op::activate, effect), "");
+            driver->piccActivateIdle(0, atq, &sak, uid, &uidLen);
+            const std::uint32_t heard = place.heardInAll();
+            EXPECT_EQ(driver->piccWrite(4, data) < -1000, isKeyed) << effect;
+            EXPECT_EQ(driver->pcdGetSnr(snr, length) == kBflOk, !isKeyed) << effect;
+            EXPECT_EQ(place.heardInAll() == heard, isKeyed) << effect;
+            EXPECT_EQ(driver->pcdConfig(), kBflOk);
+            EXPECT_EQ(driver->pcdGetSnr(snr, length), kBflOk) << effect;
+            EXPECT_EQ(snr[3], place.reader->options().serialNumber[5]) << effect;
+        }
+}
+
 TEST(TheLinkKey, DoesNotSurviveAnErrorAnswer) {
     Workplace place;
     place.start();

@@ -1,4 +1,4 @@
-// The MF RC500 reader: by the library's own driver over a socket, message by message, and under the whole adaptor.
+// The MF RC500 reader: by the library's own driver over a socket, message by message.
 
 #include "BflStatus.h"
 #include "ChildProgram.h"
@@ -383,73 +383,5 @@ TEST(Mf500Program, ServesTheDriverAndTheLineCommands) {
     }
 }
 #endif
-
-/// The adaptor on a machine that has this reader alone.
-class Mf500Adaptor : public ::testing::TestWithParam<bool> {
-  protected:
-    Mf500Adaptor() {
-        EXPECT_EQ(endpoint.start(), "");
-        place.start();
-        EXPECT_TRUE(place.adaptor->initReader());
-        place.adaptor->setTagPromptFlag(false);
-    }
-    Workplace place;
-    std::shared_ptr<VirtualMf500Reader> reader = std::make_shared<VirtualMf500Reader>(linkOptions(GetParam()));
-    SocketEndpoint endpoint{reader, place.root.path(), kReaderClasses[3].guid, "mf500"};
-};
-INSTANTIATE_TEST_SUITE_P(Link, Mf500Adaptor, ::testing::Bool(), linkName);
-
-TEST_P(Mf500Adaptor, PollsATagAndReadsItsBlocks) {
-    const Bytes uid{0x04, 1, 2, 3, 4, 5, 6};
-    const auto tag = std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(1024, uid), uid);
-    EXPECT_EQ(place.poll(), "");
-    reader->field().place(tag);
-    EXPECT_EQ(place.poll(), "04010203040506 2002");
-    EXPECT_EQ(place.poll(), "") << "halted, for it was reported";
-    EXPECT_EQ(place.poll(true), "04010203040506 2002");
-    const TagUID known(uid.data(), 7, kTagStandard);
-    std::uint8_t* data = nullptr;
-    int length = 0, count = 0;
-    OpResultCode* results = nullptr;
-    EXPECT_EQ(place.adaptor->getBlockData(0, TagAppNone, known, 0, AuthKeyA, kFactoryKey.data(), 0, 8, data, length,
-                                          AuthKeyA, nullptr, count, results),
-              kOk);
-    ASSERT_EQ(length, 8 * 16);
-    EXPECT_TRUE(std::equal(uid.begin(), uid.end(), data));
-    place.adaptor->freeMemory(data);
-    place.adaptor->freeMemory(results);
-    std::uint8_t text[64] = {};
-    std::uint16_t size = 0;
-    EXPECT_EQ(place.adaptor->getReaderFwVersion(text, size), kOk);
-    EXPECT_EQ(std::string(text, text + size), "MF RC500 2.1.3");
-    reader->vanish();
-    EXPECT_EQ(place.poll(), "");
-    reader->comeBack();
-    while (!std::filesystem::exists(endpoint.path()))
-        std::this_thread::yield();
-    EXPECT_EQ(place.poll(), "04010203040506 2002");
-    EXPECT_EQ(reader->isLinkKeyed(), GetParam()) << "found again, and agreed anew";
-}
-
-TEST_P(Mf500Adaptor, HoldsASessionWithACard) {
-    const Bytes uid{0x08, 1, 2, 3}, hello{0x80, 0x01, 0x55};
-    CommandDoor door(*place.adaptor);
-    reader->field().place(scriptedCard(uid));
-    ASSERT_EQ(door.wait(), kOk);
-    EXPECT_EQ(Bytes(door.tag.getUid(), door.tag.getUid() + door.tag.getUidLen()), uid);
-    EXPECT_EQ(door.ats, (Bytes{0x06, 0x75, 0x77, 0x81, 0x02, 0x80}));
-    EXPECT_EQ(door.send(uid, hello), kOk);
-    EXPECT_EQ(door.answer, hello + kOk9000);
-    EXPECT_EQ(door.send(uid, {0x80, 0x02}), kOk);
-    EXPECT_EQ(door.answer, (Bytes{0x90, 0x02})) << "after two requests for time";
-    Bytes longCommand(500, 0x42);
-    longCommand[0] = 0x80, longCommand[1] = 0x01;
-    EXPECT_EQ(door.send(uid, longCommand), kOk);
-    EXPECT_EQ(door.answer, longCommand + kOk9000) << "chains both ways";
-    ASSERT_EQ(reader->addFault("block 1 lost"), "");
-    EXPECT_EQ(door.send(uid, hello), kOk) << "asked for once more";
-    EXPECT_EQ(door.deselect(uid), kOk);
-    EXPECT_EQ(place.poll(true), "08010203 2005");
-}
 
 }  // namespace

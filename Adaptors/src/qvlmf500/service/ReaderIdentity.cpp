@@ -20,12 +20,15 @@ std::shared_ptr<Qvl14443bfl> QvlMf500ReaderImpl::idleDriver() const {
 
 int QvlMf500ReaderImpl::getReaderId(std::uint8_t* id, std::uint16_t& idLen) {
     if (id == nullptr) return kReaderFailed;
+    idLen = 0;  // a closed driver may say 0 and fill nothing
     return guarded("getReaderId", int{kReaderFailed},
                    [&] { return toServiceStatus(idleDriver()->pcdGetSnr(id, idLen)); });
 }
 
 int QvlMf500ReaderImpl::getReaderFwVersion(std::uint8_t* version, std::uint16_t& versionLen) {
     if (version == nullptr) return kReaderFailed;
+    version[0] = '\0';
+    versionLen = 0;
     return guarded("getReaderFwVersion", int{kReaderFailed},
                    [&] { return toServiceStatus(idleDriver()->pcdGetFwVersion(version, versionLen)); });
 }
