@@ -3,6 +3,7 @@
 #include "Mf500bfl.h"
 
 #include "KeyPool.h"
+#include "Mf500Device.h"
 #include "Rc4.h"
 #include "ReaderClasses.h"
 #include "ScopedEnvironment.h"
@@ -189,6 +190,7 @@ TEST_F(Mf500, LetsDataThroughBesideAStatusAndSaysWhichFailed) {
     std::uint16_t count = 0;
     reply = Bytes{0, 0, 55, 0} + Bytes(55, 'x');
     EXPECT_EQ(driver.pcdGetFwVersion(out, count), kBflBadFrame);
+    EXPECT_EQ(count, 55);
     reply = {9};
     EXPECT_EQ(driver.piccHalt(), kBflBadFrame) << "no status";
     reply = {};
@@ -203,14 +205,14 @@ TEST_F(Mf500, LetsDataThroughBesideAStatusAndSaysWhichFailed) {
 }
 
 TEST_F(Mf500, CopiesABlockOnlyAsAWholeAndIntoRoomEnough) {
-    constexpr std::size_t kMostSent = 4094;  // what a message holds behind status and length
-    for (const std::size_t sent : {0u, 1u, 2u, 3u, 4u, 15u, 16u, 17u, 255u, 256u, 257u, 4094u, 4095u, 4097u, 65535u}) {
+    constexpr std::size_t kMostSent = 4158;  // what a message may hold behind status and length
+    for (const std::size_t sent : {0u, 1u, 2u, 3u, 4u, 15u, 16u, 17u, 255u, 256u, 257u, 4095u, 4096u, 4097u, 65535u}) {
         reply = Bytes{0, 0, static_cast<std::uint8_t>(sent), static_cast<std::uint8_t>(sent >> 8)} +
                 Bytes(std::min(sent, kMostSent), 0x5A);
         for (const std::uint16_t capacity : std::initializer_list<std::uint16_t>{3, 16, 256, 4096}) {
             Bytes block(capacity, 0xEE);
             std::uint16_t room = capacity;
-            const bool fits = sent <= capacity && sent <= kMostSent;
+            const bool fits = sent <= capacity;
             EXPECT_EQ(driver.piccExchangeBlock(out, 1, block.data(), &room, 0, 0), fits ? 0 : kBflBadFrame) << sent;
             EXPECT_EQ(room, sent) << "the length goes up all the same";
             Bytes expected(capacity, 0xEE);
@@ -218,9 +220,13 @@ TEST_F(Mf500, CopiesABlockOnlyAsAWholeAndIntoRoomEnough) {
             EXPECT_EQ(block, expected) << sent << " into " << capacity;
         }
     }
+    std::uint16_t room = 16;
+    reply = Bytes{0, 0, 4, 0} + Bytes(5000, 0x5A);
+    EXPECT_EQ(driver.piccExchangeBlock(out, 1, out, &room, 0, 0), kBflBadFrame) << "a message that was cut";
+    EXPECT_EQ(room, 16);
     for (const Bytes& noLength : {Bytes{0, 0}, Bytes{0, 0, 9}}) {
         reply = noLength;
-        std::uint16_t room = 16;
+        room = 16;
         EXPECT_EQ(driver.piccExchangeBlock(out, 1, out, &room, 0, 0), kBflBadFrame);
         EXPECT_EQ(room, 0) << "an unread length is none";
     }
@@ -305,6 +311,50 @@ TEST_F(Mf500, RunsInTheClearWithAReaderThatDoesNotTakePart) {
     reply = {0, 0, 1, 2, 3};
     EXPECT_EQ(driver.pcdConfig(), kBflBadFrame) << "half an agreement";
     EXPECT_EQ(driver.pcdConfig2(nullptr, out), kBflOutOfRange);
+}
+
+TEST_F(Mf500, SharesItsDeviceWithItsCopies) {
+    Mf500bfl copy(driver);
+    EXPECT_EQ(copy.piccHalt(), 0);
+    driver.interfaceClose();
+    EXPECT_EQ(copy.piccHalt(), kBflDeviceFailed) << "closed behind its back";
+    copy.interfaceClose();
+    EXPECT_EQ(driver.interfaceOpen(0, 0), kBflOpened);
+    copy = driver;
+    EXPECT_EQ(driver.interfaceOpen(0, 0), kBflOpened);
+    EXPECT_EQ(copy.piccHalt(), kBflDeviceFailed);
+    EXPECT_EQ(driver.piccHalt(), 0);
+}
+
+/// A device that notes how long it is asked to wait, and is silent.
+class PatientDevice : public Mf500Device {
+  public:
+    explicit PatientDevice(std::vector<std::uint32_t>& limits) : mLimits(limits) {}
+    bool open() override { return true; }
+    void close() override {}
+    platform::IoResult write(std::span<const std::uint8_t>, std::uint32_t) override { return platform::IoResult::done; }
+    platform::IoResult read(std::span<std::uint8_t>, std::size_t& count, std::uint32_t timeoutMs) override {
+        if (timeoutMs > 500) mLimits.push_back(timeoutMs);
+        count = 0;
+        return platform::IoResult::timedOut;
+    }
+
+  private:
+    std::vector<std::uint32_t>& mLimits;
+};
+
+TEST(Mf500WithoutADevice, WaitsAsLongAsTheReaderMay) {
+    std::vector<std::uint32_t> limits;
+    std::uint8_t out[16];
+    setMf500DeviceFactory([&] { return std::make_unique<PatientDevice>(limits); });
+    Mf500bfl driver;
+    EXPECT_EQ(driver.interfaceOpen(0, 0), kBflOpened);
+    EXPECT_EQ(driver.piccHalt(), kBflDeviceTimedOut);
+    EXPECT_EQ(driver.piccActivateIdleLoop(0, out, out, out, out, 60), kBflDeviceTimedOut);
+    EXPECT_EQ(driver.piccHalt(), kBflDeviceTimedOut);
+    EXPECT_EQ(driver.piccHalt(), kBflDeviceTimedOut) << "and no more";
+    EXPECT_EQ(limits, (std::vector<std::uint32_t>{6000, 66000, 6000}));
+    setMf500DeviceFactory({});
 }
 
 TEST(Mf500WithoutADevice, DoesNotOpen) {

@@ -10,7 +10,9 @@ namespace {
 
 constexpr std::size_t kStatusSize = 2;
 /// A reader that has been silent for so long has said all; one that never is, is waited for no longer than that.
-constexpr std::uint32_t kQuietMs = 20, kLongestMs = 500;
+constexpr std::uint32_t kQuietMs = 20, kLateReplyMs = 200, kLongestMs = 500;
+constexpr std::uint8_t kActivateIdleLoop = 0x49;
+constexpr std::uint32_t kLongestLoopMs = 60000;
 
 short toStatus(platform::IoResult result) {
     switch (result) {
@@ -79,18 +81,15 @@ short CommandObject::GetParam(std::uint16_t& word) {
     return kBflOk;
 }
 
-USB::USB() = default;
+USB::USB() : mDevice(makeMf500Device()) {}
 USB::~USB() = default;
 void* USB::operator new(std::size_t size) { return ::operator new(size); }
 void USB::operator delete(void* object) { ::operator delete(object); }
 
-short USB::OpenInterface() {
-    mDevice = makeMf500Device();
-    return mDevice->open() ? kBflOk : kBflDeviceFailed;
-}
+short USB::OpenInterface() { return mDevice->open() ? kBflOk : kBflDeviceFailed; }
 
 short USB::CloseInterface() {
-    mDevice.reset();
+    mDevice->close();
     return kBflOk;
 }
 
@@ -117,7 +116,9 @@ short USBProtocol::SendCommand(CommandObject& command, std::uint32_t txTimeout, 
     std::copy_n(command.mCommand.data(), command.mCommandLength, message.data() + 1);
     const platform::IoResult sent = mUSB.mDevice->write({message.data(), 1 + std::size_t{command.mCommandLength}},
                                                         txTimeout != 0 ? txTimeout : mTxTimeout);
-    const short status = sent == platform::IoResult::done ? receive(command, rxTimeout) : toStatus(sent);
+    const std::uint32_t limit =
+        (rxTimeout != 0 ? rxTimeout : mRxTimeout) + (command.mCode == kActivateIdleLoop ? kLongestLoopMs : 0);
+    const short status = sent == platform::IoResult::done ? receive(command, limit) : toStatus(sent);
     mIsReplyDue = status != kBflOk;
     if (isReplyDue && status == kBflOk) takeLastReply(command);
     return status;
@@ -127,17 +128,16 @@ short USBProtocol::SendCommand(CommandObject& command, std::uint32_t txTimeout, 
 void USBProtocol::takeLastReply(CommandObject& command) {
     platform::Clock& clock = platform::Clock::current();
     const std::uint64_t start = clock.nowMs();
-    while (clock.nowMs() - start < kLongestMs && receive(command, kQuietMs) == kBflOk) {
+    while (clock.nowMs() - start < kLongestMs && receive(command, kLateReplyMs) == kBflOk) {
     }
 }
 
 short USBProtocol::receive(CommandObject& command, std::uint32_t timeout) {
-    SecretBytes<kStatusSize + CommandObject::kBufferSize> message;
+    SecretBytes<kStatusSize + CommandObject::kBufferSize + 1> message;
     std::size_t count = 0;
-    const platform::IoResult result =
-        mUSB.mDevice->read({message.data(), message.size()}, count, timeout != 0 ? timeout : mRxTimeout);
+    const platform::IoResult result = mUSB.mDevice->read({message.data(), message.size()}, count, timeout);
     if (result != platform::IoResult::done) return toStatus(result);
-    if (count < kStatusSize) return kBflBadFrame;
+    if (count < kStatusSize || count == message.size()) return kBflBadFrame;
     command.mStatus = static_cast<std::int16_t>(message[0] | message[1] << 8);
     return command.SetDataBuffer(message.data() + kStatusSize, static_cast<std::uint32_t>(count - kStatusSize));
 }

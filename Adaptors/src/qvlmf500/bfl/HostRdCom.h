@@ -16,7 +16,8 @@
 /// One command and its reply. Results are 0; -60 when a buffer is full, -1012 when too little is left to read.
 class CommandObject {
   public:
-    static constexpr std::size_t kBufferSize = 4096;
+    /// A block of 4096 bytes with what stands around it: length, CRC and time-out, or the next key.
+    static constexpr std::size_t kBufferSize = 4096 + 64;
 
     CommandObject();
     virtual ~CommandObject();
@@ -66,7 +67,7 @@ class USB {
 
   private:
     friend class USBProtocol;
-    std::unique_ptr<Mf500Device> mDevice;  // null until it is open
+    std::unique_ptr<Mf500Device> mDevice;
 };
 
 /// Lives no longer than the interface that it was made for. Times are milliseconds.
@@ -78,8 +79,9 @@ class USBProtocol {
     static void operator delete(void* object);
 
     /// Sends the command, waits for the reply and fills in status and data. @return 0; -1001 when the link failed or
-    /// closed, -1027 after a time-out, -1012 for a reply without a status. What has come before the command is dropped;
-    /// after a time-out the last of several replies counts.
+    /// closed, -1027 after a time-out, -1012 for a reply without a status or longer than the buffer. What has come
+    /// before the command is dropped; after a time-out the last of several replies counts. A command in which the
+    /// reader itself waits for a tag has a minute more.
     virtual short SendCommand(CommandObject& command, std::uint32_t txTimeout, std::uint32_t rxTimeout);
     virtual void SetRxTimeout(std::uint32_t timeout) { mRxTimeout = timeout; }
     virtual void SetTxTimeout(std::uint32_t timeout) { mTxTimeout = timeout; }

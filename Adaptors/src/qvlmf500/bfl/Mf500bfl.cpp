@@ -21,6 +21,8 @@ constexpr std::size_t kMostUidBytes = 10;
 constexpr std::uint16_t kLongestVersion = 54;
 constexpr std::uint8_t kActivateIdleLoop = 0x49;
 
+void noteClearLink(const char* reason) { QVL_LOG(kLogState, "Mf500bfl: link in the clear, %s", reason); }
+
 bool isSelectCode(std::uint8_t code) { return code == 0x93 || code == 0x95 || code == 0x97; }
 
 }  // namespace
@@ -142,8 +144,13 @@ void Mf500bfl::processSecretKey() {
     if (!mIsQvlDevice) return;
     KeyValue key;
     if (mCommand->GetParam(key.data(), kKeySize) != kBflOk) return;
-    mCommand->setKey(key.data());
+    useKey(key.data());
     mIsKeyDue = false;
+}
+
+void Mf500bfl::useKey(const std::uint8_t* key) {
+    mCommand->setKey(key);
+    if (!mCommand->hasKey()) noteClearLink("the reader gave out a zero key");
 }
 
 // Under another key the reader would find other parameters in a command: a write could hit any block, with any bytes.
@@ -172,7 +179,10 @@ short Mf500bfl::pcdConfig() {
     const Outcome outcome = ask({"pcdConfig", 0x10, nullptr, kLogFailure, false}, {{challenge.data(), kKeySize}});
     if (!outcome.hasReply || outcome.status != kBflOk) return outcome.status;
     short status = kBflOk;
-    if (mCommand->GetDataBufferLength() != 0) status = agreeKey(rotateKey(challenge.data()).data());
+    if (mCommand->GetDataBufferLength() != 0)
+        status = agreeKey(rotateKey(challenge.data()).data());
+    else
+        noteClearLink("the reader does not take part in the key agreement");
     QVL_LOG(kLogProgress, "Mf500bfl::pcdConfig PCD Config OK  status = %d", status);
     return status;
 }
@@ -198,7 +208,7 @@ short Mf500bfl::pcdConfig2(std::uint8_t* confirmation, std::uint8_t* sessionKey)
     const OperationLock lock = lockOperation();
     if (confirmation == nullptr || sessionKey == nullptr) return kBflOutOfRange;
     mCommand->ResetBuffers();
-    mCommand->setKey(sessionKey);
+    useKey(sessionKey);
     mCommand->SetCommand(0x09);
     mCommand->AddParam(confirmation, kKeySize);
     mCommand->encryptCommand();
@@ -230,6 +240,7 @@ short Mf500bfl::pcdGetFwVersion(std::uint8_t* version, std::uint16_t& versionLen
         QVL_LOG(kLogProgress, "Mf500bfl::pcdGetFwVersion get len param failed %d\n", status);
         return outcome.status != kBflOk ? outcome.status : status;
     }
+    versionLen = length;
     QVL_LOG(kLogProgress, "Mf500bfl::pcdGetFwVersion get param  len=%d \n", length);
     // A text that the host's buffer cannot hold counts as none that was read.
     const short status = length > kLongestVersion ? short{kBflBadFrame} : mCommand->GetParam(version, length);
@@ -237,7 +248,6 @@ short Mf500bfl::pcdGetFwVersion(std::uint8_t* version, std::uint16_t& versionLen
         QVL_LOG(kLogProgress, "Mf500bfl::pcdGetFwVersion get version param failed %d  with len %d\n", status, length);
         return outcome.status != kBflOk ? outcome.status : status;
     }
-    versionLen = length;
     version[length] = 0;
     QVL_LOG(kLogProgress, "Mf500bfl::pcdGetFwVersion doesn't have FirmwareVersion or gets param  version=%s \n",
             reinterpret_cast<const char*>(version));

@@ -84,6 +84,7 @@ class QVL_API Mf500bfl : public Qvl14443bfl {
     QVL_INTERNAL short takeUid(std::uint8_t* uid, std::uint8_t length);
     QVL_INTERNAL short agreeKey(const std::uint8_t* expected);
     QVL_INTERNAL void processSecretKey();
+    QVL_INTERNAL void useKey(const std::uint8_t* key);
     QVL_INTERNAL bool isOutOfStep() const;
 
     // Copies of a driver share these. The order is that of their destruction, backwards.

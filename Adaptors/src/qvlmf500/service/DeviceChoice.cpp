@@ -87,7 +87,7 @@ void QvlMf500ReaderImpl::useMf500(const char* path) {
 
 // Another driver is closed, and what a closed one says is not to be taken for a tag or for its data.
 void QvlMf500ReaderImpl::install(std::shared_ptr<Qvl14443bfl> bfl, const char* path) {
-    if (bfl != driver()) mInitialised = false;
+    if (bfl != driver()) mOpened = false;
     mScannedPath = path;
     mTcl->setDriver(std::move(bfl));
 }

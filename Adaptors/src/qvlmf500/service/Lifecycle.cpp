@@ -98,6 +98,7 @@ bool QvlMf500ReaderImpl::openAndConfigure() {
     QVL_LOG(kLogState, "QVLReader initialization: Configuration done.");
     bfl->pcdRfReset(kFieldResetMs);
     mTcl->reset(kCardRepetitions);
+    mOpened = true;
     mInitialised = true;
     return true;
 }
@@ -166,6 +167,7 @@ void QvlMf500ReaderImpl::turnOff(Qvl14443bfl& bfl, const char* logged) {
 
 void QvlMf500ReaderImpl::reopen(int bflStatus) {
     QVL_LOG(kLogFailure, "interface encountering problems %d. Trying to reopen", bflStatus);
+    const ReaderLock lock(*this);  // not under an operation of another thread
     driver()->interfaceClose();
     mInitialised = false;  // a host that calls back now must not meet the closed device again
     tellHost(false);

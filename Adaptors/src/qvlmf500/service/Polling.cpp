@@ -31,7 +31,7 @@ bool QvlMf500ReaderImpl::pollTag(EventObject*& event, bool forced, bool ignoreSu
     return guarded("pollTag", false, [&] {
         const ReaderLock lock(*this);
         QVL_LOG(kLogDetail, "Poll tag entering forced=%d ignoreSuspend=%d", forced ? 1 : 0, ignoreSuspend ? 1 : 0);
-        if (!mInitialised) startReader();
+        if (!isReady()) startReader();
         TagUID tag;
         return getTagIdOnce(tag, forced) == kOk && report(tag, event);
     });
@@ -56,7 +56,7 @@ bool QvlMf500ReaderImpl::report(const TagUID& tag, EventObject*& event) {
 }
 
 int QvlMf500ReaderImpl::getTagIdOnce(TagUID& tag, bool forced) {
-    if (!mInitialised) return kReaderNotReady;
+    if (!isReady()) return kReaderNotReady;
     std::uint8_t atq[2] = {};
     std::uint8_t sak = 0;
     std::uint8_t uid[kMostUidBytes] = {};

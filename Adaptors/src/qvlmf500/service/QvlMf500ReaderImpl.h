@@ -159,6 +159,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     friend class ReaderLock;
     friend class OperationFrame;
 
+    bool isReady() const { return mInitialised && mOpened; }
     std::shared_ptr<Qvl14443bfl> driver() const { return mTcl->driver(); }
     /// The driver for an operation outside the lock, which counts as an operation of its own when nobody holds the
     /// lock.
@@ -302,6 +303,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     std::atomic<bool> mTagPrompt{true};
     QVLReaderServiceIntf* mService;
     std::atomic<bool> mInitialised{false};
+    std::atomic<bool> mOpened{false};  ///< The driver in place is the one that was initialised.
     std::atomic<bool> mCtrl{false};  // LED 3 is on
     std::atomic<std::uint8_t> mLED;  // last LED other than 3, kNoLed for none yet
     std::atomic<std::uint8_t> mDur;

@@ -101,7 +101,7 @@ int QvlMf500ReaderImpl::getTagId(int, TagAppType appType, short appId, TagUID*& 
     return guarded("getTagId", int{kReaderFailed}, [&]() -> int {
         const ReaderLock lock(*this);
         tag = nullptr;
-        if (!mInitialised) return kReaderNotReady;
+        if (!isReady()) return kReaderNotReady;
         auto found = std::make_unique<TagUID[]>(1);
         int status = kOk;
         {
@@ -130,7 +130,7 @@ int QvlMf500ReaderImpl::getAllTagId(int, TagAppType appType, short appId, AuthKe
     if (wantsApp && !aidToBytes(static_cast<std::uint16_t>(appId), aidBytes)) return kNoApplicationId;
     return guarded("getAllTagId", int{kReaderFailed}, [&]() -> int {
         const ReaderLock lock(*this);
-        if (!mInitialised) return kReaderNotReady;
+        if (!isReady()) return kReaderNotReady;
         const TagPromptScope prompt(*this);
         const HaltAtEnd halt(*this);
         const KeyUse directory = directoryKey(key, keyMode);

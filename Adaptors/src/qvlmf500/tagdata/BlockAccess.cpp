@@ -23,6 +23,7 @@ int QvlMf500ReaderImpl::authenticateKey(TagUID& tag, int blockAddress, const Key
     if (tag.getTagType() == kTagUltralight) return kOk;
     const auto bfl = driver();
     SecretBytes<kCodedKeySize> coded;
+    coded.fill(0);
     SecretBytes<Trailer::kKeySize> plain;
     if (key.key != nullptr) std::copy_n(key.key, plain.size(), plain.begin());
     if (bfl->hostCodeKey(key.key != nullptr ? plain.data() : nullptr, coded.data()) != kBflOk) return kKeyRefused;
@@ -89,6 +90,7 @@ int QvlMf500ReaderImpl::getBlock(TagUID& tag, int sector, const KeyUse& key, int
     const auto bfl = driver();
     const auto read = [&](int i, std::uint8_t address) {
         SecretBytes<16> scratch;  // the reader gives 16 bytes, of pages too
+        scratch.fill(0);
         const short status = bfl->piccRead(address, scratch.data());
         if (status == kBflOk) std::copy_n(scratch.data(), blockSize, blockOf(i));
         return status;

@@ -3,7 +3,7 @@
 #include "TagPromptControl.h"
 
 OperationFrame::OperationFrame(QvlMf500ReaderImpl& reader)
-    : mReader(reader), mLock(reader), mStatus(reader.mInitialised ? kOk : kReaderNotReady),
+    : mReader(reader), mLock(reader), mStatus(reader.isReady() ? kOk : kReaderNotReady),
       mReaderIsReady(mStatus == kOk) {}
 
 OperationFrame::OperationFrame(QvlMf500ReaderImpl& reader, int readerId, TagUID& tag) : OperationFrame(reader) {

@@ -27,7 +27,7 @@ std::string uidText(const TagUID& tag) {
 int QvlMf500ReaderImpl::activateTag(int, TagUID& tag) {
     if (tag.getUidLen() == 0) return kTagWithoutUid;
     const ReaderLock lock(*this);
-    if (!mInitialised) return kReaderNotReady;
+    if (!isReady()) return kReaderNotReady;
     if (tag.getUidLen() > kMostUidBytes) return kNoTag;
     return waitForTag(kIdleRequest, tag);
 }

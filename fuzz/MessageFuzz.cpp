@@ -1,0 +1,110 @@
+// Whatever an MF RC500 may say: messages into the driver, whose operations then pick them apart. The first byte of an
+// input chooses whether the link is scrambled, the second the operation; each message has its length in front.
+
+#include "Mf500Device.h"
+#include "Mf500bfl.h"
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <span>
+
+namespace {
+
+using Input = std::span<const std::uint8_t>;
+
+/// A reader whose replies are the input. After the last it is silent.
+class InputDevice : public Mf500Device {
+  public:
+    explicit InputDevice(Input& input) : mInput(input) {}
+
+    bool open() override { return true; }
+    void close() override {}
+    platform::IoResult write(Input, std::uint32_t) override { return platform::IoResult::done; }
+    platform::IoResult read(std::span<std::uint8_t> buffer, std::size_t& count, std::uint32_t timeoutMs) override {
+        count = 0;
+        if (mInput.empty() || timeoutMs == 0) return platform::IoResult::timedOut;
+        count = std::min({std::size_t{mInput[0]} * 17, mInput.size() - 1, buffer.size()});
+        std::copy_n(mInput.begin() + 1, count, buffer.begin());
+        mInput = mInput.subspan(1 + count);
+        return platform::IoResult::done;
+    }
+
+  private:
+    Input& mInput;
+};
+
+/// Exactly as much room as an operation may use, so that a byte too many shows.
+template <std::size_t N>
+struct Room {
+    std::unique_ptr<std::array<std::uint8_t, N>> bytes = std::make_unique<std::array<std::uint8_t, N>>();
+    operator std::uint8_t*() { return bytes->data(); }
+};
+
+void useEverything(Mf500bfl& driver, int operation) {
+    Room<1> sak, uidLen, byte;
+    Room<2> atq;
+    Room<10> uid;
+    Room<12> key;
+    Room<16> block;
+    Room<55> version;
+    std::uint16_t length = 16;
+    switch (operation % 12) {
+    case 0:
+        driver.piccActivateIdle(0, atq, sak, uid, uidLen);
+        break;
+    case 1:
+        driver.piccActivateIdleLoop(0, atq, sak, uid, uidLen, 1);
+        break;
+    case 2:
+        driver.piccActivateWakeup(0, atq, sak, uid, 4);
+        break;
+    case 3:
+        driver.piccRead(4, block);
+        break;
+    case 4:
+        driver.piccExchangeBlock(uid, 5, block, &length, 1, 0);
+        break;
+    case 5:
+        driver.pcdGetFwVersion(version, length);
+        break;
+    case 6:
+        driver.pcdGetSnr(uid, length);
+        break;
+    case 7:
+        driver.pcdConfig();
+        break;
+    case 8:
+        driver.pcdGetAttrib(sak, uidLen, byte, atq, uid);
+        break;
+    case 9:
+        driver.hostCodeKey(uid, key);
+        break;
+    case 10:
+        driver.piccCascAnticoll(0x93, 0, uid);
+        break;
+    default:
+        driver.piccHalt();
+        break;
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size < 2) return 0;
+    static Input input;
+    input = Input{data + 2, size - 2};
+    setMf500DeviceFactory([] { return std::make_unique<InputDevice>(input); });
+    Mf500bfl driver;
+    driver.interfaceOpen(49, 0);
+    std::array<std::uint8_t, 16> confirmation{}, sessionKey{};
+    sessionKey[0] = data[0] % 2;
+    if (data[0] % 2 == 1) driver.pcdConfig2(confirmation.data(), sessionKey.data());
+    for (int i = 0; i < 4 && !input.empty(); ++i) {
+        driver.operationBegins();
+        useEverything(driver, data[1] + (data[0] > 127 ? i : 0));
+    }
+    driver.interfaceClose();
+    return 0;
+}
