@@ -304,8 +304,8 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     QVLReaderServiceIntf* mService;
     std::atomic<bool> mInitialised{false};
     std::atomic<bool> mOpened{false};  ///< The driver in place is the one that was initialised.
-    std::atomic<bool> mCtrl{false};  // LED 3 is on
-    std::atomic<std::uint8_t> mLED;  // last LED other than 3, kNoLed for none yet
+    std::atomic<bool> mCtrl{false};    // LED 3 is on
+    std::atomic<std::uint8_t> mLED;    // last LED other than 3, kNoLed for none yet
     std::atomic<std::uint8_t> mDur;
     USBFileIO mUSBFileIO;
     std::unique_ptr<QvlTcl> mTcl;  // holds the one pointer to the driver
