@@ -113,6 +113,8 @@ TEST(BlockData, OnALargeTagAndOnPages) {
     EXPECT_EQ(place.write(TagAppNone, 0, 5, 2, Bytes(9, 0x5A), kFactory), kDataTooLong);
     EXPECT_EQ(place.read(TagAppNone, 0, 1, 1, kFactory), kReservedBlock);
     EXPECT_EQ(place.read(TagAppMad1, 100, 0, 1, kFactory), kApplicationMissing);
+    EXPECT_EQ(place.read(TagAppMad1, 0x0605, 2, 999, kFactory), kTooFew)
+        << "its UID looks like a directory of one entry";
 }
 
 }  // namespace

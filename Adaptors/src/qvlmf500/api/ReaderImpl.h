@@ -16,7 +16,8 @@
 /// Results are ServiceStatus codes: 3100 is success of a tag or reader operation. `readerId` is a value of the host
 /// that is carried along. Everything that an operation hands out (`TagUID*&`, `uchar*&`, ...) is new and the host's,
 /// and goes back through freeMemory and nothing else. Any thread may call any operation; operations on tags queue for
-/// the reader, those that wait for a tag included. Null outputs, and null data with a length, are refused with 3101.
+/// the reader, those that wait for a tag included. Null outputs, null data with a length, and null
+/// keys that are to be written are refused with 3101.
 ///
 /// Life of an adaptor: createAdaptorInstance, loadReaderConfig, initReader, any operations, stopReader, destruction
 /// through the virtual destructor.

@@ -2,13 +2,14 @@
 
 #include "QvlExport.h"
 
-/// The prompt that stands while an operation waits for a tag. The library has no window of its own: a host puts its own
-/// in, a dialog or a line on a console. Without one, operations make one attempt at a tag and do not wait.
+/// The prompt that stands while an operation works on a tag and may have to wait for it. The library has no window of
+/// its own: a host puts its own in, a dialog or a line on a console. Without one, operations make one attempt at a tag
+/// and do not wait.
 class QVL_API TagPromptSurface {
   public:
     virtual ~TagPromptSurface() = default;
 
-    /// Called on the prompt's own thread when an operation begins to wait. Returns promptly and does not call the
+    /// Called on the prompt's own thread when an operation begins that may wait. Returns promptly and does not call the
     /// adaptor: the operation holds the reader lock.
     /// @return false if no prompt could be made.
     virtual bool show() = 0;

@@ -118,7 +118,7 @@ int QvlMf500ReaderImpl::resolveRun(const RunRequest& request, TagUID& tag, Resol
     for (int i = 0; i < run.sectors.count; ++i)
         capacity += dataBlocksOf(tag.getTagType(), run.sectors[i]);
     run.blockCount = request.blockCount == kToTheEnd ? capacity : request.blockCount;
-    return capacity < run.blockCount ? kTooFew : kOk;
+    return capacity < 0 || capacity < run.blockCount ? kTooFew : kOk;
 }
 
 int QvlMf500ReaderImpl::getBlockData(int readerId, TagAppType appType, const TagUID& tag, short appId,

@@ -32,7 +32,7 @@ struct BlockResults {
     int count = 0;
     int filled = 0;
     bool anyFailed = false;
-    int current = 3100;  ///< Status behind the last call, which tells whether the tag is selected.
+    int current = 3100;  ///< Of the wake-up behind the last call that failed.
 };
 
 /// One data block as a host names it: absolute, or a block index of an application.
