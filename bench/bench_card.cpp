@@ -1,19 +1,19 @@
 // Exchanges with a smart card in an open session, and prints what one took. The activation and a first exchange are
 // left out of the figures.
 //
-//     bench_card WHERE OUT BACK FRAME ROUNDS [door] [counted]
+//     bench_card WHERE OUT BACK FRAME ROUNDS [door] [mf500] [counted]
 //
 //     WHERE    virtual: a reader in this process; line: the serial port that the settings name
 //     OUT      bytes of the command, at least 2
 //     BACK     bytes of the answer
 //     FRAME    the card's frame size index of ISO/IEC 14443-4: 5 for 64 bytes, 8 for 256
 //     door     by the command door of the service; else TclExchange alone
+//     mf500    the reader is an MF RC500, and a line its message socket
 //     counted  counts commands and bytes on the way to the device, which costs a few instructions
 
 #include "Allocations.h"
 #include "BenchReader.h"
 #include "CardScript.h"
-#include "NfcTamaBfl.h"
 #include "QVLParamCollection.h"
 #include "QvlTcl.h"
 #include "ServiceStatus.h"
@@ -143,7 +143,7 @@ int run(Session session, const Exchange& wanted, const LineCount& line) {
 
 int main(int argc, char** argv) {
     if (argc < 6)
-        return std::fputs("usage: bench_card virtual|line OUT BACK FRAME ROUNDS [door] [counted]\n", stderr), 2;
+        return std::fputs("usage: bench_card virtual|line OUT BACK FRAME ROUNDS [door] [mf500] [counted]\n", stderr), 2;
     const auto number = [argv](int at) { return std::strtoul(argv[at], nullptr, 10); };
     const Exchange wanted{number(2), number(3), static_cast<std::uint8_t>(number(4)), number(5)};
     BenchReader bench(argc, argv);
@@ -151,5 +151,5 @@ int main(int argc, char** argv) {
     const std::unique_ptr<ReaderImpl> adaptor = bench.createAdaptor();
     if (!adaptor) return 1;
     if (bench.said("door")) return run(Door(*adaptor, wanted), wanted, bench.line());
-    return run(Layer(NfcTamaBfl::acquire(), wanted), wanted, bench.line());
+    return run(Layer(bench.driver(), wanted), wanted, bench.line());
 }

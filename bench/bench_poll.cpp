@@ -1,9 +1,10 @@
 // Polls, and prints what that took. The first poll belongs to the start and is left out of the figures.
 //
-//     bench_poll WHERE FIELD POLLS [keyed] [counted]
+//     bench_poll WHERE FIELD POLLS [mf500] [keyed] [counted]
 //
 //     WHERE    virtual: a reader in this process; line: the serial port that the settings name
 //     FIELD    empty, or tag: one that is new for every poll
+//     mf500    the reader is an MF RC500, and a line its message socket
 //     keyed    the reader in this process scrambles its link
 //     counted  counts commands and bytes on the way to the device, which costs a few instructions
 
@@ -22,9 +23,10 @@ constexpr std::size_t kTagSize = 1024;
 constexpr std::uint8_t kKeyCommand = 0x1C;
 
 /// A tag that blinks before each search is new for every poll, and the host pays nothing for it.
-void placeTag(VirtualTamaReader& reader) {
+void placeTag(const BenchReader& bench) {
+    VirtualReader& reader = bench.reader();
     reader.field().place(std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(kTagSize, kUid), kUid));
-    reader.addFault("4A from 1 tag blinks");
+    reader.addFault(bench.isMf500() ? "43 from 1 tag blinks" : "4A from 1 tag blinks");
 }
 
 /// A function of its own in the profile: a poll, and the release of what it hands out.
@@ -58,10 +60,11 @@ int run(ReaderImpl& adaptor, const BenchReader& bench, bool hasTag, std::size_t 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 4) return std::fputs("usage: bench_poll virtual|line empty|tag POLLS [keyed] [counted]\n", stderr), 2;
+    if (argc < 4)
+        return std::fputs("usage: bench_poll virtual|line empty|tag POLLS [mf500] [keyed] [counted]\n", stderr), 2;
     BenchReader bench(argc, argv);
     const bool hasTag = bench.said("tag");
-    if (hasTag) placeTag(bench.reader());
+    if (hasTag) placeTag(bench);
     const std::unique_ptr<ReaderImpl> adaptor = bench.createAdaptor();
     return adaptor ? run(*adaptor, bench, hasTag, std::strtoul(argv[3], nullptr, 10)) : 1;
 }

@@ -1,11 +1,12 @@
 // Works on the memory of a tag as delivered, and prints what a round took. Searching the tag, what an operation needs
 // on it, a first round, and what brings the tag back after each round are left out of the figures.
 //
-//     bench_tag WHERE OPERATION ROUNDS [counted]
+//     bench_tag WHERE OPERATION ROUNDS [mf500] [counted]
 //
 //     WHERE      virtual: a reader in this process; line: the serial port that the settings name
 //     OPERATION  read1k: all 48 data blocks; read4k: all 216; write: 45 blocks from block 4 on;
 //                format: with a directory, and back; initapp: an application of two sectors; adjust: a value by 1
+//     mf500      the reader is an MF RC500, and a line its message socket
 //     counted    counts commands and bytes on the way to the device, which costs a few instructions
 
 #include "Allocations.h"
@@ -170,8 +171,9 @@ int main(int argc, char** argv) {
     const auto* operation =
         std::ranges::find_if(kOperations, [&](const Operation& wanted) { return bench.said(wanted.name); });
     if (rounds == 0 || operation == std::end(kOperations))
-        return std::fputs("usage: bench_tag virtual|line read1k|read4k|write|format|initapp|adjust ROUNDS [counted]\n",
-                          stderr),
+        return std::fputs(
+                   "usage: bench_tag virtual|line read1k|read4k|write|format|initapp|adjust ROUNDS [mf500] [counted]\n",
+                   stderr),
                2;
     bench.reader().field().place(
         std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(operation->tagSize, kUid), kUid));

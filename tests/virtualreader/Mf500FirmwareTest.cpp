@@ -277,28 +277,6 @@ TEST_P(Mf500Reader, MisbehavesAsOrderedAndIsHealedByTheAgreement) {
     }
 }
 
-TEST_P(Mf500Reader, LosesTagsAsOrdered) {
-    const Bytes uid{1, 2, 3, 4};
-    placeClassic(uid);
-    ASSERT_EQ(reader->addFaults("18 1 tag blinks\n18 2 tag swapped\n1A 1 tag gone\n1A 2 tag back\nwrite 1 torn 4\n"),
-              "");
-    for (int round = 0; round < 2; ++round) {
-        ASSERT_EQ(wake(uid), 0);
-        EXPECT_EQ(authenticate(uid, kFactoryKey, 4), kBflNoTag) << "blinked, and another one lies there";
-    }
-    Bytes twin = uid, data(16, 0x5A);
-    twin[3] ^= 0xFF;
-    ASSERT_EQ(wake(twin), 0);
-    EXPECT_EQ(authenticate(twin, kFactoryKey, 4), 0);
-    EXPECT_EQ(driver.piccWrite(4, data.data()), kBflNoTag) << "gone";
-    EXPECT_EQ(driver.piccWrite(4, data.data()), kBflNoTag) << "back, but idle";
-    ASSERT_EQ(wake(uid), 0) << "the first of the two that were away";
-    ASSERT_EQ(authenticate(uid, kFactoryKey, 4), 0);
-    EXPECT_EQ(driver.piccWrite(4, data.data()), kBflNoTag) << "torn";
-    EXPECT_EQ(wake(uid), kBflNoTag);
-    EXPECT_TRUE(isInStep());
-}
-
 TEST_P(Mf500Reader, RefusesAWrongConfirmation) {
     std::uint8_t wrong[16] = {1}, key[16] = {};
     EXPECT_EQ(driver.pcdConfig2(wrong, key),

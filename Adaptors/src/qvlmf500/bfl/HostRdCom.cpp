@@ -4,6 +4,7 @@
 #include "Clock.h"
 
 #include <algorithm>
+#include <array>
 #include <new>
 
 namespace {
@@ -111,11 +112,13 @@ void USBProtocol::dropLeftOvers(std::uint32_t quietMs) {
 short USBProtocol::SendCommand(CommandObject& command, std::uint32_t txTimeout, std::uint32_t rxTimeout) {
     const bool isReplyDue = mIsReplyDue;
     dropLeftOvers(isReplyDue ? kQuietMs : 0);
-    SecretBytes<1 + CommandObject::kBufferSize> message;
+    const std::size_t length = 1 + std::size_t{command.mCommandLength};
+    std::array<std::uint8_t, 1 + CommandObject::kBufferSize> message;
+    const WipedAtEnd wiped(message.data(), length);
     message[0] = command.mCode;
     std::copy_n(command.mCommand.data(), command.mCommandLength, message.data() + 1);
-    const platform::IoResult sent = mUSB.mDevice->write({message.data(), 1 + std::size_t{command.mCommandLength}},
-                                                        txTimeout != 0 ? txTimeout : mTxTimeout);
+    const platform::IoResult sent =
+        mUSB.mDevice->write({message.data(), length}, txTimeout != 0 ? txTimeout : mTxTimeout);
     const std::uint32_t limit =
         (rxTimeout != 0 ? rxTimeout : mRxTimeout) + (command.mCode == kActivateIdleLoop ? kLongestLoopMs : 0);
     const short status = sent == platform::IoResult::done ? receive(command, limit) : toStatus(sent);
@@ -133,9 +136,10 @@ void USBProtocol::takeLastReply(CommandObject& command) {
 }
 
 short USBProtocol::receive(CommandObject& command, std::uint32_t timeout) {
-    SecretBytes<kStatusSize + CommandObject::kBufferSize + 1> message;
+    std::array<std::uint8_t, kStatusSize + CommandObject::kBufferSize + 1> message;
     std::size_t count = 0;
-    const platform::IoResult result = mUSB.mDevice->read({message.data(), message.size()}, count, timeout);
+    const platform::IoResult result = mUSB.mDevice->read(message, count, timeout);
+    const WipedAtEnd wiped(message.data(), count);
     if (result != platform::IoResult::done) return toStatus(result);
     if (count < kStatusSize || count == message.size()) return kBflBadFrame;
     command.mStatus = static_cast<std::int16_t>(message[0] | message[1] << 8);
