@@ -2,22 +2,6 @@
 
 #include <utility>
 
-namespace {
-
-std::int32_t toDeviceStatus(platform::IoResult result) {
-    switch (result) {
-    case platform::IoResult::done:
-        return kDeviceOk;
-    case platform::IoResult::timedOut:
-        return kDeviceTimedOut;
-    case platform::IoResult::failed:
-        break;
-    }
-    return kDeviceFailed;
-}
-
-}  // namespace
-
 VirtualTamaDevice::VirtualTamaDevice(std::shared_ptr<VirtualTamaReader> reader) : mLine(std::move(reader)) {}
 
 std::int32_t VirtualTamaDevice::OpenInterface(const char*, std::uint32_t, std::uint32_t) {

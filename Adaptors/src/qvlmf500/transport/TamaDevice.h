@@ -1,5 +1,7 @@
 #pragma once
 
+#include "IoResult.h"
+
 #include <cstdint>
 
 /// Status values of the device level, signed 32 bits in the style of HRESULT: negative is failure.
@@ -9,6 +11,11 @@ enum DeviceStatus : std::int32_t {
     kDeviceFailed = static_cast<std::int32_t>(0x80004005u),  ///< An open, read or write failed.
     kDeviceBadArgument = static_cast<std::int32_t>(0x80070057u),  ///< The buffer is smaller than the frame.
 };
+
+constexpr std::int32_t toDeviceStatus(platform::IoResult result) {
+    if (result == platform::IoResult::done) return kDeviceOk;
+    return result == platform::IoResult::timedOut ? kDeviceTimedOut : kDeviceFailed;
+}
 
 /// What carries whole frames between the TAMA driver and its reader. Made closed; one thread at a time. The destructor
 /// of an implementation releases the device.

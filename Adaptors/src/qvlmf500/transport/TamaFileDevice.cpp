@@ -3,17 +3,9 @@
 #include "Clock.h"
 #include "Installation.h"
 
-std::int32_t TamaFileDevice::toDeviceStatus(platform::IoResult result) {
-    switch (result) {
-    case platform::IoResult::done:
-        return kDeviceOk;
-    case platform::IoResult::timedOut:
-        return kDeviceTimedOut;
-    case platform::IoResult::failed:
-        break;
-    }
-    mIsGone = true;
-    return kDeviceFailed;
+std::int32_t TamaFileDevice::noted(platform::IoResult result) {
+    mIsGone = mIsGone || result == platform::IoResult::failed;
+    return toDeviceStatus(result);
 }
 
 std::int32_t TamaFileDevice::OpenInterface(const char* name, std::uint32_t, std::uint32_t) {
@@ -33,7 +25,7 @@ std::int32_t TamaFileDevice::WriteBytesUnblocked(const std::uint8_t* data, int l
     std::size_t written = 0;
     const platform::IoResult result = mHandle.write({data, static_cast<std::size_t>(len)}, written, timeout);
     *count = static_cast<std::uint32_t>(written);
-    return toDeviceStatus(result);
+    return noted(result);
 }
 
 std::int32_t TamaFileDevice::ReadBytesUnBlocked(std::uint8_t* buffer, int size, std::uint32_t* count,
@@ -41,7 +33,7 @@ std::int32_t TamaFileDevice::ReadBytesUnBlocked(std::uint8_t* buffer, int size, 
     std::size_t got = 0;
     const platform::IoResult result = mHandle.read({buffer, static_cast<std::size_t>(size)}, got, timeout);
     *count = static_cast<std::uint32_t>(got);
-    return toDeviceStatus(result);
+    return noted(result);
 }
 
 void TamaFileDevice::discardInput() {

@@ -17,7 +17,7 @@ class TamaFileDevice : public TamaDevice {
     bool isGone() override { return mIsGone; }
 
   private:
-    std::int32_t toDeviceStatus(platform::IoResult result);
+    std::int32_t noted(platform::IoResult result);
 
     platform::DeviceNode mHandle;
     bool mIsGone = false;
