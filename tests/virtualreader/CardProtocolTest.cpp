@@ -37,6 +37,16 @@ struct Partner {
         card.setFaults(&faults);
         EXPECT_EQ(reader.select(), "20");
     }
+    /// {from+count} stands for bytes that count up.
+    static std::string spelled(std::string_view answer) {
+        std::string all(answer);
+        for (std::size_t at; (at = all.find('{')) != std::string::npos;) {
+            std::size_t from = 0, count = 0;
+            EXPECT_EQ(std::sscanf(all.c_str() + at, "{%zu+%zu}", &from, &count), 2) << answer;
+            all.replace(at, all.find('}', at) + 1 - at, counting(from, count));
+        }
+        return all;
+    }
     /// Steps "block > answer", one a line.
     void speak(std::string_view dialogue) {
         while (!dialogue.empty()) {
@@ -44,7 +54,7 @@ struct Partner {
             dialogue.remove_prefix(std::min(step.size() + 1, dialogue.size()));
             const std::size_t arrow = step.find(" > ");
             ASSERT_NE(arrow, std::string_view::npos) << step;
-            EXPECT_EQ(reader.send(step.substr(0, arrow)), step.substr(arrow + 3)) << step;
+            EXPECT_EQ(reader.send(step.substr(0, arrow)), spelled(step.substr(arrow + 3))) << step;
         }
     }
     FaultPlan faults;
@@ -55,40 +65,22 @@ struct Partner {
 TEST(CardBlocks, AnswersGoOutInChainsThatFitTheReader) {
     Partner plain({"80 count 31"});
     plain.speak("E0 00 > 03 45 03\n"
-                "02 80 > 12 " +
-                counting(0, 13) +
-                "\n"
-                "A2 > 12 " +
-                counting(0, 13) +
-                "\n"  // Its own number: once more.
-                "B2 > 12 " +
-                counting(0, 13) +
-                "\n"
-                "A3 > 13 " +
-                counting(13, 13) +
-                "\n"
+                "02 80 > 12 {0+13}\n"
+                "A2 > 12 {0+13}\n"  // Its own number: once more.
+                "B2 > 12 {0+13}\n"
+                "A3 > 13 {13+13}\n"
                 "B2 > A3\n"  // The other number: it is there, and goes on all the same.
-                "A2 > 02 " +
-                counting(26, 5) +
-                "\n"
+                "A2 > 02 {26+5}\n"
                 "A3 > -\n"  // There is no more.
-                "B2 > 02 " +
-                counting(26, 5) +
-                "\n"
-                "03 80 > 13 " +
-                counting(0, 13) +
-                "\n"
+                "B2 > 02 {26+5}\n"
+                "03 80 > 13 {0+13}\n"
                 "02 00 > 02 6D 00\n");  // A new command ends the chain.
     Partner numbered({"80 count 20"});
     numbered.speak("E0 03 > 03 45 03\n"
-                   "0E 03 41 80 > 1E 03 14 " +
-                   counting(0, 11) +
-                   "\n"  // Only the first block has the NAD.
+                   "0E 03 41 80 > 1E 03 14 {0+11}\n"  // Only the first block has the NAD.
                    "AB 04 > -\n"
                    "A3 > -\n"
-                   "AB 03 > 0B 03 " +
-                   counting(11, 9) +
-                   "\n"
+                   "AB 03 > 0B 03 {11+9}\n"
                    "BA 03 > AB 03\n"
                    "C2 > -\n"
                    "CA 03 > CA 03\n"
@@ -124,12 +116,8 @@ TEST(CardBlocks, TheCardAsksForTimeAndWaitsUntilItIsGranted) {
                "FA 04 05 > -\n"
                "BA 04 > 0A 04 90 00\n"
                "0B 04 81 > FA 04 3B\n"
-               "FA 04 3B > 1B 04 " +
-               counting(0, 12) +
-               "\n"
-               "AA 04 > 0A 04 " +
-               counting(12, 8) +
-               "\n"
+               "FA 04 3B > 1B 04 {0+12}\n"
+               "AA 04 > 0A 04 {12+8}\n"
                "0B 04 80 > FA 04 05\n"
                "CA 04 > CA 04\n");
     EXPECT_EQ(card.card.state(), State::halted);
@@ -365,7 +353,7 @@ TEST_F(Type4, CommandsAndStatusWords) {
     reader.select(VirtualTag::Request::wupa);
     reader.send("E0 80");
     EXPECT_EQ(reader.send("02 00B0000001"), "02 69 86") << "activation forgets the selection";
-    EXPECT_EQ(reader.send("03 80CA0100"), "03 " + counting(0, 100)) << "the script stands behind the line before it";
+    EXPECT_EQ(reader.send("03 80CA0100"), "03 {0+100}") << "the script stands behind the line before it";
     EXPECT_EQ(reader.send("02 80CA0102"), "F2 04");
 }
 
@@ -390,8 +378,8 @@ TEST_F(Type4, BehindAReaderWithItsFaults) {
         return reply;
     };
     EXPECT_EQ(host("4A 01 00"), "4B 01 01 04 00 20 04 01 02 03 04 06 75 77 81 02 80");
-    EXPECT_EQ(host("42 02 80CA0100"), "43 00 12 " + counting(0, 61)) << "the reader takes frames of 64 bytes";
-    EXPECT_EQ(host("42 A3"), "43 00 03 " + counting(61, 39));
+    EXPECT_EQ(host("42 02 80CA0100"), "43 00 12 {0+61}") << "the reader takes frames of 64 bytes";
+    EXPECT_EQ(host("42 A3"), "43 00 03 {61+39}");
     EXPECT_EQ(host("42 0A 05 80CA0102"), "43 00 FA 05 04");
     EXPECT_EQ(host("42 FA 05 04"), "43 00 0A 05 01 02 90 00");
     EXPECT_EQ(under("block 1 lost", "42 0B 05 00CB"), "43 01");
