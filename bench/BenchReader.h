@@ -83,7 +83,7 @@ class BenchReader {
         mRoot = root;
         const std::string directory = mRoot + "/" + kReaderClasses[3].guid;
         std::filesystem::create_directory(directory);
-        std::ofstream(directory + "/bench");
+        const std::ofstream name(directory + "/bench");
         ::setenv("QVL_DEVICE_ROOT", mRoot.c_str(), 1);
     }
 

@@ -197,13 +197,13 @@ class Workplace {
     std::unique_ptr<ReaderImpl> adaptor;
 
   private:
-    void useTama(std::shared_ptr<VirtualTamaReader> tama) {
+    void useTama(const std::shared_ptr<VirtualTamaReader>& tama) {
         reader = mTama = tama;
         if (mLine == Line::inProcess)
             setTamaDeviceFactory(
                 [tama](const TamaDeviceRequest&) { return std::make_unique<VirtualTamaDevice>(tama); });
     }
-    void useMf500(std::shared_ptr<VirtualMf500Reader> mf500) {
+    void useMf500(const std::shared_ptr<VirtualMf500Reader>& mf500) {
         reader = mf500;
         if (mLine != Line::inProcess) return;
         root.write(std::string(kReaderClasses[3].guid) + "/reader", "");  // for the device scan
