@@ -353,7 +353,7 @@ TEST_F(Type4, CommandsAndStatusWords) {
     reader.select(VirtualTag::Request::wupa);
     reader.send("E0 80");
     EXPECT_EQ(reader.send("02 00B0000001"), "02 69 86") << "activation forgets the selection";
-    EXPECT_EQ(reader.send("03 80CA0100"), "03 {0+100}") << "the script stands behind the line before it";
+    EXPECT_EQ(reader.send("03 80CA0100"), "03 " + counting(0, 100)) << "the script stands behind the line before it";
     EXPECT_EQ(reader.send("02 80CA0102"), "F2 04");
 }
 
@@ -378,8 +378,8 @@ TEST_F(Type4, BehindAReaderWithItsFaults) {
         return reply;
     };
     EXPECT_EQ(host("4A 01 00"), "4B 01 01 04 00 20 04 01 02 03 04 06 75 77 81 02 80");
-    EXPECT_EQ(host("42 02 80CA0100"), "43 00 12 {0+61}") << "the reader takes frames of 64 bytes";
-    EXPECT_EQ(host("42 A3"), "43 00 03 {61+39}");
+    EXPECT_EQ(host("42 02 80CA0100"), "43 00 12 " + counting(0, 61)) << "the reader takes frames of 64 bytes";
+    EXPECT_EQ(host("42 A3"), "43 00 03 " + counting(61, 39));
     EXPECT_EQ(host("42 0A 05 80CA0102"), "43 00 FA 05 04");
     EXPECT_EQ(host("42 FA 05 04"), "43 00 0A 05 01 02 90 00");
     EXPECT_EQ(under("block 1 lost", "42 0B 05 00CB"), "43 01");
