@@ -204,6 +204,51 @@ TEST_F(Mf500, LetsDataThroughBesideAStatusAndSaysWhichFailed) {
     EXPECT_EQ(out[0], 0x33) << "and nothing written";
 }
 
+TEST_F(Mf500, FailsInEachCommandByStatusByAShortReplyAndByTheLink) {
+    std::uint8_t key[12] = {}, uid[10] = {}, block[16] = {};
+    std::uint16_t count = 0, room = 0;
+    const struct {
+        std::function<short()> run;
+        std::size_t least;  ///< Bytes that a reply has to bring.
+        short refused = 7;
+    } commands[] = {
+        {[&] { return driver.pcdGetRICVersion(out); }, 5},
+        {[&] { return driver.pcdGetSnr(out, count); }, 4},
+        {[&] { return driver.pcdGetFwVersion(out, count); }, 2},
+        {[&] { return driver.pcdRfReset(5); }, 0},
+        {[&] { return driver.pcdGetAttrib(out, out + 1, out + 2, out + 3, out + 4); }, 5, 1},
+        {[&] { return driver.pcdSetAttrib(1, 1); }, 0},
+        {[&] { return driver.pcdSetDefaultAttrib(); }, 0},
+        {[&] { return driver.hostCodeKey(key, out); }, 12},
+        {[&] { return driver.piccRequest(0x26, out); }, 2},
+        {[&] { return driver.piccCascAnticoll(0x93, 0, uid); }, 4},
+        {[&] { return driver.piccCascSelect(0x93, uid, &sak); }, 1},
+        {[&] { return driver.piccActivateIdle(0, out, &sak, uid, &length); }, 4},
+        {[&] { return driver.piccActivateIdleLoop(0, out, &sak, uid, &length, 1); }, 4},
+        {[&] { return driver.piccActivateWakeup(0, out, &sak, uid, 4); }, 3},
+        {[&] { return driver.piccAuthKey(0x60, uid, key, 4); }, 0},
+        {[&] { return driver.piccRead(4, block); }, 16},
+        {[&] { return driver.piccWrite(4, block); }, 0},
+        {[&] { return driver.piccValue(0xC1, 4, uid, 4); }, 0},
+        {[&] { return room = 16, driver.piccExchangeBlock(uid, 1, out, &room, 1, 1); }, 2},
+        {[&] { return driver.piccHalt(); }, 0},
+    };
+    for (const auto& command : commands) {
+        const auto number = &command - commands;
+        reply = Bytes{7, 0} + Bytes(command.least, 0);
+        EXPECT_EQ(command.run(), command.refused) << number;
+        if (command.least > 0) {
+            reply = Bytes{0, 0} + Bytes(command.least - 1, 0);
+            EXPECT_EQ(command.run(), kBflBadFrame) << number;
+        }
+        reply = Bytes{0};
+        EXPECT_EQ(command.run(), kBflBadFrame) << number << ": half a status";
+        reply = Bytes{};
+        EXPECT_EQ(command.run(), kBflDeviceFailed) << number;
+        EXPECT_EQ(driver.interfaceOpen(0, 0), kBflOpened);
+    }
+}
+
 TEST_F(Mf500, CopiesABlockOnlyAsAWholeAndIntoRoomEnough) {
     constexpr std::size_t kMostSent = 4158;  // what a message may hold behind status and length
     for (const std::size_t sent : {0u, 1u, 2u, 3u, 4u, 15u, 16u, 17u, 255u, 256u, 257u, 4095u, 4096u, 4097u, 65535u}) {
