@@ -198,8 +198,10 @@ TEST_F(Link, DropsWhatIsLeftOverBeforeTheNextCommand) {
 
 TEST_F(Link, GoesOnWithoutAKeyAfterARefusedAgreement) {
     const char* const kConfig[] = {"32 01 01", "32 02 00 0B 0C", "32 04 05", "32 05 05 05 05", "12 0C"};
-    for (const bool isError : {true, false}) {  // the other answer is not even scrambled: it fails its checks
-        script->expects({}).answers(ack()).answers(isError ? errorFrame() : rsp("1D 00"));
+    Bytes damaged = rsp("1D");
+    damaged[damaged.size() - 2] ^= 1;
+    for (const bool isError : {true, false}) {
+        script->expects({}).answers(ack()).answers(isError ? errorFrame() : damaged);
         for (const std::string config : kConfig)
             script->expects(isError ? cmd(config) : Bytes{}).answers(ack()).answers(rsp(config < "2" ? "13" : "33"));
         EXPECT_EQ(driver->pcdConfig(), kBflOk);
