@@ -4,6 +4,8 @@
 #include "Guarded.h"
 #include "QvlMf500ReaderImpl.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr std::uint8_t kSwitchLed = 3;  // an LED that is a switch
@@ -20,7 +22,9 @@ std::shared_ptr<Qvl14443bfl> QvlMf500ReaderImpl::idleDriver() const {
 
 int QvlMf500ReaderImpl::getReaderId(std::uint8_t* id, std::uint16_t& idLen) {
     if (id == nullptr) return kReaderFailed;
-    idLen = 0;  // a closed driver may say 0 and fill nothing
+    constexpr int kShortestId = 4;
+    std::fill_n(id, kShortestId, std::uint8_t{0});  // a closed driver may say 0 and fill nothing
+    idLen = 0;
     return guarded("getReaderId", int{kReaderFailed},
                    [&] { return toServiceStatus(idleDriver()->pcdGetSnr(id, idLen)); });
 }

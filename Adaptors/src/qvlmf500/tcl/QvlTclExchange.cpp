@@ -348,9 +348,13 @@ void Exchange::exchangeBlock(std::uint16_t length) {
         length = static_cast<std::uint16_t>(length + kCrcSize);
         received = static_cast<std::uint16_t>(received + kCrcSize);
     }
+    const std::uint16_t capacity = received;
     mTcl.mTimeout = kBlockTimeout;
     mStatus = mBfl.piccExchangeBlock(p.block.get(), length, p.block.get(), &received, mTcl.mAppend_crc, mTcl.mTimeout);
-    if (mStatus == kBflOk && withCrc && received < kCrcSize) mStatus = kBflBadFrame;
+    // A closed MF RC500 driver says 0 and fills nothing in: what was sent is not the answer. No card fills all the
+    // room.
+    const bool isUntouched = mBfl.getBflType() == BflTypeMf500 && received == capacity;
+    if (mStatus == kBflOk && (isUntouched || (withCrc && received < kCrcSize))) mStatus = kBflBadFrame;
     mLength = withCrc ? static_cast<std::uint16_t>(received - kCrcSize) : received;
 }
 
