@@ -102,7 +102,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     sessionKey[0] = data[0] % 2;
     if (data[0] % 2 == 1) driver.pcdConfig2(confirmation.data(), sessionKey.data());
     for (int i = 0; i < 4 && !input.empty(); ++i) {
-        driver.operationBegins();
         useEverything(driver, data[1] + (data[0] > 127 ? i : 0));
     }
     driver.interfaceClose();

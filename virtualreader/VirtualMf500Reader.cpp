@@ -12,7 +12,7 @@ constexpr std::size_t kLongestMessage = 4096;
 VirtualMf500Reader::VirtualMf500Reader(ReaderOptions options, std::shared_ptr<VirtualField> field)
     : VirtualReader(options, std::move(field), hasFault), mLink(VirtualReader::options()),
       mFirmware(VirtualReader::field(), VirtualReader::options()) {
-    for (auto* buffer : {&mParameters, &mValues, &mMessage})
+    for (auto* buffer : {&mCommand, &mParameters, &mValues, &mMessage})
         buffer->reserve(kLongestMessage);
     joinField();
 }
@@ -53,9 +53,11 @@ void VirtualMf500Reader::onBytes(Bytes message) {
     const std::uint8_t code = message[0];
     const FaultRule* fault = faultOf(code);
     if (fault && fault->effect == FaultEffect::noAnswer) return;
+    mCommand.assign(message.begin(), message.end());
     mParameters.assign(message.begin() + 1, message.end());
     mLink.open(code, mParameters);
-    countCommand(code);
+    std::ranges::copy(mParameters, mCommand.begin() + 1);
+    noteCommand(mCommand);
     handle(code, fault);
     dropFallenTag();
 }

@@ -33,6 +33,6 @@ class VirtualMf500Reader : public VirtualReader {
     Mf500Link mLink;
     Mf500Firmware mFirmware;
     // Of the command under way; made once, so that a command costs no memory.
-    std::vector<std::uint8_t> mParameters, mMessage;
+    std::vector<std::uint8_t> mCommand, mParameters, mMessage;
     Mf500Firmware::Values mValues;
 };

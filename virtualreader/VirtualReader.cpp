@@ -49,6 +49,16 @@ void VirtualReader::receive(Bytes bytes) {
     onBytes(bytes);
 }
 
+void VirtualReader::listen(std::function<void(Bytes)> listener) {
+    const auto held = mField->lock();
+    mListener = std::move(listener);
+}
+
+void VirtualReader::noteCommand(Bytes command) {
+    ++mCounts[command[0]];
+    if (mListener) mListener(command);
+}
+
 void VirtualReader::moveTags(const FaultRule& fault) {
     switch (fault.effect) {
     case FaultEffect::tagGone:

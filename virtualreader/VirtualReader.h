@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -78,9 +79,11 @@ class VirtualReader : private VirtualField::Listener, private WritePower {
     virtual bool isLinkKeyed() const = 0;
     /// How often a command with this code arrived soundly since the start.
     std::uint32_t commandCount(std::uint8_t code) const;
+    using Bytes = std::span<const std::uint8_t>;
+    /// Hears each command that arrives soundly, from its code on and unscrambled. Runs under the field's lock.
+    void listen(std::function<void(Bytes command)> listener);
 
   protected:
-    using Bytes = std::span<const std::uint8_t>;
 
     /// Without a field it makes its own. `suits` tells the faults of the model, see FaultPlan.
     VirtualReader(ReaderOptions options, std::shared_ptr<VirtualField> field, FaultPlan::Suits suits = nullptr);
@@ -100,7 +103,7 @@ class VirtualReader : private VirtualField::Listener, private WritePower {
 
     bool isPlugged() const { return mPresent; }
     ReaderSink* sink() const { return mSink; }
-    void countCommand(std::uint8_t code) { ++mCounts[code]; }
+    void noteCommand(Bytes command);
     /// The fault that hits this command, null for none.
     const FaultRule* faultOf(std::uint8_t code) { return mFaults.isEmpty() ? nullptr : mFaults.onCommand(code); }
     /// What a fault does to the tags before the command.
@@ -123,6 +126,7 @@ class VirtualReader : private VirtualField::Listener, private WritePower {
     std::vector<ReaderWatcher*> mWatchers;
     bool mPresent = true;
     std::array<std::uint32_t, 256> mCounts{};
+    std::function<void(Bytes)> mListener;
     std::vector<std::vector<std::uint8_t>> mHeld;
     std::string mFallen;  ///< Tag that lost its power for good in this command.
 };

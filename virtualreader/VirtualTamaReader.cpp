@@ -59,7 +59,7 @@ void VirtualTamaReader::onCommand(HostFrame& frame) {
         send(kErrorFrame);
         return;
     }
-    countCommand(frame.command[0]);
+    noteCommand(frame.command);
     handle(frame.command, fault);
     dropFallenTag();
 }

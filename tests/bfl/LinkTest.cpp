@@ -5,6 +5,7 @@
 #include "HexText.h"
 #include "KeyPool.h"
 #include "LinkCipher.h"
+#include "LinkWatch.h"
 #include "Md5.h"
 #include "NfcTamaBfl.h"
 
@@ -168,6 +169,8 @@ TEST_F(Link, TellsAFailedDeviceFromASilentOne) {
 }
 
 TEST_F(Link, GivesASilentReaderUpUntilTheNextOperation) {
+    LinkWatch watch;
+    driver->watchLink(&watch);
     for (const bool isAcknowledged : {false, true}) {  // an ACK alone is no sign of life
         for (int i = 0; i < 3; ++i) {
             script->expects({});
@@ -178,10 +181,11 @@ TEST_F(Link, GivesASilentReaderUpUntilTheNextOperation) {
         const std::size_t sent = script->written.size();
         EXPECT_EQ(command("4A 01 00"), kBflDeviceTimedOut);
         EXPECT_EQ(script->written.size(), sent) << "the fourth command is not sent";
-        driver->operationBegins();
+        watch = {};  // the next operation has one of its own
         script->dialogue("4A 01 00", "4B 00");
         EXPECT_EQ(command("4A 01 00"), kBflOk);
     }
+    driver->watchLink(nullptr);
 }
 
 TEST_F(Link, DropsWhatIsLeftOverBeforeTheNextCommand) {

@@ -69,7 +69,6 @@ TEST_P(ALostFrame, NeverDeliversAnotherBlocksBytes) {
         for (int i = 0; i < 12; ++i) {
             const auto block = static_cast<std::uint8_t>(4 + i % 3);
             std::uint8_t data[16] = {};
-            driver->operationBegins();
             if (driver->piccRead(block, data) != kBflOk) continue;
             for (const std::uint8_t b : data)
                 ASSERT_EQ(b, block) << "read " << i << ", fault at " << k;

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -71,11 +72,6 @@ bool Mf500bfl::assertRange(int value, int low, int high) { return low <= value &
 
 BflType Mf500bfl::getBflType() { return BflTypeMf500; }
 
-void Mf500bfl::operationBegins() {
-    const OperationLock lock = lockOperation();
-    mTimeOutsInARow = 0;
-}
-
 short Mf500bfl::interfaceOpen(std::uint32_t, std::uint32_t) {
     const OperationLock lock = lockOperation();
     interfaceClose();
@@ -90,7 +86,7 @@ short Mf500bfl::interfaceOpen(std::uint32_t, std::uint32_t) {
     }
     mProtocol->SetRxTimeout(kDefaultTimeout);
     mProtocol->SetTxTimeout(kDefaultTimeout);
-    mTimeOutsInARow = 0;
+    noteOpened();
     return kBflOpened;
 }
 
@@ -106,14 +102,19 @@ short Mf500bfl::interfaceClose() {
 short Mf500bfl::sendCommand(const char* operation, bool& sent) {
     short status = kBflOk;
     sent = false;
-    if (mProtocol && mTimeOutsInARow >= kMostTimeOutsInARow) {
+    if (mProtocol && !mayAsk()) {
         status = kBflDeviceTimedOut;
     } else if (mProtocol && isOutOfStep()) {
         status = kBflDeviceFailed;
     } else if (mProtocol) {
         status = mProtocol->SendCommand(*mCommand, kCommandTimeout, kCommandTimeout);
         sent = status == kBflOk;
-        mTimeOutsInARow = status == kBflDeviceTimedOut ? mTimeOutsInARow + 1 : 0;
+        if (sent)
+            noteAnswer();
+        else if (status == kBflDeviceTimedOut)
+            noteTimeOut();
+        else
+            noteFailure(status == kBflDeviceFailed);
         mIsKeyDue = !sent || mCommand->GetDataBufferLength() > 0;
     }
     if (!sent) QVL_LOG(kLogFailure, "Mf500bfl::%s send command failed %d", operation, status);
@@ -254,7 +255,10 @@ short Mf500bfl::pcdGetFwVersion(std::uint8_t* version, std::uint16_t& versionLen
     return conclude(outcome);
 }
 
-short Mf500bfl::pcdRfReset(std::uint16_t ms) { return run({"pcdRfReset", 0x20}, {ms}); }
+short Mf500bfl::pcdRfReset(std::uint16_t ms) {
+    mIsTagActive = false;
+    return run({"pcdRfReset", 0x20}, {ms});
+}
 
 short Mf500bfl::pcdGetAttrib(std::uint8_t* fsci, std::uint8_t* fsdi, std::uint8_t* piccDiv, std::uint8_t* pcdDiv,
                              std::uint8_t* attrib) {
@@ -286,8 +290,21 @@ short Mf500bfl::piccCascAnticoll(std::uint8_t selCode, std::uint8_t bitCount, st
 
 short Mf500bfl::piccCascSelect(std::uint8_t selCode, std::uint8_t* snr, std::uint8_t* sak) {
     if (!isSelectCode(selCode)) return kBflOutOfRange;
-    return run({"piccCascSelect", 0x42, "Mf500bfl::piccCascSelect get param sak failed %d"}, {selCode, {snr, 4}},
-               {{sak, 1}});
+    const short status = run({"piccCascSelect", 0x42, "Mf500bfl::piccCascSelect get param sak failed %d"},
+                             {selCode, {snr, 4}}, {{sak, 1}});
+    mIsTagActive = status == kBflOk;
+    return status;
+}
+
+short Mf500bfl::piccSelectKnown(std::uint8_t reqCode, const TagUID& tag, std::optional<std::uint8_t>& sak) {
+    const OperationLock lock = lockOperation();
+    const bool wasTagActive = std::exchange(mIsTagActive, false);
+    std::uint8_t atq[2] = {};
+    short status = piccRequest(reqCode, atq);
+    if (status != kBflOk && !isDeviceLost(status) && wasTagActive) status = piccRequest(reqCode, atq);
+    if (status == kBflOk) return selectByUid(tag, sak);
+    QVL_LOG(kLogFailure, "Tag selection failed: %d", status);
+    return status;
 }
 
 short Mf500bfl::takeUid(std::uint8_t* uid, std::uint8_t length) {
@@ -324,6 +341,7 @@ short Mf500bfl::runActivation(const Command& command, std::initializer_list<Para
     }
     QVL_LOG(kLogProgress, "Mf500bfl::%s doesn't have uid or gets param  uid=%s %s", name,
             HexLine(uid, std::min<std::size_t>(*uid_len, kMostUidBytes)).text(), end);
+    mIsTagActive = outcome.status == kBflOk;
     return conclude(outcome);
 }
 
@@ -397,7 +415,11 @@ short Mf500bfl::piccExchangeBlock(std::uint8_t* sendData, std::uint16_t sendLen,
     return conclude({true, kept});
 }
 
-short Mf500bfl::piccHalt() { return run({"piccHalt", 0x1D}, {}); }
+short Mf500bfl::piccHalt() {
+    const short status = run({"piccHalt", 0x1D}, {});
+    if (status == kBflOk) mIsTagActive = false;
+    return status;
+}
 
 short Mf500bfl::switchLED(std::uint8_t, std::uint8_t, std::uint8_t) {
     const OperationLock lock = lockOperation();

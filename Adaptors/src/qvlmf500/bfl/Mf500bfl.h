@@ -62,7 +62,9 @@ class QVL_API Mf500bfl : public Qvl14443bfl {
     /// This reader has no LED command: empties the command object.
     short switchLED(std::uint8_t led, std::uint8_t ctrl, std::uint8_t dur) override;
 
-    void operationBegins() override;
+    /// A tag that was left active falls back to idle on the first request, without an answer: where this driver has
+    /// left one so, it asks once more.
+    short piccSelectKnown(std::uint8_t reqCode, const TagUID& tag, std::optional<std::uint8_t>& sak) override;
 
   private:
     struct Command;
@@ -91,6 +93,6 @@ class QVL_API Mf500bfl : public Qvl14443bfl {
     std::shared_ptr<USB> mUSB;                      // null until the interface is open
     std::shared_ptr<USBProtocol> mProtocol;         // null until the interface is open
     std::shared_ptr<CipherCommandObject> mCommand;  // reused for every command
-    int mTimeOutsInARow = 0;
-    bool mIsKeyDue = false;  // of a secured reader: it has a key that did not arrive
+    bool mIsTagActive = false;                      // it may have gone since
+    bool mIsKeyDue = false;                         // of a secured reader: it has a key that did not arrive
 };

@@ -14,8 +14,8 @@ class TamaFrameAssembler;
 /// once both sides share a key. The reader selects by whole activations and always talks to target 1, the tag of the
 /// last activation. A singleton: the object lives until its last user is done with it.
 ///
-/// Beyond the statuses of the interface: after three time-outs in a row within one operation of the service, and after
-/// a failure of the device, commands fail at once with the same status, until operationBegins or interfaceOpen.
+/// Beyond the statuses of the interface: after a failure of the device, and once the watch of the link has given the
+/// reader up, commands fail at once with the same status.
 class QVL_API NfcTamaBfl : public Qvl14443bfl {
   public:
     /// The one object; the first call makes it. Null without memory.
@@ -69,7 +69,11 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
     /// `led` 0 to 3, `ctrl` on or off, `dur` at most 31.
     short switchLED(std::uint8_t led, std::uint8_t ctrl, std::uint8_t dur) override;
 
-    void operationBegins() override;
+    ReaderTraits traits() override;
+    short piccActivateAny(std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid, std::uint8_t* uid_len) override;
+    short piccSelectKnown(std::uint8_t reqCode, const TagUID& tag, std::optional<std::uint8_t>& sak) override;
+    short piccDeselect() override;
+    short pcdRelay(std::uint8_t* cmd, int len, std::uint8_t*& reply, int& replyLen) override;
 
     /// One command and its reply with all checks. `cmd` holds command code and data, 1 to 254 bytes. On 0 the reply
     /// stands in the receiving buffer, unscrambled.
@@ -140,7 +144,6 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
     std::int16_t mRekeyInterval;  // the count at which the next key change happens
     bool mRelayMode;
 
-    bool mInputStale;     // what is pending belongs to an earlier command
-    bool mDeviceGone;     // until the next open
-    int mTimeOutsInARow;  // within one operation of the service
+    bool mInputStale;  // what is pending belongs to an earlier command
+    bool mDeviceGone;  // until the next open
 };

@@ -33,11 +33,6 @@ constexpr std::size_t kStatusReplyLen = 3;
 
 }  // namespace
 
-void NfcTamaBfl::operationBegins() {
-    const OperationLock lock = lockOperation();
-    mTimeOutsInARow = 0;
-}
-
 std::span<const std::uint8_t> NfcTamaBfl::received() const {
     return {mDataInBuf, std::min(static_cast<std::size_t>(mDataInBufLen), sizeof mDataInBuf)};
 }
@@ -45,12 +40,13 @@ std::span<const std::uint8_t> NfcTamaBfl::received() const {
 short NfcTamaBfl::deviceFailed() {
     mDeviceGone = mDevice->isGone();
     mInputStale = true;
+    noteFailure(mDeviceGone);
     return kBflDeviceFailed;
 }
 
 short NfcTamaBfl::deviceTimedOut() {
     mInputStale = true;
-    ++mTimeOutsInARow;
+    noteTimeOut();
     return kBflDeviceTimedOut;
 }
 
@@ -58,7 +54,7 @@ short NfcTamaBfl::deviceTimedOut() {
 short NfcTamaBfl::deviceReady() const {
     if (!mDevice) return kBflNoDevice;
     if (mDeviceGone) return kBflDeviceFailed;
-    return mTimeOutsInARow >= kMostTimeOutsInARow ? kBflDeviceTimedOut : kBflOk;
+    return mayAsk() ? kBflOk : kBflDeviceTimedOut;
 }
 
 short NfcTamaBfl::nfcWrite(const std::uint8_t* data, int len) {
@@ -138,7 +134,7 @@ short NfcTamaBfl::readReply(const char* caller) {
         QVL_LOG(kLogFailure, "NfcTamaBfl::%s - nfcRead failed %d to read TAMA response", caller, status);
         return status;
     }
-    mTimeOutsInARow = 0;
+    noteAnswer();
     if (!tama::isError(received())) return kBflOk;
     QVL_LOG(kLogFailure, "NfcTamaBfl::%s - returned the ERROR frame 0x%s", caller,
             HexLine(received().data(), received().size()).text());

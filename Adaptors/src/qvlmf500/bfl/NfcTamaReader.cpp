@@ -69,8 +69,7 @@ std::uint32_t takeBaudRate(char* name) {
 
 NfcTamaBfl::NfcTamaBfl()
     : mDataInBuf{}, mDataInBufLen(0), mTimeout(kDefaultTimeoutMs), mLinkCipher(std::make_shared<LinkCipher>()),
-      mCommandCount(0), mRekeyInterval(nextRekeyInterval()), mRelayMode(false), mInputStale(false), mDeviceGone(false),
-      mTimeOutsInARow(0) {
+      mCommandCount(0), mRekeyInterval(nextRekeyInterval()), mRelayMode(false), mInputStale(false), mDeviceGone(false) {
     seedKeyPool();
     setDeviceName(reinterpret_cast<const std::uint8_t*>(kDefaultDeviceName));
 }
@@ -116,16 +115,20 @@ std::shared_ptr<NfcTamaBfl> NfcTamaBfl::acquire() {
 
 BflType NfcTamaBfl::getBflType() { return BflTypeNfcTama; }
 
+ReaderTraits NfcTamaBfl::traits() { return {.doesRats = true, .blocksCarryCrc = false, .firstCid = 0}; }
+
 short NfcTamaBfl::interfaceOpen(std::uint32_t, std::uint32_t) {
     const OperationLock lock = lockOperation();
     interfaceClose();
     mFrameAssembler.reset();
     mInputStale = false;
     mDeviceGone = false;
-    mTimeOutsInARow = 0;
 
     const std::int32_t result = openDevice();
-    if (result >= 0) return kBflOpened;
+    if (result >= 0) {
+        noteOpened();
+        return kBflOpened;
+    }
     QVL_LOG(kLogFailure, "NfcTamaBfl::interfaceOpen - OpenInterface failed %d", result);
     return kBflNotOpened;
 }

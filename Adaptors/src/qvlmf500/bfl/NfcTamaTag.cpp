@@ -5,6 +5,7 @@
 #include "LogService.h"
 #include "NfcTamaBfl.h"
 #include "SecretBytes.h"
+#include "TagUID.h"
 #include "TamaFrame.h"
 
 #include <algorithm>
@@ -40,6 +41,10 @@ constexpr std::size_t kSak = 11;
 constexpr std::size_t kUidLen = 12;
 constexpr std::size_t kUid = 13;
 constexpr std::size_t kNoTargetLen = 3;
+
+constexpr std::uint16_t kFieldResetMs = 20;
+// No tag answers with this ATQ: it stays when the reader reports a tag that is awake already.
+constexpr std::uint8_t kNoAtq = 0xFF;
 
 constexpr std::size_t kStatusReplyLen = 3;
 constexpr std::size_t kReplyData = 8;  // behind the status byte
@@ -195,6 +200,40 @@ short NfcTamaBfl::piccActivateWakeup(std::uint8_t baudrate, std::uint8_t* atq, s
     return activateWithAts({"piccActivateWakeup", true}, activate, uid_len, ats, ats_len);
 }
 
+// A reader that is lost is told from an empty field by the watch of the link only.
+short NfcTamaBfl::piccActivateAny(std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid, std::uint8_t* uid_len) {
+    const OperationLock lock = lockOperation();
+    pcdRfReset(kFieldResetMs);
+    const short status = piccActivateIdle(0, atq, sak, uid, uid_len);
+    if (status == kBflOk) return kBflOk;
+    QVL_LOG(kLogFailure, "QvlMf500Readerimpl::piccActivateWakup failed %d", status);
+    return kBflNoTag;
+}
+
+// A reader that reports the tag as awake already has not looked at its UID: another tag may lie there. One halt and a
+// second look tell; if the reader stays with it, the tag is taken as it is.
+short NfcTamaBfl::piccSelectKnown(std::uint8_t, const TagUID& tag, std::optional<std::uint8_t>& sak) {
+    const OperationLock lock = lockOperation();
+    std::uint8_t uid[kMostUidBytes] = {};
+    const auto length = static_cast<std::uint8_t>(std::min<std::size_t>(tag.getUidLen(), kMostUidBytes));
+    std::copy_n(tag.getUid(), length, uid);
+    sak.reset();
+    for (int look = 0; look < 2; ++look) {
+        std::uint8_t atq[2] = {kNoAtq, kNoAtq};
+        std::uint8_t told = 0;
+        if (const short status = piccActivateWakeup(0, atq, &told, uid, length); status != kBflOk) {
+            QVL_LOG(kLogFailure, "Tag selection failed: %d for tagID = 0x%s", status, HexLine(uid, length).text());
+            return status;
+        }
+        if (atq[0] != kNoAtq || atq[1] != kNoAtq) {
+            sak = told;
+            break;
+        }
+        if (look == 0) piccHalt();
+    }
+    return kBflOk;
+}
+
 short NfcTamaBfl::piccAuthKey(std::uint8_t keyType, std::uint8_t* uid, std::uint8_t* key, std::uint8_t block) {
     const OperationLock lock = lockOperation();
     if ((keyType != kAuthKeyA && keyType != kAuthKeyB) || uid == nullptr || key == nullptr) return kBflOutOfRange;
@@ -279,6 +318,18 @@ short NfcTamaBfl::piccHalt() {
     return checkStatusByte(kStatusReplyLen, "NfcTamaBfl::piccHalt tamaCommand return error code");
 }
 
+short NfcTamaBfl::piccDeselect() {
+    std::uint8_t command[] = {kInDeselect, kTarget};
+    std::uint8_t readerStatus = 0;
+    if (const short status = tamaCommand(command, sizeof command, readerStatus); status != kBflOk) {
+        QVL_LOG(kLogFailure, "QvlTcl::TclDeselect tamaCommand failed!");
+        return status;
+    }
+    if (readerStatus != 0)
+        QVL_LOG(kLogFailure, "QvlTcl::TclDeselect tamaCommand return error code 0x%02X, continue", readerStatus);
+    return readerStatus;
+}
+
 short NfcTamaBfl::tamaCommand(std::uint8_t* cmd, int len, std::uint8_t& readerStatus) {
     const OperationLock lock = lockOperation();
     if (const short status = tamaCommand(cmd, len); status != kBflOk) return status;
@@ -305,4 +356,8 @@ short NfcTamaBfl::relayNFCCmd(std::uint8_t* cmd, int len, std::uint8_t*& reply, 
     std::copy_n(mDataInBuf + tama::kCode, length, reply);
     replyLength = static_cast<int>(length);
     return kBflOk;
+}
+
+short NfcTamaBfl::pcdRelay(std::uint8_t* cmd, int len, std::uint8_t*& reply, int& replyLength) {
+    return relayNFCCmd(cmd, len, reply, replyLength);
 }

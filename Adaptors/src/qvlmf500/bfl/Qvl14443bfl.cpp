@@ -1,5 +1,7 @@
 #include "Qvl14443bfl.h"
 
+#include "LinkWatch.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -20,7 +22,38 @@ void Qvl14443bfl::setDeviceName(const std::uint8_t* name) {
 
 std::uint8_t* Qvl14443bfl::getDeviceName() { return mDeviceName; }
 
-void Qvl14443bfl::operationBegins() {}
+void Qvl14443bfl::watchLink(LinkWatch* watch) {
+    const OperationLock lock = lockOperation();
+    mLinkWatch = watch;
+}
+
+bool Qvl14443bfl::isReaderLost() {
+    const OperationLock lock = lockOperation();
+    return mLinkWatch != nullptr && mLinkWatch->isLost();
+}
+
+bool Qvl14443bfl::mayAsk() const { return mLinkWatch == nullptr || mLinkWatch->mayAsk(); }
+
+void Qvl14443bfl::noteAnswer() const {
+    if (mLinkWatch != nullptr) mLinkWatch->answered();
+}
+
+void Qvl14443bfl::noteTimeOut() const {
+    if (mLinkWatch != nullptr) mLinkWatch->timedOut();
+}
+
+void Qvl14443bfl::noteFailure(bool isGone) const {
+    if (mLinkWatch != nullptr) mLinkWatch->failed(isGone);
+}
+
+void Qvl14443bfl::noteOpened() const {
+    if (mLinkWatch != nullptr) mLinkWatch->opened();
+}
+
+// Unless a driver knows better, a reader goes by single steps and leaves the protocol of cards to its host.
+ReaderTraits Qvl14443bfl::traits() {
+    return getBflType() == BflTypeNfcTama ? ReaderTraits{true, false, 0} : ReaderTraits{false, true, 1};
+}
 
 // What a driver does not override.
 
@@ -98,5 +131,9 @@ short Qvl14443bfl::piccExchangeBlock(std::uint8_t*, std::uint16_t, std::uint8_t*
 }
 
 short Qvl14443bfl::piccHalt() { return kBflNotImplemented; }
+
+short Qvl14443bfl::piccDeselect() { return kBflNotImplemented; }
+
+short Qvl14443bfl::pcdRelay(std::uint8_t*, int, std::uint8_t*&, int&) { return kBflNotImplemented; }
 
 short Qvl14443bfl::switchLED(std::uint8_t, std::uint8_t, std::uint8_t) { return kBflNotImplemented; }

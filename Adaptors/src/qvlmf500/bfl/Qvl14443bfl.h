@@ -6,11 +6,22 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
+
+class LinkWatch;
+class TagUID;
 
 /// Which driver an object is. A caller that needs an operation of one driver only asks this first.
 enum BflType : std::int32_t {
     BflTypeMf500 = 0,
     BflTypeNfcTama = 1,
+};
+
+/// What a reader does by itself, and what is left to its host.
+struct ReaderTraits {
+    bool doesRats;          ///< Activations with ATS; it picks the bit rates, too. Else the host sends RATS and PPS.
+    bool blocksCarryCrc;    ///< Blocks of cards carry two bytes for the CRC, both ways.
+    std::uint8_t firstCid;  ///< The first card number that a card can get.
 };
 
 /// The one interface to a reader. pcd... operations speak to the reader itself, picc... operations to a tag in the
@@ -101,21 +112,44 @@ class QVL_API Qvl14443bfl {
     virtual short piccHalt();
     virtual short switchLED(std::uint8_t led, std::uint8_t ctrl, std::uint8_t dur);
 
-    /// Tells the driver that a new operation of the service begins: a reader that was given up as silent gets another
-    /// chance.
-    virtual void operationBegins();
+    /// From here on the driver reports its exchanges to `watch`, and fails at once what the watch has given up. Null,
+    /// the default: every command is sent. The watch stays the caller's.
+    virtual void watchLink(LinkWatch* watch);
+    virtual ReaderTraits traits();
+    /// Finds a tag after a reset of the field, halted ones included. A reader that keeps a failure of its device to
+    /// itself reports no tag.
+    virtual short piccActivateAny(std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid, std::uint8_t* uid_len);
+    /// Brings the tag with this UID, 1 to 10 bytes, to the active state again. `reqCode` counts for readers that send
+    /// the request themselves. `sak` is empty after a success in which the reader has not told it.
+    virtual short piccSelectKnown(std::uint8_t reqCode, const TagUID& tag, std::optional<std::uint8_t>& sak);
+    /// Ends the session of the card that is active. 3139: the host sends S(DESELECT).
+    virtual short piccDeselect();
+    /// A raw command of the reader. `reply` becomes a new buffer that the caller deletes as an array. 3139: none.
+    virtual short pcdRelay(std::uint8_t* cmd, int len, std::uint8_t*& reply, int& replyLen);
+
+    LinkWatch* linkWatch() const { return mLinkWatch; }
+    /// The reader is gone or silent, as the watch has it; false without a watch.
+    bool isReaderLost();
 
   protected:
     /// Held for one operation of the driver, the reading of its reply included. Nests on its thread.
     using OperationLock = std::unique_lock<std::recursive_mutex>;
     QVL_INTERNAL OperationLock lockOperation() { return OperationLock(*mOperationMutex); }
 
-    /// Of a silent reader in one operation of the service; then its further commands fail at once.
-    static constexpr int kMostTimeOutsInARow = 3;
+    /// The levels of a cascade, after the request.
+    QVL_INTERNAL short selectByUid(const TagUID& tag, std::optional<std::uint8_t>& sak);
+
+    // What a driver tells its watch, if it has one.
+    QVL_INTERNAL bool mayAsk() const;
+    QVL_INTERNAL void noteAnswer() const;
+    QVL_INTERNAL void noteTimeOut() const;
+    QVL_INTERNAL void noteFailure(bool isGone) const;
+    QVL_INTERNAL void noteOpened() const;
 
     bool mIsQvlDevice;
     std::uint8_t mDeviceName[256];
 
   private:
     std::shared_ptr<std::recursive_mutex> mOperationMutex;
+    LinkWatch* mLinkWatch = nullptr;
 };

@@ -83,7 +83,6 @@ bool QvlMf500ReaderImpl::openAndConfigure() {
     const ReaderLock lock(*this);
     mInitialised = false;
     const auto bfl = driver();
-    bfl->operationBegins();
     if (!interfaceOpened(*bfl)) return false;
     QVL_LOG(kLogState, "QVLReader initialization: interface successfully opened.");
     if (mGetCurrentDevInstID != nullptr) {

@@ -112,7 +112,7 @@ short QvlMf500ReaderImpl::piccActivateWakup(Qvl14443bfl& bfl, std::uint8_t* atq,
 
 int QvlMf500ReaderImpl::haltAllTag(bool haltSelected) {
     return guarded("haltAllTag", int{kOk}, [&] {
-        const auto bfl = idleDriver();
+        const auto bfl = driver();
         if (haltSelected) bfl->piccHalt();
         SearchLimit limit;
         TagUID tag;

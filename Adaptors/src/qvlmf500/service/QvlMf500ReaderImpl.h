@@ -161,9 +161,6 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
 
     bool isReady() const { return mInitialised && mOpened; }
     std::shared_ptr<Qvl14443bfl> driver() const { return mTcl->driver(); }
-    /// The driver for an operation outside the lock, which counts as an operation of its own when nobody holds the
-    /// lock.
-    std::shared_ptr<Qvl14443bfl> idleDriver() const;
     void tellHost(bool ready) noexcept;
 
     // Lifecycle.cpp

@@ -14,19 +14,12 @@ int toServiceStatus(short bflStatus) { return bflStatus == kBflOk ? kOk : kReade
 
 }  // namespace
 
-std::shared_ptr<Qvl14443bfl> QvlMf500ReaderImpl::idleDriver() const {
-    auto bfl = driver();
-    if (mPendingCalls == 0) bfl->operationBegins();
-    return bfl;
-}
-
 int QvlMf500ReaderImpl::getReaderId(std::uint8_t* id, std::uint16_t& idLen) {
     if (id == nullptr) return kReaderFailed;
     constexpr int kShortestId = 4;
     std::fill_n(id, kShortestId, std::uint8_t{0});  // a closed driver may say 0 and fill nothing
     idLen = 0;
-    return guarded("getReaderId", int{kReaderFailed},
-                   [&] { return toServiceStatus(idleDriver()->pcdGetSnr(id, idLen)); });
+    return guarded("getReaderId", int{kReaderFailed}, [&] { return toServiceStatus(driver()->pcdGetSnr(id, idLen)); });
 }
 
 int QvlMf500ReaderImpl::getReaderFwVersion(std::uint8_t* version, std::uint16_t& versionLen) {
@@ -34,7 +27,7 @@ int QvlMf500ReaderImpl::getReaderFwVersion(std::uint8_t* version, std::uint16_t&
     version[0] = '\0';
     versionLen = 0;
     return guarded("getReaderFwVersion", int{kReaderFailed},
-                   [&] { return toServiceStatus(idleDriver()->pcdGetFwVersion(version, versionLen)); });
+                   [&] { return toServiceStatus(driver()->pcdGetFwVersion(version, versionLen)); });
 }
 
 int QvlMf500ReaderImpl::switchReaderLED(std::uint8_t led, std::uint8_t ctrl, std::uint8_t dur) {
@@ -51,7 +44,7 @@ int QvlMf500ReaderImpl::switchReaderLED(std::uint8_t led, std::uint8_t ctrl, std
             ctrl = 1;
             dur = mDur;
         }
-        if (idleDriver()->switchLED(led, ctrl, dur) != kBflOk) return kReaderFailed;
+        if (driver()->switchLED(led, ctrl, dur) != kBflOk) return kReaderFailed;
         if (led == kSwitchLed) {
             mCtrl = !mCtrl;
         } else {

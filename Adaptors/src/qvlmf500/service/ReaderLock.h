@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LinkWatch.h"
 #include "QvlMf500ReaderImpl.h"
 
 /// One operation inside the reader lock: waits for it without limit, and gives it back at the end of the scope. Nests
@@ -8,10 +9,13 @@ class ReaderLock {
   public:
     explicit ReaderLock(QvlMf500ReaderImpl& reader) : mReader(reader) {
         if (mReader.mReaderMutex) mReader.mReaderMutex->lock();
-        if (mReader.mPendingCalls.fetch_add(1) > 0) return;
-        if (const auto bfl = mReader.driver()) bfl->operationBegins();
+        mReader.mPendingCalls.fetch_add(1);
+        mDriver = mReader.driver();
+        mIsWatching = mDriver && mDriver->linkWatch() == nullptr;
+        if (mIsWatching) mDriver->watchLink(&mWatch);
     }
     ~ReaderLock() {
+        if (mIsWatching) mDriver->watchLink(nullptr);
         mReader.mPendingCalls.fetch_sub(1);
         if (mReader.mReaderMutex) mReader.mReaderMutex->unlock();
     }
@@ -20,4 +24,7 @@ class ReaderLock {
 
   private:
     QvlMf500ReaderImpl& mReader;
+    std::shared_ptr<Qvl14443bfl> mDriver;
+    LinkWatch mWatch;
+    bool mIsWatching = false;
 };

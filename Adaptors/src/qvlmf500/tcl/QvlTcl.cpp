@@ -1,5 +1,5 @@
-// The card table, and the activation of a card at the level of ISO/IEC 14443-3. Where the two readers differ,
-// getBflType decides: the TAMA reader does RATS by itself, and knows one bit rate.
+// The card table, and the activation of a card at the level of ISO/IEC 14443-3. A reader that does RATS by itself knows
+// one bit rate.
 
 #include "QvlTcl.h"
 
@@ -85,7 +85,7 @@ short QvlTcl::activate(std::uint8_t baudrate, const std::uint8_t* uid, const std
                        WithAts withAts) {
     const auto bfl = driver();
     if (!bfl) return kBflNoDevice;
-    const bool readerDoesRats = bfl->getBflType() == BflTypeNfcTama;
+    const bool readerDoesRats = bfl->traits().doesRats;
     if (baudrate > (readerDoesRats ? 0 : kFastestBaudrate)) return kTclOutOfRange;
     if (readerDoesRats)
         std::ranges::fill(mAts, std::uint8_t{0});

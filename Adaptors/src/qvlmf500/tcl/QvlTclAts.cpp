@@ -1,5 +1,5 @@
-// What brings an activated card into protocol state: its ATS, its record in the table, its bit rate. The MF RC500 gets
-// RATS and PPS from here; the TAMA reader has done RATS at activation and picks the bit rate by itself.
+// What brings an activated card into protocol state: its ATS, its record in the table, its bit rate. RATS and
+// PPS go out from here, unless the reader has done RATS at activation and picks the bit rate by itself.
 
 #include "AtsFormat.h"
 #include "BlockFormat.h"
@@ -30,7 +30,7 @@ short QvlTcl::TclGetAtsLoop(std::uint8_t baudrate, std::uint8_t sec, std::uint8_
     const auto bfl = driver();
     if (!bfl) return kBflNoDevice;
     if (const short status = bfl->pcdSetDefaultAttrib(); status != kBflOk) return status;
-    const bool readerDoesRats = bfl->getBflType() == BflTypeNfcTama;
+    const bool readerDoesRats = bfl->traits().doesRats;
     short status = kBflNoTag;
     for (int tries = 0; tries < kMostActivationTries && status != kBflOk; ++tries)
         status = readerDoesRats ? bfl->piccActivateIdleLoop(baudrate, atq, sak, uid, uidLen, sec, mAts, &mAtsLen)
@@ -64,7 +64,7 @@ short QvlTcl::requestAts(Qvl14443bfl& bfl, const PiccInfo& card, std::uint8_t ci
 
 short QvlTcl::fetchAts(Qvl14443bfl& bfl, const PiccInfo& card, std::uint8_t cid, std::uint8_t* ats,
                        std::uint16_t* atsLen) {
-    if (bfl.getBflType() == BflTypeMf500) return requestAts(bfl, card, cid, ats, atsLen);
+    if (!bfl.traits().doesRats) return requestAts(bfl, card, cid, ats, atsLen);
     if (mAtsLen > *atsLen) return kTclBadAts;
     *atsLen = mAtsLen;
     std::copy_n(mAts, mAtsLen, ats);
@@ -172,7 +172,7 @@ short QvlTcl::TclGetAts(std::uint8_t cid, std::uint8_t* ats, std::uint16_t* atsL
 short QvlTcl::TclPps(std::uint8_t cid, std::uint8_t dsi, std::uint8_t dri) {
     const auto bfl = driver();
     if (!bfl) return kBflNoDevice;
-    if (bfl->getBflType() == BflTypeNfcTama) return kTclOk;
+    if (bfl->traits().doesRats) return kTclOk;
     if (cid >= kCards) return kTclPpsRefused;
     PiccInfo& card = *mPicc[cid];
     if (dsi > kFastestBaudrate || dsi > card.mPiccDiv || dri > kFastestBaudrate || dri > card.mPcdDiv)

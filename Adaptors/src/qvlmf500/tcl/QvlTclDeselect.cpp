@@ -1,9 +1,8 @@
-// The end of a session with a card. The TAMA reader says S(DESELECT) by itself; the MF RC500 is given the block.
+// The end of a session with a card: by the reader itself, or by an S(DESELECT) from here.
 
 #include "BlockFormat.h"
 #include "HostCalcCrc.h"
 #include "LogService.h"
-#include "NfcTamaBfl.h"
 #include "QvlTcl.h"
 #include "QvlTclUtil.h"
 #include "TclTimeouts.h"
@@ -17,27 +16,16 @@ constexpr std::uint8_t kBlockKindMask = 0xC0;
 
 constexpr std::size_t kLongestAnswer = 2 + kCrcSize;  // PCB and CID
 
-short deselectByReader(NfcTamaBfl& bfl) {
-    std::uint8_t inDeselect[] = {0x44, 0x01};
-    std::uint8_t readerStatus = 0;
-    if (const short status = bfl.tamaCommand(inDeselect, sizeof inDeselect, readerStatus); status != kBflOk) {
-        QVL_LOG(kLogFailure, "QvlTcl::TclDeselect tamaCommand failed!");
-        return status;
-    }
-    if (readerStatus != 0)
-        QVL_LOG(kLogFailure, "QvlTcl::TclDeselect tamaCommand return error code 0x%02X, continue", readerStatus);
-    return readerStatus;
-}
-
 }  // namespace
 
 short QvlTcl::TclDeselect(std::uint8_t cid) {
     if (cid >= kCards) return kTclOutOfRange;
     const auto bfl = driver();
     if (!bfl) return kBflNoDevice;
-    if (bfl->getBflType() != BflTypeNfcTama) return deselectByBlock(*bfl, cid);
+    const short status = bfl->piccDeselect();
+    if (status == kBflNotImplemented) return deselectByBlock(*bfl, cid);
     QvlTclUtil::resetmPicc(this, cid);
-    return deselectByReader(static_cast<NfcTamaBfl&>(*bfl));
+    return status;
 }
 
 short QvlTcl::deselectByBlock(Qvl14443bfl& bfl, std::uint8_t cid) {

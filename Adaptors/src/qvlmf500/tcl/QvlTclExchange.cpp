@@ -334,14 +334,15 @@ bool Exchange::standsStill() const {
     return mEmptyBlocks >= kMostEmptyBlocks || platform::Clock::current().tick() - mLastProgress > kLongestStandstillMs;
 }
 
-// One block out and one back, in the same buffer. The MF RC500 fills in the CRC, and counts it in what it hands back.
+// One block out and one back, in the same buffer. The reader fills in the CRC, and counts it in what it hands back.
 void Exchange::exchangeBlock(std::uint16_t length) {
     if (standsStill()) {
         mStatus = kTclUnexpectedBlock;
         QvlTclUtil::setState(&p, kNext, kEnd);
         return;
     }
-    const bool withCrc = mTcl.mAppend_crc != 0 && mBfl.getBflType() == BflTypeMf500;
+    const ReaderTraits traits = mBfl.traits();
+    const bool withCrc = mTcl.mAppend_crc != 0 && traits.blocksCarryCrc;
     std::uint16_t received = bufferSize();
     if (withCrc) {
         std::fill_n(p.block.get() + length, kCrcSize, std::uint8_t{0});
@@ -353,7 +354,7 @@ void Exchange::exchangeBlock(std::uint16_t length) {
     mStatus = mBfl.piccExchangeBlock(p.block.get(), length, p.block.get(), &received, mTcl.mAppend_crc, mTcl.mTimeout);
     // A closed MF RC500 driver says 0 and fills nothing in: what was sent is not the answer. No card fills all the
     // room.
-    const bool isUntouched = mBfl.getBflType() == BflTypeMf500 && received == capacity;
+    const bool isUntouched = traits.blocksCarryCrc && received == capacity;
     if (mStatus == kBflOk && (isUntouched || (withCrc && received < kCrcSize))) mStatus = kBflBadFrame;
     mLength = withCrc ? static_cast<std::uint16_t>(received - kCrcSize) : received;
 }

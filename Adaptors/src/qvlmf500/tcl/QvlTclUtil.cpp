@@ -26,8 +26,7 @@ void QvlTclUtil::resetmPicc(QvlTcl* tcl, std::uint8_t cid) {
 
 std::uint8_t QvlTclUtil::getAvailableCid(const QvlTcl* tcl) {
     const auto bfl = tcl->driver();
-    // The MF RC500 leaves CID 0 to cards that take none.
-    std::uint8_t cid = bfl && bfl->getBflType() == BflTypeNfcTama ? 0 : 1;
+    std::uint8_t cid = bfl ? bfl->traits().firstCid : 1;
     while (cid < QvlTcl::kCards && tcl->mPicc[cid]->mUidLen != 0)
         ++cid;
     return cid;

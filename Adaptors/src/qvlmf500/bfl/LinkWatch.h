@@ -1,0 +1,37 @@
+#pragma once
+
+#include <algorithm>
+
+/// What one operation of the service sees of the link to its reader. The driver reports each exchange and asks before
+/// it sends; the operation asks whether there is any use in waiting. Reached through the driver only, under its lock.
+class LinkWatch {
+  public:
+    /// False once the reader has been silent so often in a row: each further command would cost a whole time-out.
+    bool mayAsk() const { return mTimeOuts < kMostTimeOuts; }
+    /// The reader is gone or silent; nothing more will come in this operation.
+    bool isLost() const { return mIsGone || !mayAsk(); }
+    /// The last exchange failed on the link: what the reader did with the command is unknown.
+    bool isBroken() const { return mIsBroken; }
+
+    void answered() { *this = {}; }
+    void timedOut() {
+        ++mTimeOuts;
+        mIsBroken = true;
+    }
+    void failed(bool isGone) {
+        mIsBroken = true;
+        mIsGone = mIsGone || isGone;
+    }
+    /// A reader that was opened anew gets one more chance to answer.
+    void opened() {
+        mTimeOuts = std::min(mTimeOuts, kMostTimeOuts - 1);
+        mIsGone = mIsBroken = false;
+    }
+
+  private:
+    static constexpr int kMostTimeOuts = 3;
+
+    int mTimeOuts = 0;  // in a row
+    bool mIsGone = false;
+    bool mIsBroken = false;
+};
