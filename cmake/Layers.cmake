@@ -31,4 +31,4 @@ function(qvl_layer name)
 endfunction()
 
 # The layers of the library, from the ground up. A program that links the objects names them all.
-set(QVL_LAYERS platform foundation tagformat transport bfl tcl api adaptor)
+set(QVL_LAYERS platform foundation tagformat transport bfl tcl tagops api adaptor)

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Looks for includes that point up where the build cannot: service/ and tagdata/ share one target.
+# Looks for includes that the build cannot refuse.
 set -eu
 source_dir=$1
 adaptor=$source_dir/Adaptors/src/qvlmf500
@@ -14,16 +14,8 @@ complain() {
   done
 }
 
-names_of() { find "$1" -name '*.h' -exec basename {} \; | tr '\n' '|' | sed 's/|$//'; }
-
-in_tagdata=$(names_of "$adaptor/tagdata")
-if [ -n "$in_tagdata" ]; then
-  grep -rnE "#include \"($in_tagdata)\"" "$adaptor/service" | complain "service/ includes tagdata/" || true
-fi
 grep -rnE '#include [<"](unistd|fcntl|sys/|poll|termios|pthread|windows)' "$adaptor" "$source_dir/foundation" |
   complain "an operating system above platform/" || true
-# The deselection alone needs to know the TAMA driver: it asks the reader for a command of its own.
-found=$(grep -rlE '#include "(NfcTamaBfl|Mf500bfl)\.h"' "$adaptor/tcl" "$adaptor/tagdata" 2>/dev/null |
-  grep -v '/QvlTclDeselect\.cpp$' || true)
-printf '%s\n' "$found" | complain "a concrete driver above bfl/"
+grep -rnE '#include "(NfcTamaBfl|Mf500bfl)\.h"' "$adaptor/tcl" "$adaptor/tagops" |
+  complain "a concrete driver above bfl/" || true
 exit $bad

@@ -216,29 +216,23 @@ TEST_F(Door, TriesAFailedExchangeOnceMoreIfAsked) {
 // A closed MF RC500 says 0 to everything: the command that was sent must not come back as the card's answer.
 TEST_F(Door, TakesNoAnswerFromAClosedReader) {
     place1();
-    const std::function<void()> closings[] = {
-        [&] { adaptor.stopReader(); },
-        [&] {
-            place.clock->advance(600);
-            adaptor.scanUSBDevice(1);
-            if (!isMf500UnderTest()) adaptor.stopReader();  // a scan leaves the one driver of a PN531 open
-        },
-    };
-    for (const auto& close : closings) {
-        for (const bool retry : {false, true}) {
-            ASSERT_TRUE(adaptor.initReader());
-            ASSERT_EQ(door.wait(), kOk);
-            close();
-            for (int i = 0; i < 3; ++i) {
-                EXPECT_NE(door.send(kUid, kHello, retry), kOk);
-                EXPECT_EQ(door.answer, Bytes());
-            }
+    for (const bool retry : {false, true}) {
+        ASSERT_TRUE(adaptor.initReader());
+        ASSERT_EQ(door.wait(), kOk);
+        place.clock->advance(600);
+        adaptor.scanUSBDevice(1);
+        EXPECT_EQ(door.send(kUid, kHello, retry), kOk) << "a scan that finds the reader in use changes nothing";
+        adaptor.stopReader();
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_NE(door.send(kUid, kHello, retry), kOk);
+            EXPECT_EQ(door.answer, Bytes());
         }
-        std::uint8_t id[6] = {0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};
-        std::uint16_t length = 0;
-        adaptor.getReaderId(id, length);
-        EXPECT_EQ(Bytes(id, id + 4), Bytes(4, 0)) << "nor anything for its id";
     }
+    std::uint8_t id[6] = {0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};
+    std::uint16_t length = 0;
+    adaptor.getReaderId(id, length);
+    EXPECT_EQ(Bytes(id, id + 4), Bytes(4, 0)) << "nor anything for its id";
+    EXPECT_EQ(place.host.heard(), "");
     ASSERT_TRUE(adaptor.initReader());
     EXPECT_EQ(door.wait(), kOk);
     EXPECT_EQ(door.send(kUid, kHello), kOk);

@@ -173,7 +173,7 @@ TEST(AScan, ChoosesTheReaderAnewWhenADeviceEventAsks) {
     EXPECT_EQ(place.poll(), "");
     place.adaptor->scanUSBDevice(2);
     EXPECT_EQ(place.poll(), "") << "too early";
-    EXPECT_EQ(place.host.heard(), "");
+    EXPECT_EQ(place.host.heard(), "-") << "the scan found another reader than the one that was ready";
     clock.advance(1);
     EXPECT_EQ(place.poll(), "") << "this one scans, the next one starts the reader";
     EXPECT_EQ(place.poll(), "");

@@ -72,7 +72,7 @@ TEST_F(ReaderChange, TakesTheFirstInTheOrderOfTheClasses) {
     scan();
     EXPECT_EQ(place.poll(), "");
     EXPECT_EQ(open(), "");
-    EXPECT_EQ(place.host.heard(), "+++") << "each reader when it was ready";
+    EXPECT_EQ(place.host.heard(), "+-+-+-") << "each reader when it was ready, and when another took its place";
 }
 
 TEST_F(ReaderChange, LeavesNoOperationToADriverThatNobodyHasOpened) {

@@ -54,7 +54,7 @@ TEST_F(ThePrompt, IsAbsentWithoutAFlagOrASurface) {
         tagPromptEvent().reset();
         EXPECT_TRUE(adaptor.showTagPrompt());
         EXPECT_EQ(surface.shown, shown) << setting;
-        endTagPrompt();
+        endTagPrompt(&adaptor);
     }
 }
 
@@ -118,7 +118,7 @@ TEST_F(ThePrompt, ComesAndGoesAThousandTimesUnderCancels) {
     }
     stop = true;
     user.join();
-    endTagPrompt();
+    endTagPrompt(&adaptor);
     EXPECT_EQ(surface.shown, surface.hidden);
 }
 

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <new>
-#include <utility>
 
 namespace {
 
@@ -256,7 +255,7 @@ short Mf500bfl::pcdGetFwVersion(std::uint8_t* version, std::uint16_t& versionLen
 }
 
 short Mf500bfl::pcdRfReset(std::uint16_t ms) {
-    mIsTagActive = false;
+    mIsTagAwake = false;
     return run({"pcdRfReset", 0x20}, {ms});
 }
 
@@ -279,7 +278,10 @@ short Mf500bfl::hostCodeKey(std::uint8_t* key, std::uint8_t* codedKey) {
 
 short Mf500bfl::piccRequest(std::uint8_t reqCode, std::uint8_t* atq) {
     if (reqCode != 0x26 && reqCode != 0x52) return kBflOutOfRange;
-    return run({"piccRequest", 0x11, "Mf500bfl::piccRequest get param atq failed %d"}, {reqCode}, {{atq, 2}});
+    const short status =
+        run({"piccRequest", 0x11, "Mf500bfl::piccRequest get param atq failed %d"}, {reqCode}, {{atq, 2}});
+    mIsTagAwake = status == kBflOk;
+    return status;
 }
 
 short Mf500bfl::piccCascAnticoll(std::uint8_t selCode, std::uint8_t bitCount, std::uint8_t* snr) {
@@ -292,16 +294,16 @@ short Mf500bfl::piccCascSelect(std::uint8_t selCode, std::uint8_t* snr, std::uin
     if (!isSelectCode(selCode)) return kBflOutOfRange;
     const short status = run({"piccCascSelect", 0x42, "Mf500bfl::piccCascSelect get param sak failed %d"},
                              {selCode, {snr, 4}}, {{sak, 1}});
-    mIsTagActive = status == kBflOk;
+    if (status == kBflOk) mIsTagAwake = true;
     return status;
 }
 
 short Mf500bfl::piccSelectKnown(std::uint8_t reqCode, const TagUID& tag, std::optional<std::uint8_t>& sak) {
     const OperationLock lock = lockOperation();
-    const bool wasTagActive = std::exchange(mIsTagActive, false);
+    const bool wasTagAwake = mIsTagAwake;
     std::uint8_t atq[2] = {};
     short status = piccRequest(reqCode, atq);
-    if (status != kBflOk && !isDeviceLost(status) && wasTagActive) status = piccRequest(reqCode, atq);
+    if (status != kBflOk && !isDeviceLost(status) && wasTagAwake) status = piccRequest(reqCode, atq);
     if (status == kBflOk) return selectByUid(tag, sak);
     QVL_LOG(kLogFailure, "Tag selection failed: %d", status);
     return status;
@@ -341,7 +343,7 @@ short Mf500bfl::runActivation(const Command& command, std::initializer_list<Para
     }
     QVL_LOG(kLogProgress, "Mf500bfl::%s doesn't have uid or gets param  uid=%s %s", name,
             HexLine(uid, std::min<std::size_t>(*uid_len, kMostUidBytes)).text(), end);
-    mIsTagActive = outcome.status == kBflOk;
+    mIsTagAwake = outcome.status == kBflOk;
     return conclude(outcome);
 }
 
@@ -417,7 +419,7 @@ short Mf500bfl::piccExchangeBlock(std::uint8_t* sendData, std::uint16_t sendLen,
 
 short Mf500bfl::piccHalt() {
     const short status = run({"piccHalt", 0x1D}, {});
-    if (status == kBflOk) mIsTagActive = false;
+    if (status == kBflOk) mIsTagAwake = false;
     return status;
 }
 

@@ -62,8 +62,8 @@ class QVL_API Mf500bfl : public Qvl14443bfl {
     /// This reader has no LED command: empties the command object.
     short switchLED(std::uint8_t led, std::uint8_t ctrl, std::uint8_t dur) override;
 
-    /// A tag that was left active falls back to idle on the first request, without an answer: where this driver has
-    /// left one so, it asks once more.
+    /// A tag that is awake falls back to idle on a request, without an answer: where this driver has left one so, it
+    /// asks once more.
     short piccSelectKnown(std::uint8_t reqCode, const TagUID& tag, std::optional<std::uint8_t>& sak) override;
 
   private:
@@ -93,6 +93,6 @@ class QVL_API Mf500bfl : public Qvl14443bfl {
     std::shared_ptr<USB> mUSB;                      // null until the interface is open
     std::shared_ptr<USBProtocol> mProtocol;         // null until the interface is open
     std::shared_ptr<CipherCommandObject> mCommand;  // reused for every command
-    bool mIsTagActive = false;                      // it may have gone since
+    bool mIsTagAwake = false;                      // it may have gone since
     bool mIsKeyDue = false;                         // of a secured reader: it has a key that did not arrive
 };

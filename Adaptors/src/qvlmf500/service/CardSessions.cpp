@@ -1,13 +1,12 @@
-// Sessions with smart cards: a card is addressed by its UID, found in the card table or woken, and waited for.
+#include "CardSessions.h"
 
 #include "LogService.h"
-#include "NfcTamaBfl.h"
 #include "PromptWait.h"
-#include "QvlMf500ReaderImpl.h"
 #include "QvlTclUtil.h"
+#include "SecretBytes.h"
 
 #include <algorithm>
-#include <atomic>
+#include <memory>
 
 namespace {
 
@@ -15,62 +14,69 @@ constexpr std::uint32_t kMostUidBytes = 10;
 constexpr std::size_t kAnswerSize = 4096;
 constexpr std::uint8_t kBaudrate106 = 0;
 constexpr std::uint16_t kFieldResetMs = 5;
-constexpr short kBadTagUid = kTclBadArgument;
-constexpr short kNoFreeCid = -45;
+constexpr int kBadTagUid = kTclBadArgument;
+constexpr int kNoFreeCid = -45;
 
-/// The UID as the card layer takes it, and what an activation reports.
-struct Card {
-    Card() = default;
-    explicit Card(const TagUID& tag) : length(static_cast<std::uint8_t>(tag.getUidLen())) {
-        std::copy_n(tag.getUid(), length, uid);
-    }
-    std::uint8_t uid[kMostUidBytes] = {};
-    std::uint8_t length = 0;
-    std::uint8_t atq[2] = {};
-    std::uint8_t sak = 0;
-};
+/// The border between the statuses of the layers below and the results of the command door: success has another number.
+int toResult(short status) { return status == kTclOk ? int{kOk} : status; }
+
+int refuseUid(const char* operation, const TagUID& tag) {
+    QVL_LOG(kLogFailure, "%s with wrong TagUID size = %d", operation, static_cast<int>(tag.getUidLen()));
+    return kBadTagUid;
+}
 
 bool isTooLong(const TagUID& tag) { return tag.getUidLen() > kMostUidBytes; }
 
 }  // namespace
 
-template <typename Activate>
-int QvlMf500ReaderImpl::waitForActivation(int timeout, Activate activate) {
-    const std::atomic<std::uint32_t> limit{timeout > 0 ? static_cast<std::uint32_t>(timeout) : mSuspendTime.load()};
-    PromptWait wait(limit);
-    int status = kOk;
-    while (wait.mayTry()) {
-        if (activate()) break;
-        wait.measure();
-        status = wait.pass();
-        if (status != kOk) break;
+/// The UID as the card layer takes it, and what an activation reports.
+struct CardSessions::Card {
+    explicit Card(const TagUID& tag) : length(static_cast<std::uint8_t>(tag.getUidLen())) {
+        std::copy_n(tag.getUid(), length, uid);
     }
-    return wait.result(status);
+    /// True if it is in the card table, then with its number; else with a free one, or 16.
+    bool isKnownTo(const QvlTcl& cards, std::uint8_t& cid) const {
+        return !QvlTclUtil::isNewCid(&cards, uid, length, cid);
+    }
+    std::uint8_t uid[kMostUidBytes] = {};
+    std::uint8_t length;
+    std::uint8_t atq[2] = {};
+    std::uint8_t sak = 0;
+};
+
+template <typename Activate>
+int CardSessions::waitFor(int timeoutMs, Activate activate) {
+    const std::atomic<std::uint32_t> limit{timeoutMs > 0 ? static_cast<std::uint32_t>(timeoutMs) : mWaitMs.load()};
+    PromptWait wait(limit);
+    WaitBudget budget(wait);
+    return budget.wait(
+        WaitBudget::Reading::beforePause, [&](std::uint32_t) { return activate() == kTclOk; },
+        [this] { return mCards.driver()->isReaderLost(); });
 }
 
-int QvlMf500ReaderImpl::tclActiveIdleLoop(int timeout, std::uint8_t baudrate, std::uint8_t* atq, std::uint8_t* sak,
-                                          std::uint8_t* uid, std::uint8_t* uidLen) {
-    return waitForActivation(timeout, [&] {
-        const short status = mTcl->TclActivateIdle(baudrate, atq, sak, uid, uidLen);
+int CardSessions::activateAny(Card& card, int timeoutMs) {
+    return waitFor(timeoutMs, [&] {
+        const short status = mCards.TclActivateIdle(kBaudrate106, card.atq, &card.sak, card.uid, &card.length);
         if (status != kTclOk) QVL_LOG(kLogProgress, "tclActiveIdleLoop: TclActivateIdle failed with %d", status);
-        return status == kTclOk;
+        return status;
     });
 }
 
-int QvlMf500ReaderImpl::tclActiveWakupLoop(int timeout, std::uint8_t baudrate, std::uint8_t* atq, std::uint8_t* sak,
-                                           std::uint8_t* uid, std::uint8_t uidLen) {
-    return waitForActivation(timeout,
-                             [&] { return mTcl->TclActivateWakeup(baudrate, atq, sak, uid, uidLen) == kTclOk; });
+int CardSessions::wake(Card& card, int timeoutMs) {
+    const int result = waitFor(
+        timeoutMs, [&] { return mCards.TclActivateWakeup(kBaudrate106, card.atq, &card.sak, card.uid, card.length); });
+    if (result != kOk) QVL_LOG(kLogFailure, "sendTCL: tclActiveWakupLoop failed with status = %d", result);
+    return result;
 }
 
-short QvlMf500ReaderImpl::fetchCardAts(std::uint8_t cid, CardData& ats) {
+int CardSessions::fetchAts(std::uint8_t cid, CardData& ats) {
     CardData buffer(kAnswerSize);
     auto length = static_cast<std::uint16_t>(buffer.size());
     std::uint8_t* historical = nullptr;
     std::uint16_t historicalLength = 0;
     std::uint8_t takesCid = 0, takesNad = 0;
     const short status =
-        mTcl->TclGetAts(cid, buffer.data(), &length, &historical, &historicalLength, &takesCid, &takesNad);
+        mCards.TclGetAts(cid, buffer.data(), &length, &historical, &historicalLength, &takesCid, &takesNad);
     delete[] historical;
     if (status != kTclOk) {
         QVL_LOG(kLogFailure, "sendTCL: TclGetAts failed with status = %d", status);
@@ -78,100 +84,80 @@ short QvlMf500ReaderImpl::fetchCardAts(std::uint8_t cid, CardData& ats) {
     }
     buffer.resize(length);
     ats = std::move(buffer);
-    return kTclOk;
+    return kOk;
 }
 
-short QvlMf500ReaderImpl::exchangeWithCard(std::uint8_t cid, std::uint8_t nad, CardData& command, CardData& answer) {
+short CardSessions::exchange(std::uint8_t cid, std::uint8_t nad, CardData& command, CardData& answer) {
     answer.assign(kAnswerSize, 0);
     auto length = static_cast<std::uint32_t>(answer.size());
     std::uint8_t nadOut = 0;
-    const short status = mTcl->TclExchange(cid, nad, command.data(), static_cast<std::uint32_t>(command.size()),
-                                           &nadOut, answer.data(), &length);
+    const short status = mCards.TclExchange(cid, nad, command.data(), static_cast<std::uint32_t>(command.size()),
+                                            &nadOut, answer.data(), &length);
     answer.resize(length);
     if (status != kTclOk) QVL_LOG(kLogFailure, "sendTCL: TclExchange failed with status = %d", status);
     return status;
 }
 
-int QvlMf500ReaderImpl::sendTCL(TagUID& tag, std::uint8_t nad, CardData& command, CardData& answer, bool retry) {
-    if (isTooLong(tag)) {
-        QVL_LOG(kLogFailure, "sendTCL with wrong TagUID size = %d", static_cast<int>(tag.getUidLen()));
-        return kBadTagUid;
-    }
+int CardSessions::send(const TagUID& tag, std::uint8_t nad, CardData& command, bool retry, CardData& answer) {
+    if (isTooLong(tag)) return refuseUid("sendTCL", tag);
     Card card(tag);
     std::uint8_t cid = 0;
-    if (!QvlTclUtil::isNewCid(mTcl.get(), card.uid, card.length, cid)) {
-        const short status = exchangeWithCard(cid, nad, command, answer);
-        if (status == kTclOk) return kTclOk;
+    if (card.isKnownTo(mCards, cid)) {
+        const short status = exchange(cid, nad, command, answer);
+        if (status == kTclOk) return kOk;
         if (!retry) {
             QVL_LOG(kLogFailure, "sendTCL: no retry, returned with failed status = %d", status);
             return status;
         }
         QVL_LOG(kLogNotice, "sendTCL: deselect the existed cid = %d, then retry again to wake it up.", cid);
-        mTcl->TclDeselect(cid);
+        mCards.TclDeselect(cid);
     } else if (cid == QvlTcl::kCards) {
         QVL_LOG(kLogFailure, "sendTCL: Cannot find available CID, all used.");
         return kNoFreeCid;
     }
-    if (const int status = tclActiveWakupLoop(0, kBaudrate106, card.atq, &card.sak, card.uid, card.length);
-        status != kOk) {
-        QVL_LOG(kLogFailure, "sendTCL: tclActiveWakupLoop failed with status = %d", status);
-        return status;
-    }
+    if (const int result = wake(card, 0); result != kOk) return result;
     CardData ats;
-    if (const short status = fetchCardAts(cid, ats); status != kTclOk) return status;
-    return exchangeWithCard(cid, nad, command, answer);
+    if (const int result = fetchAts(cid, ats); result != kOk) return result;
+    return toResult(exchange(cid, nad, command, answer));
 }
 
-int QvlMf500ReaderImpl::waitForCardTCL(TagUID& tag, int timeout, std::uint8_t& cid, CardData& ats) {
+int CardSessions::waitForCard(TagUID& tag, int timeoutMs, std::uint8_t& cid, CardData& ats) {
     for (std::uint8_t taken = 0; taken < QvlTcl::kCards; ++taken)
-        if (mTcl->mPicc[taken]->mUidLen > 0) mTcl->TclDeselect(taken);
-    if (const auto bfl = driver()) bfl->pcdRfReset(kFieldResetMs);
-    if (isTooLong(tag)) {
-        QVL_LOG(kLogFailure, "waitForCardTCL with wrong TagUID size = %d", static_cast<int>(tag.getUidLen()));
-        return kBadTagUid;
-    }
+        if (mCards.mPicc[taken]->mUidLen > 0) mCards.TclDeselect(taken);
+    mCards.driver()->pcdRfReset(kFieldResetMs);
+    if (isTooLong(tag)) return refuseUid("waitForCardTCL", tag);
     Card card(tag);
-    const bool isKnown = card.length > 0 && !QvlTclUtil::isNewCid(mTcl.get(), card.uid, card.length, cid);
-    if (isKnown) {
-        if (const int status = tclActiveWakupLoop(timeout, kBaudrate106, card.atq, &card.sak, card.uid, card.length);
-            status != kOk) {
-            QVL_LOG(kLogFailure, "sendTCL: tclActiveWakupLoop failed with status = %d", status);
-            return status;
-        }
+    if (card.length > 0 && card.isKnownTo(mCards, cid)) {
+        if (const int result = wake(card, timeoutMs); result != kOk) return result;
     } else {
-        if (const int status = tclActiveIdleLoop(timeout, kBaudrate106, card.atq, &card.sak, card.uid, &card.length);
-            status != kOk) {
-            QVL_LOG(kLogFailure, "waitForCardTCL: tclActiveIdleLoop failed with status = %d", status);
-            return status;
+        if (const int result = activateAny(card, timeoutMs); result != kOk) {
+            QVL_LOG(kLogFailure, "waitForCardTCL: tclActiveIdleLoop failed with status = %d", result);
+            return result;
         }
         tag.setUid(card.uid, card.length);
         tag.setTagType(tagTypeFromSak(card.sak));
-        cid = QvlTclUtil::getAvailableCid(mTcl.get());
+        cid = QvlTclUtil::getAvailableCid(&mCards);
     }
-    return fetchCardAts(cid, ats);
+    return fetchAts(cid, ats);
 }
 
-int QvlMf500ReaderImpl::deselectTCL(TagUID& tag) {
-    if (isTooLong(tag)) {
-        QVL_LOG(kLogFailure, "deselect with wrong TagUID size = %d", static_cast<int>(tag.getUidLen()));
-        return kBadTagUid;
-    }
+int CardSessions::deselect(const TagUID& tag) {
+    if (isTooLong(tag)) return refuseUid("deselect", tag);
     const Card card(tag);
     std::uint8_t cid = 0;
-    if (QvlTclUtil::isNewCid(mTcl.get(), card.uid, card.length, cid)) return kTclOk;
-    const short status = mTcl->TclDeselect(cid);
+    if (!card.isKnownTo(mCards, cid)) return kOk;
+    const short status = mCards.TclDeselect(cid);
     if (status != kTclOk) QVL_LOG(kLogFailure, "deselectTCL: TclDeselect failed with status = %d", status);
-    return status;
+    return toResult(status);
 }
 
-int QvlMf500ReaderImpl::relayNFC(CardData& command, CardData& reply) {
-    const auto bfl = driver();
-    if (!bfl || bfl->getBflType() != BflTypeNfcTama) return kNotImplemented;
+int CardSessions::relay(CardData& command, CardData& reply) {
     std::uint8_t* bytes = nullptr;
     int length = 0;
-    const short status =
-        static_cast<NfcTamaBfl&>(*bfl).relayNFCCmd(command.data(), static_cast<int>(command.size()), bytes, length);
+    const short status = mCards.driver()->pcdRelay(command.data(), static_cast<int>(command.size()), bytes, length);
     const std::unique_ptr<std::uint8_t[]> owner(bytes);
-    if (status == kBflOk) reply.assign(bytes, bytes + length);
-    return status;
+    if (status != kBflOk) return status;
+    const WipedAtEnd wiped(bytes, static_cast<std::size_t>(length));
+    reply.assign(bytes, bytes + length);
+    return kOk;
 }

@@ -1,10 +1,11 @@
-// The generic door: a command by number, its arguments and results in collections.
+// The command door: a command by number, its arguments and results in collections.
 
+#include "CardSessions.h"
 #include "Guarded.h"
 #include "LogService.h"
 #include "QVLParamCollection.h"
 #include "QvlMf500ReaderImpl.h"
-#include "ReaderLock.h"
+#include "SecretBytes.h"
 #include "TagPromptScope.h"
 
 #include <memory>
@@ -24,12 +25,14 @@ constexpr int kWrongArguments = -21;
 
 bool ok(int status) { return status == kMemoryOk; }
 
-int readBytes(QVLParamCollection& in, std::vector<std::uint8_t>& bytes) {
+int readBytes(QVLParamCollection& in, CardData& bytes) {
     std::uint32_t length = 0;
     std::uint8_t* data = nullptr;
     const int status = in.getBytes(length, data);
     const std::unique_ptr<std::uint8_t[]> owner(data);
-    if (ok(status) && data != nullptr) bytes.assign(data, data + length);
+    if (!ok(status) || data == nullptr) return status;
+    const WipedAtEnd wiped(data, length);
+    bytes.assign(data, data + length);
     return status;
 }
 
@@ -53,110 +56,160 @@ int deliverNothing(QVLParamCollection*& out) {
     return kOk;
 }
 
-int addBytes(QVLParamCollection& out, const std::vector<std::uint8_t>& bytes) {
-    return out.addBytes(static_cast<std::uint32_t>(bytes.size()), bytes.data());
+int deliverBytes(QVLParamCollection*& out, const char* failure, const CardData& bytes) {
+    return deliver(out, failure, [&](QVLParamCollection& results) {
+        return results.addBytes(static_cast<std::uint32_t>(bytes.size()), bytes.data());
+    });
+}
+
+/// Polling is suspended from here on; unless a session has begun, it is resumed at the end.
+class SuspendedPolling {
+  public:
+    SuspendedPolling(ReaderImpl& adaptor, TagUID& tag) : mAdaptor(adaptor), mTag(tag) {
+        QVL_LOG(kLogProgress, "waitForCardTCL: suspendPolling");
+        if (mAdaptor.suspendPoll(mTag) != kOk) QVL_LOG(kLogProgress, "waitForCardTCL: suspendPolling failed");
+    }
+    ~SuspendedPolling() {
+        if (mSessionBegan) return;
+        QVL_LOG(kLogProgress, "waitForCardTCL: waitForCardTCL is failed,  resumePolling");
+        if (mAdaptor.resumePoll(mTag) != kOk)
+            QVL_LOG(kLogProgress, "waitForCardTCL: waitForCardTCL is failed,  resumePolling failed");
+    }
+    SuspendedPolling(const SuspendedPolling&) = delete;
+    SuspendedPolling& operator=(const SuspendedPolling&) = delete;
+
+    void sessionBegan() { mSessionBegan = true; }
+
+  private:
+    ReaderImpl& mAdaptor;
+    TagUID& mTag;
+    bool mSessionBegan = false;
+};
+
+/// One command of the door.
+class CommandRun {
+  public:
+    CommandRun(ReaderImpl& adaptor, CardSessions& sessions, QVLParamCollection& in, QVLParamCollection*& out)
+        : mAdaptor(adaptor), mSessions(sessions), mIn(in), mOut(out) {}
+
+    int run(int id);
+
+  private:
+    int send();
+    int sendRaw();
+    int sendAndDeliver(const TagUID& tag, std::uint8_t nad, CardData& command, bool retry);
+    int waitForCard();
+    int deselect();
+    int relay();
+
+    ReaderImpl& mAdaptor;
+    CardSessions& mSessions;
+    QVLParamCollection& mIn;
+    QVLParamCollection*& mOut;
+};
+
+int CommandRun::run(int id) {
+    switch (id) {
+    case kSend:
+        return send();
+    case kSendRaw:
+        return sendRaw();
+    case kWaitForCard:
+        return waitForCard();
+    case kDeselectCard:
+        return deselect();
+    case kNothing:
+        return deliverNothing(mOut);
+    case kNfcRelay:
+        return relay();
+    default:
+        break;
+    }
+    QVL_LOG(kLogFailure, "runCommand: not supported command ID = %d", id);
+    deliverNothing(mOut);
+    return kReaderFailed;
+}
+
+int CommandRun::send() {
+    TagUID tag;
+    std::uint8_t nad = 0, retry = 0;
+    CardData command;
+    if (!ok(mIn.getParameter(tag)) || !ok(mIn.getByte(nad)) || !ok(readBytes(mIn, command)) || !ok(mIn.getByte(retry)))
+        return wrongArguments("send of runCommand with wrong parameter");
+    return sendAndDeliver(tag, nad, command, retry != 0);
+}
+
+int CommandRun::sendRaw() {
+    TagUID tag;
+    std::uint8_t retry = 0;
+    std::uint32_t unused = 0;
+    CardData command;
+    if (!ok(mIn.getParameter(tag)) || !ok(readBytes(mIn, command)) || !ok(mIn.getLong(unused)) ||
+        !ok(mIn.getByte(retry)))
+        return wrongArguments("sendRaw of runCommand with wrong parameter");
+    return sendAndDeliver(tag, 0, command, retry != 0);
+}
+
+int CommandRun::sendAndDeliver(const TagUID& tag, std::uint8_t nad, CardData& command, bool retry) {
+    CardData answer;
+    if (const int result = mSessions.send(tag, nad, command, retry, answer); result != kOk) {
+        QVL_LOG(kLogFailure, "sendTCL failed with %d", result);
+        return result;
+    }
+    return deliverBytes(mOut, "runCommand: failed to add len, outData for sendTCL", answer);
+}
+
+int CommandRun::waitForCard() {
+    TagUID tag;
+    std::uint32_t timeout = 0;
+    if (!ok(mIn.getParameter(tag))) tag = TagUID();
+    if (!ok(mIn.getLong(timeout))) return wrongArguments("waitForCard of runCommand with wrong parameter");
+    SuspendedPolling suspended(mAdaptor, tag);
+    std::uint8_t cid = 0;
+    CardData ats;
+    if (const int result = mSessions.waitForCard(tag, static_cast<int>(timeout), cid, ats); result != kOk) {
+        QVL_LOG(kLogFailure, "waitForCardTCL failed with %d", result);
+        return result;
+    }
+    const int result = deliver(mOut, "runCommand: failed to add atsLength for waitForCardTCL", [&](auto& results) {
+        int status = results.addParameter(tag);
+        if (ok(status)) status = results.addByte(cid);
+        return ok(status) ? results.addBytes(static_cast<std::uint32_t>(ats.size()), ats.data()) : status;
+    });
+    suspended.sessionBegan();
+    return result;
+}
+
+int CommandRun::deselect() {
+    TagUID tag;
+    if (!ok(mIn.getParameter(tag))) return wrongArguments("deselect of runCommand with wrong parameter TagUID");
+    if (const int result = mSessions.deselect(tag); result != kOk) {
+        QVL_LOG(kLogFailure, "deselectTCL failed with %d", result);
+        return result;
+    }
+    QVL_LOG(kLogProgress, "deselectTCL: resumePolling");
+    if (mAdaptor.resumePoll(tag) != kOk) QVL_LOG(kLogProgress, "deselectTCL: resumePolling failed");
+    return deliverNothing(mOut);
+}
+
+int CommandRun::relay() {
+    CardData command, reply;
+    if (!ok(readBytes(mIn, command))) return wrongArguments("nfcRelay of runCommand with wrong parameter");
+    if (const int result = mSessions.relay(command, reply); result != kOk) {
+        QVL_LOG(kLogFailure, "relayNFC failed with %d", result);
+        return result;
+    }
+    return deliverBytes(mOut, "runCommand: failed to add len, outData for relayNFC", reply);
 }
 
 }  // namespace
 
 int QvlMf500ReaderImpl::runCommand(int id, QVLParamCollection& in, QVLParamCollection*& out) {
     return guarded("runCommand", int{kReaderFailed}, [&]() -> int {
-        const ReaderLock lock(*this);
+        const ReaderLock lock(mReader);
         const TagPromptScope prompt(*this);
-        switch (id) {
-        case kSend:
-            return runSend(in, out);
-        case kSendRaw:
-            return runSendRaw(in, out);
-        case kWaitForCard:
-            return runWaitForCard(in, out);
-        case kDeselectCard:
-            return runDeselect(in, out);
-        case kNothing:
-            return deliverNothing(out);
-        case kNfcRelay:
-            return runNfcRelay(in, out);
-        default:
-            break;
-        }
-        QVL_LOG(kLogFailure, "runCommand: not supported command ID = %d", id);
-        deliverNothing(out);
-        return kReaderFailed;
+        if (id != kNothing) revive();
+        CardSessions sessions(*mTcl, mSuspendTime);
+        return CommandRun(*this, sessions, in, out).run(id);
     });
-}
-
-int QvlMf500ReaderImpl::runSend(QVLParamCollection& in, QVLParamCollection*& out) {
-    TagUID tag;
-    std::uint8_t nad = 0, retry = 0;
-    CardData command;
-    if (!ok(in.getParameter(tag)) || !ok(in.getByte(nad)) || !ok(readBytes(in, command)) || !ok(in.getByte(retry)))
-        return wrongArguments("send of runCommand with wrong parameter");
-    return sendAndDeliver(tag, nad, command, retry != 0, out);
-}
-
-int QvlMf500ReaderImpl::runSendRaw(QVLParamCollection& in, QVLParamCollection*& out) {
-    TagUID tag;
-    std::uint8_t retry = 0;
-    std::uint32_t unused = 0;
-    CardData command;
-    if (!ok(in.getParameter(tag)) || !ok(readBytes(in, command)) || !ok(in.getLong(unused)) || !ok(in.getByte(retry)))
-        return wrongArguments("sendRaw of runCommand with wrong parameter");
-    return sendAndDeliver(tag, 0, command, retry != 0, out);
-}
-
-int QvlMf500ReaderImpl::sendAndDeliver(TagUID& tag, std::uint8_t nad, CardData& command, bool retry,
-                                       QVLParamCollection*& out) {
-    CardData answer;
-    if (const int status = sendTCL(tag, nad, command, answer, retry); status != kTclOk) {
-        QVL_LOG(kLogFailure, "sendTCL failed with %d", status);
-        return status;
-    }
-    return deliver(out, "runCommand: failed to add len, outData for sendTCL",
-                   [&](QVLParamCollection& results) { return addBytes(results, answer); });
-}
-
-int QvlMf500ReaderImpl::runWaitForCard(QVLParamCollection& in, QVLParamCollection*& out) {
-    TagUID tag;
-    std::uint32_t timeout = 0;
-    if (!ok(in.getParameter(tag))) tag = TagUID();
-    if (!ok(in.getLong(timeout))) return wrongArguments("waitForCard of runCommand with wrong parameter");
-    QVL_LOG(kLogProgress, "waitForCardTCL: suspendPolling");
-    if (suspendPoll(tag) != kOk) QVL_LOG(kLogProgress, "waitForCardTCL: suspendPolling failed");
-    std::uint8_t cid = 0;
-    CardData ats;
-    if (const int status = waitForCardTCL(tag, static_cast<int>(timeout), cid, ats); status != kTclOk) {
-        QVL_LOG(kLogFailure, "waitForCardTCL failed with %d", status);
-        QVL_LOG(kLogProgress, "waitForCardTCL: waitForCardTCL is failed,  resumePolling");
-        if (resumePoll(tag) != kOk)
-            QVL_LOG(kLogProgress, "waitForCardTCL: waitForCardTCL is failed,  resumePolling failed");
-        return status;
-    }
-    return deliver(out, "runCommand: failed to add atsLength for waitForCardTCL", [&](QVLParamCollection& results) {
-        int status = results.addParameter(tag);
-        if (ok(status)) status = results.addByte(cid);
-        return ok(status) ? addBytes(results, ats) : status;
-    });
-}
-
-int QvlMf500ReaderImpl::runDeselect(QVLParamCollection& in, QVLParamCollection*& out) {
-    TagUID tag;
-    if (!ok(in.getParameter(tag))) return wrongArguments("deselect of runCommand with wrong parameter TagUID");
-    if (const int status = deselectTCL(tag); status != kTclOk) {
-        QVL_LOG(kLogFailure, "deselectTCL failed with %d", status);
-        return status;
-    }
-    QVL_LOG(kLogProgress, "deselectTCL: resumePolling");
-    if (resumePoll(tag) != kOk) QVL_LOG(kLogProgress, "deselectTCL: resumePolling failed");
-    return deliverNothing(out);
-}
-
-int QvlMf500ReaderImpl::runNfcRelay(QVLParamCollection& in, QVLParamCollection*& out) {
-    CardData command, reply;
-    if (!ok(readBytes(in, command))) return wrongArguments("nfcRelay of runCommand with wrong parameter");
-    if (const int status = relayNFC(command, reply); status != kBflOk) {
-        QVL_LOG(kLogFailure, "relayNFC failed with %d", status);
-        return status;
-    }
-    return deliver(out, "runCommand: failed to add len, outData for relayNFC",
-                   [&](QVLParamCollection& results) { return addBytes(results, reply); });
 }

@@ -1,18 +1,16 @@
-// The life of the reader: construction and destruction of the adaptor, settings, opening, configuring, re-opening after
-// a failure of the device, stopping.
+// The life of the reader: construction and destruction of the adaptor, settings, device scans, opening, configuring,
+// re-opening after a failure of the device, stopping.
 
 #include "Guarded.h"
 #include "IniManager.h"
 #include "LogService.h"
 #include "QvlMf500ReaderImpl.h"
-#include "ReaderLock.h"
 #include "TagPromptControl.h"
 
 #include <memory>
 
 namespace {
 
-constexpr const char* kReaderMutexName = "QUORVELREADER_MUTEX";
 constexpr std::uint32_t kDefaultSuspendTimeMs = 30000;
 constexpr std::uint8_t kNoLed = 0xFF;
 constexpr std::uint16_t kFieldResetMs = 100;
@@ -22,28 +20,48 @@ constexpr int kInstanceIdSize = 256;
 
 constexpr const char* yesNo(bool value) { return value ? "true" : "false"; }
 
-std::unique_ptr<platform::NamedMutex> makeReaderMutex() {
-    try {
-        return std::make_unique<platform::NamedMutex>(kReaderMutexName);
-    } catch (const std::exception&) {
-        return nullptr;
-    }
-}
-
 }  // namespace
 
 QvlMf500ReaderImpl::QvlMf500ReaderImpl(QVLReaderServiceIntf* service)
-    : mReaderMutex(makeReaderMutex()), mSuspendTime(kDefaultSuspendTimeMs), mDefaultSuspendTime(kDefaultSuspendTimeMs),
-      mService(service), mLED(kNoLed), mDur(kNoLed), mTcl(std::make_unique<QvlTcl>()) {
-    scan(1);
-    if (driver()->getBflType() == BflTypeMf500) findUsbDll();
+    : mTcl(std::make_unique<QvlTcl>()), mReader(*mTcl), mSuspendTime(kDefaultSuspendTimeMs),
+      mDefaultSuspendTime(kDefaultSuspendTimeMs), mService(service), mLED(kNoLed), mDur(kNoLed) {
+    if (const auto found = mScan.run(DeviceScan::kDeviceEvent1)) use(*found);
+    if (mFound.kind == BflTypeMf500) mGetCurrentDevInstID = findDeviceInstanceHelper();
 }
 
 QvlMf500ReaderImpl::~QvlMf500ReaderImpl() {
-    endTagPrompt();
-    const auto bfl = driver();
-    if (mInitialised) turnOff(*bfl, "Desctruter mLED=%d ctrl=%s dur=%d\nAfter      mLED=ff ctrl=false dur=0");
-    bfl->interfaceClose();
+    endTagPrompt(this);
+    turnOffAndClose("Desctruter mLED=%d ctrl=%s dur=%d\nAfter      mLED=ff ctrl=false dur=0");
+}
+
+void QvlMf500ReaderImpl::scanUSBDevice(int event) {
+    guarded("scanUSBDevice", 0, [this, event] {
+        const ReaderLock lock(mReader);
+        const auto found = mScan.run(event);
+        if (!found) return 0;
+        const bool isReplaced = use(*found);
+        if (event != DeviceScan::kStartAnew) return 0;
+        if (!initReader())
+            mCtrl = false;
+        else if (isReplaced)
+            tellHost(true);
+        return 0;
+    });
+}
+
+// The reader that is in use stays, with its sessions. Another driver is closed, and what a closed one says is not to be
+// taken for a tag or for its data. @return true when the host was told that a ready reader is not there any more.
+bool QvlMf500ReaderImpl::use(const FoundReader& found) {
+    if (driver() && found == mFound) return false;
+    const bool wasReady = mReader.isReady();
+    auto bfl = found.makeDriver();
+    if (bfl != driver()) mOpen.reset();
+    mFound = found;
+    mReader.mOpened = false;
+    mReader.mLoss = ReaderState::Loss::none;
+    mTcl->setDriver(std::move(bfl));
+    if (wasReady) tellHost(false);
+    return wasReady;
 }
 
 const char* QvlMf500ReaderImpl::getAdaptorName() { return "QVLMF500"; }
@@ -80,8 +98,8 @@ bool QvlMf500ReaderImpl::initReader() {
 }
 
 bool QvlMf500ReaderImpl::openAndConfigure() {
-    const ReaderLock lock(*this);
-    mInitialised = false;
+    const ReaderLock lock(mReader);
+    mReader.mInitialised = false;
     const auto bfl = driver();
     if (!interfaceOpened(*bfl)) return false;
     QVL_LOG(kLogState, "QVLReader initialization: interface successfully opened.");
@@ -97,16 +115,20 @@ bool QvlMf500ReaderImpl::openAndConfigure() {
     QVL_LOG(kLogState, "QVLReader initialization: Configuration done.");
     bfl->pcdRfReset(kFieldResetMs);
     mTcl->reset(kCardRepetitions);
-    mOpened = true;
-    mInitialised = true;
+    mReader.mOpened = true;
+    mReader.mInitialised = true;
+    mReader.mLoss = ReaderState::Loss::none;
     return true;
 }
 
 bool QvlMf500ReaderImpl::interfaceOpened(Qvl14443bfl& bfl) {
     // Opening cuts the baud rate off a serial name; the scan's path brings it back.
-    if (!mScannedPath.empty()) bfl.setDeviceName(reinterpret_cast<const std::uint8_t*>(mScannedPath.c_str()));
+    if (!mFound.path.empty()) bfl.setDeviceName(reinterpret_cast<const std::uint8_t*>(mFound.path.c_str()));
     const short status = bfl.interfaceOpen(49, 0);
-    if (status == kBflOpened) return true;
+    if (status == kBflOpened) {
+        if (!mOpen) mOpen.emplace(driver());
+        return true;
+    }
     if (status == kBflNotOpened)
         QVL_LOG(kLogFailure, "QVLReader initialization failed: wrong interface.");
     else
@@ -142,35 +164,58 @@ void QvlMf500ReaderImpl::restoreLeds() {
 
 bool QvlMf500ReaderImpl::stopReader() {
     return guarded("stopReader", true, [this] {
-        const ReaderLock lock(*this);
-        const auto bfl = driver();
-        if (mInitialised) turnOff(*bfl, "stopReader()  mLED=%d ctrl=%s dur=%d\nAfter      mLED=ff ctrl=false dur=0");
-        mInitialised = false;
-        bfl->interfaceClose();
+        const ReaderLock lock(mReader);
+        turnOffAndClose("stopReader()  mLED=%d ctrl=%s dur=%d\nAfter      mLED=ff ctrl=false dur=0");
+        mReader.mInitialised = false;
+        mReader.mLoss = ReaderState::Loss::none;
         setDeviceInstanceID(nullptr);
         return true;
     });
 }
 
-void QvlMf500ReaderImpl::turnOff(Qvl14443bfl& bfl, const char* logged) {
-    bfl.pcdRfReset(0);
-    if (logWanted(kLogFailure)) {
-        char text[128];
-        std::snprintf(text, sizeof text, logged, mLED.load(), yesNo(mCtrl), mDur.load());
-        QVL_LOG(kLogFailure, "%s", text);
+// Field and interface stay on while another adaptor of this process has the same driver open.
+void QvlMf500ReaderImpl::turnOffAndClose(const char* logged) {
+    const auto bfl = driver();
+    const bool wasOpen = mOpen.has_value();
+    mOpen.reset();
+    const bool isShared = OpenShare::count(*bfl) > 0;
+    if (mReader.mInitialised) {
+        if (wasOpen && !isShared) bfl->pcdRfReset(0);
+        if (logWanted(kLogFailure)) {
+            char text[128];
+            std::snprintf(text, sizeof text, logged, mLED.load(), yesNo(mCtrl), mDur.load());
+            QVL_LOG(kLogFailure, "%s", text);
+        }
+        mLED = kNoLed;
+        mCtrl = false;
+        mDur = kNoLed;
     }
-    mLED = kNoLed;
-    mCtrl = false;
-    mDur = kNoLed;
+    if (!isShared) bfl->interfaceClose();
+}
+
+// Whoever is asked to do something opens a reader anew that an earlier operation has lost. @return whether it is ready.
+bool QvlMf500ReaderImpl::revive() {
+    using Loss = ReaderState::Loss;
+    const auto isLost = [this] { return mReader.mLoss == Loss::noted || mReader.mLoss == Loss::told; };
+    if (isLost()) {
+        const ReaderLock lock(mReader);
+        if (isLost()) reopen(kBflDeviceFailed);
+    }
+    return mReader.isReady();
 }
 
 void QvlMf500ReaderImpl::reopen(int bflStatus) {
+    using Loss = ReaderState::Loss;
     QVL_LOG(kLogFailure, "interface encountering problems %d. Trying to reopen", bflStatus);
-    const ReaderLock lock(*this);  // not under an operation of another thread
+    const ReaderLock lock(mReader);  // not under an operation of another thread
     driver()->interfaceClose();
-    mInitialised = false;  // a host that calls back now must not meet the closed device again
-    tellHost(false);
-    if (!initReader()) return;
+    mOpen.reset();
+    mReader.mInitialised = false;  // a host that calls back now must not meet the closed device again
+    mCtrl = false;                 // the reader may have lost its power, and its lights
+    if (mReader.mLoss.exchange(Loss::beingReopened) != Loss::told) tellHost(false);
+    const bool isReady = initReader();
+    mReader.mLoss = isReady ? Loss::none : Loss::told;
+    if (!isReady) return;
     QVL_LOG(kLogProgress, "QvlMf500ReaderImpl::getTagId() succeded initReader()");
     tellHost(true);
 }

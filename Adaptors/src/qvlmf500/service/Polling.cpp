@@ -5,33 +5,25 @@
 #include "Guarded.h"
 #include "LogService.h"
 #include "QvlMf500ReaderImpl.h"
-#include "ReaderLock.h"
 #include "SearchLimit.h"
 
-#include <algorithm>
 #include <memory>
 
 namespace {
 
-constexpr std::uint16_t kWakeUpFieldResetMs = 20;
 constexpr std::size_t kMostUidBytes = 10;
 constexpr std::uint8_t kLongestReportedUid = 9;
 constexpr short kBadUidLength = -3;
 
-constexpr std::uint8_t kReqA = 0x26;
-constexpr std::uint8_t kFirstSelectCode = 0x93;
-constexpr std::uint8_t kUidIncomplete = 0x04;
-constexpr std::size_t kCascadePart = 4;
-
 }  // namespace
 
 bool QvlMf500ReaderImpl::pollTag(EventObject*& event, bool forced, bool ignoreSuspend) {
-    if (mPendingCalls != 0) return false;
+    if (mReader.isBusy()) return false;
     if (mSuspended && !ignoreSuspend) return false;
     return guarded("pollTag", false, [&] {
-        const ReaderLock lock(*this);
+        const ReaderLock lock(mReader);
         QVL_LOG(kLogDetail, "Poll tag entering forced=%d ignoreSuspend=%d", forced ? 1 : 0, ignoreSuspend ? 1 : 0);
-        if (!isReady()) startReader();
+        if (!mReader.isReady()) startReader();
         TagUID tag;
         return getTagIdOnce(tag, forced) == kOk && report(tag, event);
     });
@@ -42,7 +34,7 @@ void QvlMf500ReaderImpl::startReader() {
     QVL_LOG(kLogDetail,
             "QvlMf500ReaderImpl::pollTag() failed initReader() and try to call scanUSBDevice() and wait for the next "
             "initReader() -- the scanUSBDevice() will be execute only when USBDevice event arrived");
-    scanUSBDevice(kScanAfterFailedInit);
+    scanUSBDevice(DeviceScan::kAfterFailedInit);
 }
 
 // Without memory for the event the tag stays awake, and the next poll reports it.
@@ -56,14 +48,14 @@ bool QvlMf500ReaderImpl::report(const TagUID& tag, EventObject*& event) {
 }
 
 int QvlMf500ReaderImpl::getTagIdOnce(TagUID& tag, bool forced) {
-    if (!isReady()) return kReaderNotReady;
+    if (!mReader.isReady()) return kReaderNotReady;
     std::uint8_t atq[2] = {};
     std::uint8_t sak = 0;
     std::uint8_t uid[kMostUidBytes] = {};
     std::uint8_t uidLen = 0;
     const auto bfl = driver();
     short status =
-        forced ? piccActivateWakup(*bfl, atq, &sak, uid, &uidLen) : bfl->piccActivateIdle(0, atq, &sak, uid, &uidLen);
+        forced ? bfl->piccActivateAny(atq, &sak, uid, &uidLen) : bfl->piccActivateIdle(0, atq, &sak, uid, &uidLen);
     if (status == kBflOk && uidLen >= 1 && uidLen <= kLongestReportedUid) {
         tag.setUid(uid, uidLen);
         tag.setTagType(tagTypeFromSak(sak));
@@ -74,46 +66,11 @@ int QvlMf500ReaderImpl::getTagIdOnce(TagUID& tag, bool forced) {
     return kNoTag;
 }
 
-short QvlMf500ReaderImpl::piccActivateWakup(Qvl14443bfl& bfl, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid,
-                                            std::uint8_t* uidLen) {
-    std::fill_n(uid, kMostUidBytes, std::uint8_t{0});
-    bfl.pcdRfReset(kWakeUpFieldResetMs);
-    if (bfl.getBflType() == BflTypeNfcTama) {
-        const short status = bfl.piccActivateIdle(0, atq, sak, uid, uidLen);
-        if (status == kBflOk) return kBflOk;
-        QVL_LOG(kLogFailure, "QvlMf500Readerimpl::piccActivateWakup failed %d", status);
-        return kNoTag;
-    }
-
-    if (const short status = bfl.piccRequest(kReqA, atq); status != kBflOk) return status;
-    *sak = kUidIncomplete;
-    *uidLen = 0;
-    int selectCode = kFirstSelectCode;
-    while ((*sak & kUidIncomplete) != 0 && selectCode != -1) {
-        const auto level = static_cast<std::uint8_t>(selectCode);
-        std::uint8_t part[kCascadePart] = {};
-        short status = bfl.piccCascAnticoll(level, 0, part);
-        const bool isEmpty = std::ranges::all_of(part, [](std::uint8_t byte) { return byte == 0; });
-        if (status == kBflOk && isEmpty && level == kFirstSelectCode) status = kNoTag;
-        if (status == kBflOk) status = bfl.piccCascSelect(level, part, sak);
-        if (status != kBflOk) {
-            QVL_LOG(kLogFailure, "piccActivateWakeup anticollision failed=%d", status);
-            return status;
-        }
-        // A part that another level follows begins with the cascade tag.
-        const std::size_t skipped = (*sak & kUidIncomplete) != 0 ? 1 : 0;
-        const std::size_t taken = std::min(kCascadePart - skipped, kMostUidBytes - *uidLen);
-        std::copy_n(part + skipped, taken, uid + *uidLen);
-        *uidLen = static_cast<std::uint8_t>(*uidLen + taken);
-        selectCode = nextCascadeLevel(selectCode);
-    }
-    return kBflOk;
-}
+bool QvlMf500ReaderImpl::isReaderLost() const { return !mReader.isReady() || driver()->isReaderLost(); }
 
 int QvlMf500ReaderImpl::haltAllTag(bool haltSelected) {
     return guarded("haltAllTag", int{kOk}, [&] {
-        const auto bfl = driver();
-        if (haltSelected) bfl->piccHalt();
+        if (haltSelected) driver()->piccHalt();
         SearchLimit limit;
         TagUID tag;
         while (getTagIdOnce(tag, false) == kOk) {
@@ -129,14 +86,14 @@ int QvlMf500ReaderImpl::haltAllTag(bool haltSelected) {
 
 int QvlMf500ReaderImpl::suspendPoll(TagUID&) {
     return guarded("suspendPoll", int{kReaderFailed}, [this] {
-        const ReaderLock lock(*this);
+        const ReaderLock lock(mReader);
         return mSuspended.exchange(true) ? kAlreadySuspended : kOk;
     });
 }
 
 int QvlMf500ReaderImpl::resumePoll(TagUID&) {
     return guarded("resumePoll", int{kReaderFailed}, [this] {
-        const ReaderLock lock(*this);
+        const ReaderLock lock(mReader);
         return mSuspended.exchange(false) ? kOk : kNotSuspended;
     });
 }

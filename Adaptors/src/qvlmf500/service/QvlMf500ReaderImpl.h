@@ -1,36 +1,23 @@
 #pragma once
 
-#include "NamedMutex.h"
-#include "Qvl14443bfl.h"
+#include "DeviceScan.h"
 #include "QvlTcl.h"
 #include "ReaderImpl.h"
-#include "USBFileIO.h"
+#include "ReaderState.h"
+#include "TagSearch.h"
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <string>
-#include <vector>
 
-struct AppSectorChange;
-struct AppSectorRemoval;
-struct BlockAddress;
-struct BlockResults;
-struct BlockRun;
-struct BlockTypeChange;
-class DirectoryImage;
-struct DirtyBlocks;
-struct KeyUse;
-struct ResolvedRun;
-struct RunRequest;
-struct SectorList;
-struct SectorResults;
-struct TrailerChange;
+class OpRecords;
+class SelectedTag;
+struct SectorsToAdd;
 
 /// The adaptor. It has no worker thread: every operation runs on the thread of its caller, and the one lock under which
 /// all tag work runs orders threads and processes. It works with the driver that the last device scan chose.
-class QvlMf500ReaderImpl : public virtual ReaderImpl {
+class QvlMf500ReaderImpl : public virtual ReaderImpl, private TagFinder {
   public:
     explicit QvlMf500ReaderImpl(QVLReaderServiceIntf* service);
     ~QvlMf500ReaderImpl() override;
@@ -42,8 +29,6 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     void loadReaderConfig() override;
     bool initReader() override;
     bool stopReader() override;
-
-    // DeviceChoice.cpp
     void scanUSBDevice(int event) override;
 
     // ReaderIdentity.cpp
@@ -65,18 +50,16 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     int getAllTagId(int readerId, TagAppType appType, short appId, AuthKeyMode keyMode, const std::uint8_t* key,
                     short& count, TagUID*& tags) override;
 
-    // tagdata/Directory.cpp
+    // ApplicationOperations.cpp
     int getAllAppId(int readerId, TagAppType appType, const TagUID& tag, short& count, short*& appIds,
                     AuthKeyMode keyMode, const std::uint8_t* key) override;
     int getAppIdDir(int readerId, TagAppType appType, const TagUID& tag, short* directory, AuthKeyMode keyMode,
                     const std::uint8_t* key) override;
 
-    // tagdata/Formatting.cpp
     int formatTag(int readerId, TagAppType appType, std::uint8_t* newKeyB, TagUID*& tag, std::uint8_t* newKeyA,
                   int& sectorCount, OpResultCode*& results) override;
     int unformatTag(int readerId, TagAppType appType, std::uint8_t* key, TagUID*& tag, int* statuses) override;
 
-    // tagdata/Applications.cpp
     int initApp(int readerId, TagAppType appType, short appId, const std::uint8_t* madKey,
                 const std::uint8_t* sectorKey, short spareShort, short sectorCount, const TagUID& tag,
                 const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, DataAccControl access, int& done,
@@ -100,7 +83,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
                    const std::uint8_t* madKey, const std::uint8_t* fillBlock, int& resultCount,
                    OpResultCode*& results) override;
 
-    // tagdata/BlockData.cpp
+    // BlockOperations.cpp
     int getBlockData(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
                      const std::uint8_t* key, short startBlock, short blockCount, std::uint8_t*& data, int& dataLength,
                      AuthKeyMode madKeyMode, const std::uint8_t* madKey, int& resultCount,
@@ -116,7 +99,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
                      const std::uint8_t* key, short startBlock, short blockCount, std::uint8_t* data, int dataLength,
                      AuthKeyMode madKeyMode, const std::uint8_t* madKey, int* statuses) override;
 
-    // tagdata/Values.cpp
+    // AccessOperations.cpp
     int getValue(int readerId, TagAppType appType, const TagUID& tag, short appId, AuthKeyMode keyMode,
                  const std::uint8_t* key, int block, int& value, AuthKeyMode madKeyMode,
                  const std::uint8_t* madKey) override;
@@ -130,7 +113,6 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
                                const std::uint8_t* newKeyA, const std::uint8_t* keyB, int block, int value,
                                AuthKeyMode madKeyMode, const std::uint8_t* madKey) override;
 
-    // tagdata/AccessRules.cpp
     int setDataBlockType(int readerId, TagAppType appType, short appId, const TagUID& tag, const std::uint8_t* newKeyA,
                          const std::uint8_t* keyB, short block, short blockKind, DataAccControl access,
                          unsigned int value, AuthKeyMode madKeyMode, const std::uint8_t* madKey) override;
@@ -156,159 +138,47 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl {
     virtual bool showTagPrompt();
 
   private:
-    friend class ReaderLock;
-    friend class OperationFrame;
-
-    bool isReady() const { return mInitialised && mOpened; }
-    std::shared_ptr<Qvl14443bfl> driver() const { return mTcl->driver(); }
+    std::shared_ptr<Qvl14443bfl> driver() const override { return mTcl->driver(); }
     void tellHost(bool ready) noexcept;
 
     // Lifecycle.cpp
+    bool use(const FoundReader& found);
     bool openAndConfigure();
     bool interfaceOpened(Qvl14443bfl& bfl);
     bool configured(Qvl14443bfl& bfl);
     void restoreLeds();
+    bool revive();
     void reopen(int bflStatus);
-    void turnOff(Qvl14443bfl& bfl, const char* logged);
-
-    // DeviceChoice.cpp
-    static constexpr int kScanAfterFailedInit = 3;
-    void scan(int event);
-    void chooseDriver(int scanStatus);
-    void useTama(const char* path);
-    void useMf500(const char* path);
-    void install(std::shared_ptr<Qvl14443bfl> bfl, const char* path);
-    void findUsbDll();
+    void turnOffAndClose(const char* logged);
 
     // Polling.cpp
     void startReader();
     bool report(const TagUID& tag, EventObject*& event);
-    int getTagIdOnce(TagUID& tag, bool forced);
-    short piccActivateWakup(Qvl14443bfl& bfl, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid,
-                            std::uint8_t* uidLen);
+    int getTagIdOnce(TagUID& tag, bool forced) override;
+    bool isReaderLost() const override;
 
-    // Search.cpp
-    int waitForAnyTag(TagUID& tag, bool forced);
-    int findAppTag(const std::uint8_t* aid, TagUID& tag, const KeyUse& key, bool wait, bool forced);
-    int lookForDirectory(const std::uint8_t* aid, TagUID& tag, const KeyUse& key, bool& found);
+    // TagOperation.h
+    template <typename Body>
+    int operateOn(const char* operation, const TagUID& tag, Body body);
+    template <typename Body>
+    int operateOnAny(const char* operation, TagUID*& tag, bool isPromptFirst, Body body);  // ApplicationOperations.cpp
 
-    // Commands.cpp
-    using CardData = std::vector<std::uint8_t>;
-    int runSend(QVLParamCollection& in, QVLParamCollection*& out);
-    int runSendRaw(QVLParamCollection& in, QVLParamCollection*& out);
-    int sendAndDeliver(TagUID& tag, std::uint8_t nad, CardData& command, bool retry, QVLParamCollection*& out);
-    int runWaitForCard(QVLParamCollection& in, QVLParamCollection*& out);
-    int runDeselect(QVLParamCollection& in, QVLParamCollection*& out);
-    int runNfcRelay(QVLParamCollection& in, QVLParamCollection*& out);
-
-    // CardSessions.cpp: 0 for success, except of the two loops
-    int sendTCL(TagUID& tag, std::uint8_t nad, CardData& command, CardData& answer, bool retry);
-    int waitForCardTCL(TagUID& tag, int timeout, std::uint8_t& cid, CardData& ats);
-    int deselectTCL(TagUID& tag);
-    int relayNFC(CardData& command, CardData& reply);
-    int tclActiveIdleLoop(int timeout, std::uint8_t baudrate, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid,
-                          std::uint8_t* uidLen);
-    int tclActiveWakupLoop(int timeout, std::uint8_t baudrate, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid,
-                           std::uint8_t uidLen);
-    template <typename Activate>
-    int waitForActivation(int timeout, Activate activate);
-    short exchangeWithCard(std::uint8_t cid, std::uint8_t nad, CardData& command, CardData& answer);
-    short fetchCardAts(std::uint8_t cid, CardData& ats);
-
-    static constexpr std::uint8_t kIdleRequest = 0x26;    // REQA: idle tags
-    static constexpr std::uint8_t kWakeUpRequest = 0x52;  // WUPA: halted ones as well
-
-    // tagdata/Selection.cpp: a known tag. `tag` is the one that the caller named; its type is refreshed.
-    int activateTag(int readerId, TagUID& tag);
-    int waitForTag(std::uint8_t requestCode, TagUID& tag);
-    int selectTag(std::uint8_t requestCode, TagUID& tag);
-    short wakeByUid(Qvl14443bfl& bfl, const TagUID& tag, std::uint8_t& sak, bool& sakKnown);
-
-    // tagdata/BlockAccess.cpp: the only place that reads and writes blocks.
-    int authenticateKey(TagUID& tag, int blockAddress, const KeyUse& key);
-    int getBlock(TagUID& tag, int sector, const KeyUse& key, int firstBlock, int blockCount, std::uint8_t* buffer,
-                 bool authenticate, int* statuses);
-    int setBlock(TagUID& tag, int sector, const KeyUse& key, int firstBlock, int blockCount, const std::uint8_t* data,
-                 int dataLength, bool authenticate, int* statuses);
-    template <typename Attempt>
-    short tryThreeTimes(TagUID& tag, int base, const KeyUse& key, Attempt attempt);
-    template <typename Move, typename Failed>
-    int moveBlocks(TagUID& tag, int base, const KeyUse& key, const BlockRun& run, int* statuses, Move move,
-                   Failed failed);
-
-    // tagdata/Directory.cpp
-    int checkAppType(TagUID& tag, const KeyUse& key, bool authenticate, int& kind);
-    int readDirectory(TagUID& tag, const KeyUse& key, bool authenticate, DirectoryImage& image);
-    int writeDirectory(TagUID& tag, const KeyUse& key, const DirectoryImage& image, const DirtyBlocks& dirty,
-                       bool authenticate);
-    int findAppSectors(std::uint16_t appId, TagUID& tag, const KeyUse& key, SectorList& list);
-    int locateAppBlock(std::uint16_t appId, TagUID& tag, const KeyUse& key, int blockIndex, int& sector,
-                       int& blockInSector);
-    int locateAppRange(std::uint16_t appId, TagUID& tag, const KeyUse& key, int firstIndex, SectorList& list,
-                       int& firstListIndex, int& offset);
-
-    // tagdata/DirectoryTransactions.cpp
-    int addMADAppSector(const AppSectorChange& change, TagUID& tag, bool isNew, SectorResults& out);
-    void prepareSectors(const AppSectorChange& change, TagUID& tag, DirectoryImage& image, const SectorList& claimed,
-                        int start, DirtyBlocks& dirty, SectorResults& out);
-    int prepareSector(const AppSectorChange& change, TagUID& tag, int sector);
-    int removeMADAppSector(const AppSectorRemoval& removal, TagUID& tag, int& lastStatus);
-    int resetSector(const AppSectorRemoval& removal, TagUID& tag, int sector);
-
-    // tagdata/Formatting.cpp
-    struct FormatKeys {
-        TagAppType appType;
-        const std::uint8_t* keyA;
-        const std::uint8_t* keyB;
-    };
-    int formatSectors(const FormatKeys& keys, TagUID& tag, int sectors, OpResultCode* records, bool& tagIsSelected);
-    int unformatSectors(TagAppType appType, const KeyUse& key, TagUID& tag, int* statuses, int& last);
-
-    // tagdata/Applications.cpp
-    int changeApp(bool isNew, int readerId, TagAppType appType, TagUID& tag, const AppSectorChange& change, int& done,
+    // ApplicationOperations.cpp
+    int changeApp(bool isNew, TagAppType appType, const TagUID& tag, const SectorsToAdd& wanted, int& done,
                   int& resultCount, OpResultCode*& results);
-    int addPlainSectors(const AppSectorChange& change, TagUID& tag, SectorResults& out);
-    int addPlainSector(const AppSectorChange& change, TagUID& tag, int sector, bool isLast);
-    int removePlainSectors(const AppSectorRemoval& removal, TagUID& tag, int& lastStatus);
-    int clearDataBlocks(TagUID& tag, int sector, const KeyUse& key, int& lastStatus);
 
-    // tagdata/Values.cpp
-    int locateBlock(const BlockAddress& address, TagUID& tag, int& sector, int& blockInSector);
-    int getAccessCode(TagUID& tag, int sector, const KeyUse& key, int blockInSector, DataAccControl& code);
-    int checkHoldsValue(TagUID& tag, int sector, const KeyUse& key, int blockInSector);
-
-    // tagdata/BlockData.cpp, AccessRules.cpp
-    int resolveRun(const RunRequest& request, TagUID& tag, ResolvedRun& run);
-    int readRun(const ResolvedRun& run, TagUID& tag, const KeyUse& key, BlockResults& out, std::uint8_t* data);
-    int writeRun(const ResolvedRun& run, TagUID& tag, const KeyUse& key, BlockResults& out, const std::uint8_t* data,
-                 int dataLength);
-    int changeBlockType(const BlockTypeChange& change, TagUID& tag, int sector, int blockInSector,
-                        std::uint8_t addressByte);
-    template <typename Change>
-    int changeTrailers(const TrailerChange& change, TagUID& tag, int& resultCount, OpResultCode*& results,
-                       bool& tagIsSelected, Change changeOne);
-    int listSectors(TagAppType appType, short appId, TagUID& tag, const KeyUse& madKey, int sectorCount,
-                    SectorList& list);
-
-    using GetCurrentDevInstID = int (*)(char* buffer, int size, std::uint16_t* length);
-
-    std::unique_ptr<platform::NamedMutex> mReaderMutex;  // null if it could not be made; all goes on without it
-    std::atomic<std::int32_t> mPendingCalls{0};          // operations inside the lock, nested ones included
-    std::atomic<std::uint32_t> mSuspendTime;             // ms to wait for a tag
+    std::unique_ptr<QvlTcl> mTcl;  // holds the one pointer to the driver
+    ReaderState mReader;
+    std::atomic<std::uint32_t> mSuspendTime;  // ms to wait for a tag
     std::atomic<std::uint32_t> mDefaultSuspendTime;
     std::atomic<bool> mSuspended{false};
     std::atomic<bool> mTagPrompt{true};
     QVLReaderServiceIntf* mService;
-    std::atomic<bool> mInitialised{false};
-    std::atomic<bool> mOpened{false};  ///< The driver in place is the one that was initialised.
-    std::atomic<bool> mCtrl{false};    // LED 3 is on
-    std::atomic<std::uint8_t> mLED;    // last LED other than 3, kNoLed for none yet
+    std::atomic<bool> mCtrl{false};  // LED 3 is on
+    std::atomic<std::uint8_t> mLED;  // last LED other than 3, 0xFF for none yet
     std::atomic<std::uint8_t> mDur;
-    USBFileIO mUSBFileIO;
-    std::unique_ptr<QvlTcl> mTcl;  // holds the one pointer to the driver
+    DeviceScan mScan;
+    FoundReader mFound;              // by the last scan
+    std::optional<OpenShare> mOpen;  // of the driver in place, while this adaptor has it open
     GetCurrentDevInstID mGetCurrentDevInstID = nullptr;
-    std::optional<std::uint32_t> mHeldTagType;  // of the tag of the operation that runs; under the reader lock
-    bool mSakSeen = false;                      // by the last selection, so that the type is the tag's own
-    std::string mScannedPath;                   // of the last scan; empty for the driver's default
-    std::atomic<bool> mScanned{false};
 };

@@ -1,5 +1,5 @@
-// What the reader tells of itself, and its LEDs. None of these takes the reader lock: they are short, and the driver
-// keeps one command whole by itself.
+// What the reader tells of itself, and its LEDs. None of these takes the reader lock, unless a lost reader has to be
+// opened first: they are short, and the driver keeps one command whole by itself.
 
 #include "Guarded.h"
 #include "QvlMf500ReaderImpl.h"
@@ -19,15 +19,20 @@ int QvlMf500ReaderImpl::getReaderId(std::uint8_t* id, std::uint16_t& idLen) {
     constexpr int kShortestId = 4;
     std::fill_n(id, kShortestId, std::uint8_t{0});  // a closed driver may say 0 and fill nothing
     idLen = 0;
-    return guarded("getReaderId", int{kReaderFailed}, [&] { return toServiceStatus(driver()->pcdGetSnr(id, idLen)); });
+    return guarded("getReaderId", int{kReaderFailed}, [&] {
+        revive();
+        return toServiceStatus(driver()->pcdGetSnr(id, idLen));
+    });
 }
 
 int QvlMf500ReaderImpl::getReaderFwVersion(std::uint8_t* version, std::uint16_t& versionLen) {
     if (version == nullptr) return kReaderFailed;
     version[0] = '\0';
     versionLen = 0;
-    return guarded("getReaderFwVersion", int{kReaderFailed},
-                   [&] { return toServiceStatus(driver()->pcdGetFwVersion(version, versionLen)); });
+    return guarded("getReaderFwVersion", int{kReaderFailed}, [&] {
+        revive();
+        return toServiceStatus(driver()->pcdGetFwVersion(version, versionLen));
+    });
 }
 
 int QvlMf500ReaderImpl::switchReaderLED(std::uint8_t led, std::uint8_t ctrl, std::uint8_t dur) {
@@ -38,8 +43,9 @@ int QvlMf500ReaderImpl::switchReaderLED(std::uint8_t led, std::uint8_t ctrl, std
             else if (led != mLED)
                 return kReaderFailed;
         }
+        if (led == kSwitchLed && ctrl > 1) return kReaderFailed;
+        revive();
         if (led == kSwitchLed) {
-            if (ctrl > 1) return kReaderFailed;
             if ((ctrl == 1) == mCtrl) return kOk;
             ctrl = 1;
             dur = mDur;

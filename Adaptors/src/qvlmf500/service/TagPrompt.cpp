@@ -24,6 +24,7 @@ struct Prompt {
     std::condition_variable changed;
     PromptState state = PromptState::none;
     TagPromptSurface* surface = nullptr;                       // what a host has put in
+    const void* owner = nullptr;                               // who has started the prompt that stands
     unsigned generation = 0;                                   // counts prompts
     std::atomic<TagPromptSurface*> gTagPromptWindow{nullptr};  // what stands
     platform::ManualResetEvent gTagPromptEvent;
@@ -85,7 +86,7 @@ void askToClose(Prompt& p) {
 
 }  // namespace
 
-PromptStart startTagPrompt() {
+PromptStart startTagPrompt(const void* owner) {
     Prompt& p = prompt();
     std::unique_lock lock(p.mutex);
     // A prompt that is on its way out belongs to an operation that has ended: wait for it, it is prompt.
@@ -94,6 +95,7 @@ PromptStart startTagPrompt() {
     TagPromptSurface* const surface = p.surface;
     if (surface == nullptr) return PromptStart::nobodyShows;
     p.state = PromptState::starting;
+    p.owner = owner;
     ++p.generation;
     if (!p.threads.start([surface] { tagPromptThread(*surface); })) {
         p.enter(PromptState::none);
@@ -113,9 +115,10 @@ bool tagPromptStands() { return prompt().gTagPromptWindow.load() != nullptr; }
 
 platform::ManualResetEvent& tagPromptEvent() { return prompt().gTagPromptEvent; }
 
-void endTagPrompt() {
+void endTagPrompt(const void* owner) {
     Prompt& p = prompt();
     std::unique_lock lock(p.mutex);
+    if (p.state == PromptState::none || p.owner != owner) return;
     askToClose(p);
     // Another adaptor may put up the next one at once; only the one that stood here is waited for.
     const unsigned stood = p.generation;
@@ -125,8 +128,8 @@ void endTagPrompt() {
 void setTagPromptSurface(TagPromptSurface* surface) {
     Prompt& p = prompt();
     std::unique_lock lock(p.mutex);
+    if (surface != nullptr && surface == p.surface) return;
     p.surface = surface;
-    if (surface != nullptr) return;
     askToClose(p);
     p.changed.wait(lock, [&p] { return p.state == PromptState::none; });
     lock.unlock();
@@ -137,7 +140,7 @@ void cancelTagPrompt() { closeTagPrompt(); }
 
 bool QvlMf500ReaderImpl::showTagPrompt() {
     if (!mTagPrompt) return true;
-    switch (startTagPrompt()) {
+    switch (startTagPrompt(this)) {
     case PromptStart::standsAlready:
     case PromptStart::noThread:
         return false;

@@ -12,7 +12,8 @@ enum class PromptStart {
     started,        ///< The prompt is up, or was tried and could not be made.
     noThread,       ///< Its thread could not be started.
 };
-PromptStart startTagPrompt();
+/// `owner` is whoever may end it, see endTagPrompt.
+PromptStart startTagPrompt(const void* owner);
 
 /// Asks the prompt to go away. Does not wait; harmless without a prompt.
 void closeTagPrompt();
@@ -22,5 +23,5 @@ void closeTagPrompt();
 bool tagPromptStands();
 platform::ManualResetEvent& tagPromptEvent();
 
-/// Closes the prompt and returns when it has gone.
-void endTagPrompt();
+/// Closes the prompt if this owner has started it, and returns when it has gone.
+void endTagPrompt(const void* owner);

@@ -1,0 +1,115 @@
+// Which driver serves the reader: the device scan, what it means for the driver in use, and the helper library that
+// knows the instance id of an MF RC500 reader's device.
+
+#include "DeviceScan.h"
+
+#include "Clock.h"
+#include "DynamicLibrary.h"
+#include "Files.h"
+#include "IniManager.h"
+#include "Installation.h"
+#include "LogService.h"
+#include "Mf500bfl.h"
+#include "NfcTamaBfl.h"
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+#include <new>
+
+namespace {
+
+constexpr std::uint32_t kScanIntervalMs = 500;
+constexpr const char* kUsbDll = "usbdll";
+
+std::atomic<std::uint32_t> gLastScanTick{0};
+std::atomic<bool> gUsbEventPending{false};
+
+struct Openings {
+    std::mutex mutex;
+    std::map<const Qvl14443bfl*, int> counts;
+};
+Openings& openings() {
+    static Openings* const instance = new Openings;  // outlives the adaptors of static objects
+    return *instance;
+}
+
+}  // namespace
+
+std::shared_ptr<Qvl14443bfl> FoundReader::makeDriver() const {
+    std::shared_ptr<Qvl14443bfl> driver;
+    if (kind == BflTypeNfcTama)
+        driver = NfcTamaBfl::acquire();
+    else
+        driver = std::make_shared<Mf500bfl>();
+    if (!driver) throw std::bad_alloc();
+    if (!path.empty()) driver->setDeviceName(reinterpret_cast<const std::uint8_t*>(path.c_str()));
+    return driver;
+}
+
+std::optional<FoundReader> DeviceScan::run(int event) {
+    if (event == kDeviceEvent1 || event == kDeviceEvent2) gUsbEventPending = true;
+    if (event == kStartAnew) gUsbEventPending = false;
+    if (event == kAfterFailedInit && !gUsbEventPending) return std::nullopt;
+
+    const std::uint32_t now = platform::Clock::current().tick();
+    if (mHasRun && now - gLastScanTick < kScanIntervalMs) return std::nullopt;
+    gLastScanTick = now;
+    mHasRun = true;
+    return choose(mUSBFileIO.scanForDevices());
+}
+
+FoundReader DeviceScan::choose(int status) const {
+    QVL_LOG(kLogFailure, "QvlMf500ReaderImpl mUSBFileIO.scanForDevices return %d", status);
+    if (status != 0) {
+        QVL_LOG(kLogFailure, "QvlMf500ReaderImpl mUSBFileIO.scanForDevices failed %d", status);
+        return {};
+    }
+    const auto& devices = mUSBFileIO.deviceInfo;
+    const auto device = std::ranges::find_if(
+        devices, [](const USBFileIO::DeviceInfo& info) { return info.path[0] != '\0' && info.present != 0; });
+    if (device == devices.end()) {
+        QVL_LOG(kLogProgress, "QvlMf500ReaderImpl ------------instantiates NFCTAMABFL using Default Name");
+        return {BflTypeNfcTama, ""};
+    }
+    if (device->isTama == 0) return {BflTypeMf500, device->path};
+    QVL_LOG(kLogProgress, "QvlMf500ReaderImpl ------------instantiates NFCTAMABFL");
+    return {BflTypeNfcTama, device->path};
+}
+
+OpenShare::OpenShare(std::shared_ptr<Qvl14443bfl> driver) : mDriver(std::move(driver)) {
+    Openings& all = openings();
+    const std::lock_guard lock(all.mutex);
+    ++all.counts[mDriver.get()];
+}
+
+OpenShare::~OpenShare() {
+    Openings& all = openings();
+    const std::lock_guard lock(all.mutex);
+    if (--all.counts[mDriver.get()] == 0) all.counts.erase(mDriver.get());
+}
+
+int OpenShare::count(const Qvl14443bfl& driver) {
+    Openings& all = openings();
+    const std::lock_guard lock(all.mutex);
+    const auto found = all.counts.find(&driver);
+    return found == all.counts.end() ? 0 : found->second;
+}
+
+GetCurrentDevInstID findDeviceInstanceHelper() {
+    const std::string file = platform::dynamicLibraryFileName(kUsbDll);
+    const char* installPath = getInstallPath();
+    std::string path = installPath != nullptr ? std::string(installPath) + "/bin/" + file : file;
+    bool isThere = installPath != nullptr && platform::pathExists(path.c_str());
+    // Beside the program only with plain rights: a link to a program with more may lie anywhere.
+    if (!isThere && !platform::hasRaisedRights()) {
+        const std::string programPath = platform::programDirectory();
+        if (!programPath.empty()) path = programPath + "/" + file;
+        isThere = !programPath.empty() && platform::pathExists(path.c_str());
+    }
+    if (!isThere) {
+        QVL_LOG(kLogFailure, "Cannot access the usbdll file - %s!\n", path.c_str());
+        return nullptr;
+    }
+    return reinterpret_cast<GetCurrentDevInstID>(platform::loadSymbol(path.c_str(), "USBLib_GetCurrentDevInstID"));
+}

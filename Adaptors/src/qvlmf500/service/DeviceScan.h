@@ -1,0 +1,56 @@
+#pragma once
+
+#include "Qvl14443bfl.h"
+#include "USBFileIO.h"
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <string>
+
+/// A reader as a device scan finds it.
+struct FoundReader {
+    BflType kind = BflTypeMf500;
+    std::string path;  ///< Empty: the driver finds its device by itself.
+
+    bool operator==(const FoundReader&) const = default;
+    /// A new driver for it, or the one that all adaptors share, with the path as its device name.
+    std::shared_ptr<Qvl14443bfl> makeDriver() const;
+};
+
+/// Which reader is attached. Under the reader lock.
+class DeviceScan {
+  public:
+    /// Why a scan is asked for.
+    enum Event : int { kStartAnew = 0, kDeviceEvent1 = 1, kDeviceEvent2 = 2, kAfterFailedInit = 3 };
+
+    /// @return the reader, or nothing when no scan is due: scans are at least 500 ms apart, and after a failed start
+    /// one runs only when a device event has come since the last start anew.
+    std::optional<FoundReader> run(int event);
+
+  private:
+    FoundReader choose(int status) const;
+
+    USBFileIO mUSBFileIO;
+    bool mHasRun = false;
+};
+
+/// This adaptor's share in a driver that stands open. The device is closed when nobody has one any more: adaptors of a
+/// process share a PN531.
+class OpenShare {
+  public:
+    explicit OpenShare(std::shared_ptr<Qvl14443bfl> driver);
+    ~OpenShare();
+    OpenShare(const OpenShare&) = delete;
+    OpenShare& operator=(const OpenShare&) = delete;
+
+    /// How many adaptors have this driver open.
+    static int count(const Qvl14443bfl& driver);
+
+  private:
+    std::shared_ptr<Qvl14443bfl> mDriver;
+};
+
+using GetCurrentDevInstID = int (*)(char* buffer, int size, std::uint16_t* length);
+/// The operation of the helper library that knows the instance id of an MF RC500 reader's device; null without it.
+GetCurrentDevInstID findDeviceInstanceHelper();

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "LinkWatch.h"
+#include "NamedMutex.h"
+#include "QvlTcl.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+/// Whether the reader of an adaptor is ready, and who works with it: the one lock of the machine, and the count of
+/// operations inside it, nested ones included.
+class ReaderState {
+  public:
+    /// What the adaptor knows of a reader that was lost.
+    enum class Loss : std::uint8_t { none, noted, told, beingReopened };
+
+    /// `cards` holds the driver.
+    explicit ReaderState(const QvlTcl& cards);
+
+    bool isBusy() const { return mPendingCalls != 0; }
+    bool isReady() const { return mInitialised && mOpened; }
+
+    std::atomic<bool> mInitialised{false};  ///< initReader has succeeded, and nothing has undone it.
+    std::atomic<bool> mOpened{false};       ///< The driver in place is the one that was initialised.
+    std::atomic<Loss> mLoss{Loss::none};    ///< In an operation; the next one opens the reader anew.
+
+  private:
+    friend class ReaderLock;
+
+    const QvlTcl& mCards;
+    std::unique_ptr<platform::NamedMutex> mMutex;  // null if it could not be made; all goes on without it
+    std::atomic<std::int32_t> mPendingCalls{0};
+};
+
+/// One operation inside the reader lock: waits for it without limit, and gives it back at the end of the scope. Nests
+/// on its thread. The outermost one watches the link of the driver.
+class ReaderLock {
+  public:
+    explicit ReaderLock(ReaderState& reader);
+    ~ReaderLock();
+    ReaderLock(const ReaderLock&) = delete;
+    ReaderLock& operator=(const ReaderLock&) = delete;
+
+  private:
+    ReaderState& mReader;
+    std::shared_ptr<Qvl14443bfl> mWatched;  // null if another operation watches
+    LinkWatch mWatch;
+};
