@@ -46,8 +46,8 @@ class QVL_API ReaderImpl {
     virtual bool stopReader() = 0;
 
     /// One short look into the field. True: a new tag was found, `event` is new, and the tag is halted, so that it
-    /// reports once until it leaves the field. False: anything else, and `event` is not touched. Gives way to an
-    /// operation that is running. `forced` finds tags that have reported already; `ignoreSuspend` polls in spite of
+    /// reports once until it leaves the field. False: anything else, and `event` is not touched. Gives way to a running
+    /// operation of this adaptor, and waits for those of others. `forced` finds tags that have reported already; `ignoreSuspend` polls in spite of
     /// suspendPoll. Opens the reader by itself when it is not ready.
     virtual bool pollTag(EventObject*& event, bool forced, bool ignoreSuspend) = 0;
 
@@ -175,7 +175,8 @@ class QVL_API ReaderImpl {
     virtual int haltAllTag(bool haltSelected);
     /// The door for card sessions and raw commands: 40 send, 41 send raw, 42 wait for a card, 43 deselect, 44 nothing,
     /// 46 relay to the reader. Arguments are read from `in`, from where it stands; results go into a new collection,
-    /// which the host releases. The host sets `out` to null before the call; after a refusal it mostly stays so.
+    /// which the host releases. The host sets `out` to null before the call; it stays so after a failure, except of an
+    /// unknown command and of a result that could not be delivered.
     /// @return 3100; 3101 for no such command; -21 for arguments that do not fit; -45 when sixteen cards are known;
     /// -50, -52, -53 of the exchange (QvlTcl.h); 3121, 3122 for no card; 3139 for a relay to another reader than TAMA;
     /// else the status of the driver.
@@ -198,6 +199,6 @@ class QVL_API ReaderImpl {
     char* mDeviceInstanceID;
 };
 
-/// The library's one entry: a new adaptor, or null without memory. It looks for a reader but opens nothing, and no
-/// reader in reach is no failure. `service` is not null and outlives the adaptor. The host deletes the adaptor.
+/// The library's one entry: a new adaptor, or null without memory. It looks for a reader but opens nothing; a missing
+/// reader is not an error. `service` is not null and outlives the adaptor. The host deletes the adaptor.
 extern "C" QVL_API ReaderImpl* createAdaptorInstance(QVLReaderServiceIntf* service);
