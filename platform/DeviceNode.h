@@ -12,7 +12,7 @@ namespace platform {
 ///
 /// What an implementation owes: opening never blocks, never takes a controlling terminal, never keeps one of the three
 /// standard descriptors and is not inherited by child processes; a peer that has closed is told apart from an empty
-/// message and from silence, at once.
+/// message and from silence, at once; in a forked child the node of its parent neither reads nor writes.
 class DeviceNode {
   public:
     DeviceNode() = default;
@@ -38,6 +38,7 @@ class DeviceNode {
     void limitSocket(int option, std::uint32_t timeoutMs, std::uint32_t& current);
 
     int mDescriptor = -1;
+    std::uint32_t mGeneration = 0;  // of the process that opened it
     bool mIsSocket = false;
     std::uint32_t mReadLimitMs = 0;
     std::uint32_t mWriteLimitMs = 0;

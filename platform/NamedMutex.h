@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 
 namespace platform {
@@ -18,8 +20,13 @@ class NamedMutex {
     NamedMutex(const NamedMutex&) = delete;
     NamedMutex& operator=(const NamedMutex&) = delete;
 
-    /// Waits without limit. Every lock() wants its unlock() on the same thread.
-    void lock();
+    /// Told the process id of the holder, 0 if it is not known. It may be the id of this process.
+    using LongWait = std::function<void(long holderPid)>;
+
+    /// Waits without limit. Every lock() wants its unlock() on the same thread. `onLongWait` is called once when the
+    /// wait has taken 2 s; the wait goes on meanwhile, and lock() returns after the call. It may come from a thread of
+    /// its own; it must not use this lock, and what it throws is dropped.
+    void lock(const LongWait& onLongWait = {});
     void unlock();
     /// @return false if somebody else holds it; never waits.
     bool try_lock();
@@ -36,5 +43,8 @@ class NamedMutex {
 /// Puts the machine-wide locks into another directory. For tests only, before the first NamedMutex; null restores the
 /// system's own choice.
 void setNamedMutexDirectory(const char* directory);
+
+/// Changes the time after which a wait counts as long. For tests only.
+void setNamedMutexLongWait(std::chrono::milliseconds time);
 
 }  // namespace platform

@@ -33,7 +33,8 @@ enum LineEvent : std::uint32_t {
 ///
 /// What an implementation owes: opening never blocks, takes the line for itself and never becomes its controlling
 /// terminal; any baud rate the driver of the line accepts can be set; read() takes what has arrived from the system
-/// in as few calls as possible; a line that is gone is told apart from one that is silent.
+/// in as few calls as possible; a line that is gone is told apart from one that is silent; in a forked child the line
+/// of its parent neither reads nor writes, and closing it there leaves the line as it is.
 class SerialLine {
   public:
     SerialLine() = default;
@@ -79,11 +80,13 @@ class SerialLine {
     }
 
   private:
+    bool isInherited();
     IoResult fill(std::uint32_t waitMs);
     std::uint32_t takeEvents(std::uint32_t mask);
 
-    int mDescriptor = -1;      // never blocks: settings, writing, looking
-    int mWaitDescriptor = -1;  // the same line, whose reads wait for the first byte
+    int mDescriptor = -1;           // never blocks: settings, writing, looking
+    int mWaitDescriptor = -1;       // the same line, whose reads wait for the first byte
+    std::uint32_t mGeneration = 0;  // of the process that opened it
     int mLastError = 0;
     std::uint8_t mEventCharacter = 0;
     std::array<std::uint8_t, 512> mBuffer;

@@ -2,6 +2,7 @@
 
 #include "Deadline.h"
 #include "Descriptor.h"
+#include "Process.h"
 
 #include <cstring>
 #include <string>
@@ -64,6 +65,7 @@ bool DeviceNode::open(const char* path) {
     if (::stat(path, &status) != 0) return false;
     mIsSocket = S_ISSOCK(status.st_mode);
     mReadLimitMs = mWriteLimitMs = kNoLimit;
+    mGeneration = processGeneration();
     mDescriptor = (mIsSocket ? connectTo(path) : openAboveStandard(path, O_RDWR | O_NONBLOCK)).release();
     return isOpen();
 }
@@ -72,6 +74,7 @@ void DeviceNode::close() { const Descriptor closing(std::exchange(mDescriptor, -
 
 IoResult DeviceNode::read(std::span<std::uint8_t> buffer, std::size_t& count, std::uint32_t timeoutMs) {
     count = 0;
+    if (mGeneration != processGeneration()) return IoResult::failed;
     return mIsSocket ? readSocket(buffer, count, timeoutMs) : readNode(buffer, count, timeoutMs);
 }
 
@@ -101,6 +104,7 @@ IoResult DeviceNode::readNode(std::span<std::uint8_t> buffer, std::size_t& count
 
 IoResult DeviceNode::write(std::span<const std::uint8_t> data, std::size_t& count, std::uint32_t timeoutMs) {
     count = 0;
+    if (mGeneration != processGeneration()) return IoResult::failed;
     return mIsSocket ? writeSocket(data, count, timeoutMs) : writeNode(data, count, timeoutMs);
 }
 

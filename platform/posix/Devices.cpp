@@ -9,6 +9,7 @@
 #include <memory>
 #include <string_view>
 #include <sys/stat.h>
+#include <utility>
 
 namespace platform {
 namespace {
@@ -31,6 +32,11 @@ std::uint32_t portNumber(std::string_view name) {
     return error == std::errc() && end == name.data() + name.size() ? number : 0;
 }
 
+bool isDevice(int directory, const char* name) {
+    struct stat status;
+    return ::fstatat(directory, name, &status, 0) == 0 && (S_ISSOCK(status.st_mode) || S_ISCHR(status.st_mode));
+}
+
 }  // namespace
 
 std::string deviceRoot() {
@@ -38,8 +44,10 @@ std::string deviceRoot() {
     return root.empty() ? kDefaultDeviceRoot : root;
 }
 
-int listDeviceInterfaces(const char* classGuid, std::vector<DeviceInterface>& out) {
+int listDeviceInterfaces(const char* classGuid, std::vector<DeviceInterface>& out, std::vector<std::string>* skipped) {
+    std::vector<std::string> others;
     out.clear();
+    if (skipped) skipped->clear();
     const std::string directory = deviceRoot() + '/' + classGuid;
     std::unique_ptr<DIR, CloseDirectory> entries(::opendir(directory.c_str()));
     // Whatever cannot be listed is a class without devices; only a class that is no directory at all is a mistake.
@@ -50,13 +58,19 @@ int listDeviceInterfaces(const char* classGuid, std::vector<DeviceInterface>& ou
         const dirent* entry = ::readdir(entries.get());
         if (!entry) break;
         const std::string_view name = entry->d_name;
-        if (name != "." && name != "..") out.push_back({directory + '/' + entry->d_name, entry->d_name});
+        if (name == "." || name == "..") continue;
+        if (isDevice(::dirfd(entries.get()), entry->d_name))
+            out.push_back({directory + '/' + entry->d_name, entry->d_name});
+        else
+            others.emplace_back(name);
     }
     if (const int error = errno; error != 0) {
         out.clear();
         return error;
     }
     std::ranges::sort(out, {}, &DeviceInterface::instanceId);
+    std::ranges::sort(others);
+    if (skipped) *skipped = std::move(others);
     return 0;
 }
 

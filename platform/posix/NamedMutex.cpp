@@ -1,7 +1,10 @@
 #include "NamedMutex.h"
 
 #include "Descriptor.h"
+#include "LockDirectory.h"
+#include "ManualResetEvent.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <map>
@@ -10,39 +13,45 @@
 #include <pthread.h>
 #include <string>
 #include <sys/stat.h>
+#include <system_error>
 #include <thread>
 #include <utility>
 
 namespace platform {
 namespace {
 
-constexpr mode_t kForEverybody = 0666;
+constexpr mode_t kForEverybody = 0666, kForGroup = 0660;
 constexpr int kOpenAttempts = 10;
 constexpr std::chrono::milliseconds kBetweenAttempts{1};
 
-// The first that everybody may write to: the choice is the same in every process, whatever its rights.
-std::string systemLockDirectory() {
-    constexpr char kPreferred[] = "/run/lock";
+std::atomic<std::chrono::milliseconds> longWait{std::chrono::seconds(2)};
+
+// Root's own and closed to everybody outside of its group.
+bool isOfGroup(const struct stat& status) { return status.st_uid == 0 && (status.st_mode & S_IWOTH) == 0; }
+
+// The lock file of such a directory belongs to the group of the directory, whoever makes it.
+void openToUsers(int file, const std::string& directory) {
     struct stat status;
-    const bool isShared =
-        ::stat(kPreferred, &status) == 0 && S_ISDIR(status.st_mode) && (status.st_mode & S_IWOTH) != 0;
-    return isShared ? kPreferred : "/tmp";
+    const bool ofGroup = ::stat(directory.c_str(), &status) == 0 && isOfGroup(status);
+    // Root may give it to any group, and anybody else who can make it is in this one.
+    [[maybe_unused]] const int refused = ofGroup ? ::fchown(file, static_cast<uid_t>(-1), status.st_gid) : 0;
+    ::fchmod(file, ofGroup ? kForGroup : kForEverybody);  // the umask had its say before
 }
 
 // Opened without creating first: a system may refuse to "create" another user's file in a directory open to all.
-Descriptor openOrCreate(const char* path) {
+Descriptor openOrCreate(const std::string& path) {
     constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK;
-    Descriptor file = openAboveStandard(path, kFlags);
+    Descriptor file = openAboveStandard(path.c_str(), kFlags);
     if (file || errno != ENOENT) return file;
-    file = openAboveStandard(path, kFlags | O_CREAT | O_EXCL, kForEverybody);
-    if (file) ::fchmod(file.get(), kForEverybody);  // the umask had its say before
+    file = openAboveStandard(path.c_str(), kFlags | O_CREAT | O_EXCL, kForGroup);
+    if (file) openToUsers(file.get(), path.substr(0, path.rfind('/')));
     return file;
 }
 
 // The content of the file never matters, only that everybody locks the same one. None if that cannot be had.
 Descriptor openLockFile(const std::string& path) {
     for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-        Descriptor file = openOrCreate(path.c_str());
+        Descriptor file = openOrCreate(path);
         struct stat status;
         if (file) return ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) ? std::move(file) : Descriptor();
         // Another process may just have created it and not yet opened it to all.
@@ -52,11 +61,16 @@ Descriptor openLockFile(const std::string& path) {
     return {};
 }
 
-// A record lock belongs to the process: it goes with its death and is not inherited.
-int setRecordLock(int file, int command, short type) {
+struct flock wholeFile(short type) {
     struct flock record {};
     record.l_type = type;
     record.l_whence = SEEK_SET;
+    return record;
+}
+
+// A record lock belongs to the process: it goes with its death and is not inherited.
+int setRecordLock(int file, int command, short type) {
+    struct flock record = wholeFile(type);
     int result = 0;
     do {
         result = ::fcntl(file, command, &record);
@@ -64,22 +78,93 @@ int setRecordLock(int file, int command, short type) {
     return result == 0 ? 0 : errno;
 }
 
+// The other process that holds the lock of `file`, 0 if there is none or it is not known.
+long recordHolder(int file) {
+    struct flock record = wholeFile(F_WRLCK);
+    return ::fcntl(file, F_GETLK, &record) == 0 && record.l_type != F_UNLCK ? record.l_pid : 0;
+}
+
+// The report of one wait: due at its time, made at most once.
+class LongWaitReport {
+  public:
+    LongWaitReport(const NamedMutex::LongWait& report, const Descriptor& file) : mReport(report), mFile(file) {}
+
+    bool isWanted() const { return mReport && !mIsMade; }
+    std::chrono::steady_clock::time_point due() const { return mDue; }
+    // Without a lock of this module held. `inProcess`: a thread of this process is ahead.
+    void make(bool inProcess) noexcept {
+        mIsMade = true;
+        const long other = mFile ? recordHolder(mFile.get()) : 0;
+        try {
+            mReport(other == 0 && inProcess ? ::getpid() : other);
+        } catch (...) {
+        }
+    }
+
+  private:
+    const NamedMutex::LongWait& mReport;
+    const Descriptor& mFile;
+    const std::chrono::steady_clock::time_point mDue = std::chrono::steady_clock::now() + longWait.load();
+    bool mIsMade = false;
+};
+
+// Makes the report from a thread of its own if it becomes due within this scope. Without such a thread the wait is the
+// same, only nobody is told.
+class ReportWhileBlocked {
+  public:
+    explicit ReportWhileBlocked(LongWaitReport& report) {
+        if (!report.isWanted()) return;
+        try {
+            mThread = std::thread([this, &report] { watch(report); });
+        } catch (const std::system_error&) {
+        }
+    }
+    ~ReportWhileBlocked() {
+        mEnd.set();
+        if (mThread.joinable()) mThread.join();
+    }
+    ReportWhileBlocked(const ReportWhileBlocked&) = delete;
+    ReportWhileBlocked& operator=(const ReportWhileBlocked&) = delete;
+
+  private:
+    void watch(LongWaitReport& report) {
+        const auto left = report.due() - std::chrono::steady_clock::now();
+        if (!mEnd.waitFor(std::chrono::ceil<std::chrono::milliseconds>(left))) report.make(false);
+    }
+
+    ManualResetEvent mEnd;
+    std::thread mThread;
+};
+
 }  // namespace
+
+std::string systemLockDirectory(const std::string& run) {
+    const std::string ofGroup = run + "/qvlreader", shared = run + "/lock";
+    struct stat status;
+    if (::stat(ofGroup.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && isOfGroup(status)) return ofGroup;
+    if (::stat(shared.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && (status.st_mode & S_IWOTH) != 0)
+        return shared;
+    return "/tmp";
+}
 
 /// The lock of one name in this process. `mGuard` is held for a few instructions only, so that a fork can wait for it.
 struct NamedMutex::State {
     explicit State(const std::string& path) : mFile(openLockFile(path)) {}
 
     enum class Entry { first, nested, refused };
-    Entry enter(bool mayWait);
-    bool takeRecord(bool mayWait);
+    Entry enter(LongWaitReport& report);
+    Entry tryEnter();
+    void takeRecord(LongWaitReport& report);
+    bool tryTakeRecord();
     void leave();
     void startUnownedInChild();
     bool isMachineWide() const { return static_cast<bool>(mFile); }
+    const Descriptor& file() const { return mFile; }
 
     std::mutex mGuard;
 
   private:
+    Entry own();
     void giveUpOwnership();
 
     std::condition_variable mReleased;
@@ -89,31 +174,50 @@ struct NamedMutex::State {
     const Descriptor mFile;   // never closed: closing any descriptor of the file would drop the record lock
 };
 
-NamedMutex::State::Entry NamedMutex::State::enter(bool mayWait) {
-    const auto self = std::this_thread::get_id();
-    std::unique_lock lock(mGuard);
-    if (mOwner == self) {
-        ++mDepth;
-        return Entry::nested;
-    }
-    if (mDepth != 0 && !mayWait) return Entry::refused;
-    mReleased.wait(lock, [this] { return mDepth == 0; });
-    mOwner = self;
-    mDepth = 1;
-    return Entry::first;
+// Under the guard, with the lock free or this thread's own.
+NamedMutex::State::Entry NamedMutex::State::own() {
+    mOwner = std::this_thread::get_id();
+    return ++mDepth == 1 ? Entry::first : Entry::nested;
 }
 
-// The machine-wide half. @return false if another process has it; then the ownership is given up again. Any other
-// refusal only costs the order between processes.
-bool NamedMutex::State::takeRecord(bool mayWait) {
-    if (!mFile) return true;
-    int error = setRecordLock(mFile.get(), mayWait ? F_SETLKW : F_SETLK, F_WRLCK);
-    while (mayWait && error == EDEADLK) {  // the system judges by processes, and may see a circle where there is none
-        std::this_thread::sleep_for(kBetweenAttempts);
+NamedMutex::State::Entry NamedMutex::State::tryEnter() {
+    std::lock_guard lock(mGuard);
+    return mDepth != 0 && mOwner != std::this_thread::get_id() ? Entry::refused : own();
+}
+
+NamedMutex::State::Entry NamedMutex::State::enter(LongWaitReport& report) {
+    const auto isOpen = [this] { return mDepth == 0 || mOwner == std::this_thread::get_id(); };
+    std::unique_lock lock(mGuard);
+    if (report.isWanted() && !mReleased.wait_until(lock, report.due(), isOpen)) {
+        lock.unlock();
+        report.make(true);
+        lock.lock();
+    }
+    mReleased.wait(lock, isOpen);
+    return own();
+}
+
+// The machine-wide half. Any refusal but "another process has it" only costs the order between processes.
+void NamedMutex::State::takeRecord(LongWaitReport& report) {
+    if (!mFile) return;
+    int error = setRecordLock(mFile.get(), F_SETLK, F_WRLCK);
+    if (error == EAGAIN || error == EACCES) {
+        const ReportWhileBlocked whileBlocked(report);
         error = setRecordLock(mFile.get(), F_SETLKW, F_WRLCK);
+        while (error == EDEADLK) {  // the system judges by processes, and may see a circle where there is none
+            std::this_thread::sleep_for(kBetweenAttempts);
+            error = setRecordLock(mFile.get(), F_SETLKW, F_WRLCK);
+        }
     }
     mHasRecord = error == 0;
-    if (mayWait || (error != EAGAIN && error != EACCES)) return true;
+}
+
+// @return false if another process has it; then the ownership is given up again.
+bool NamedMutex::State::tryTakeRecord() {
+    if (!mFile) return true;
+    const int error = setRecordLock(mFile.get(), F_SETLK, F_WRLCK);
+    mHasRecord = error == 0;
+    if (error != EAGAIN && error != EACCES) return true;
     giveUpOwnership();
     return false;
 }
@@ -198,14 +302,15 @@ NamedMutex::NamedMutex(const char* name) {
 
 NamedMutex::~NamedMutex() = default;
 
-void NamedMutex::lock() {
-    if (mState->enter(true) == State::Entry::first) mState->takeRecord(true);
+void NamedMutex::lock(const LongWait& onLongWait) {
+    LongWaitReport report(onLongWait, mState->file());
+    if (mState->enter(report) == State::Entry::first) mState->takeRecord(report);
 }
 
 bool NamedMutex::try_lock() {
-    switch (mState->enter(false)) {
+    switch (mState->tryEnter()) {
     case State::Entry::first:
-        return mState->takeRecord(false);
+        return mState->tryTakeRecord();
     case State::Entry::nested:
         return true;
     case State::Entry::refused:
@@ -223,5 +328,7 @@ void setNamedMutexDirectory(const char* directory) {
     std::lock_guard lock(all.mGuard);
     all.mDirectory = directory ? directory : "";
 }
+
+void setNamedMutexLongWait(std::chrono::milliseconds time) { longWait = time; }
 
 }  // namespace platform

@@ -3,6 +3,7 @@
 #include "Deadline.h"
 #include "Descriptor.h"
 #include "Devices.h"
+#include "Process.h"
 
 // The system's own terminal settings, which know any baud rate; <termios.h> declares the same names differently.
 #include <asm/termbits.h>
@@ -148,6 +149,7 @@ int SerialLine::open(const char* name) {
 
     mDescriptor = line.release();
     mWaitDescriptor = waiting.release();
+    mGeneration = processGeneration();
     mBufferStart = mBufferEnd = 0;
     const LineCounters counters = readCounters(mDescriptor);
     mBreaks = counters.breaks;
@@ -156,12 +158,19 @@ int SerialLine::open(const char* name) {
 }
 
 void SerialLine::close() {
-    if (isOpen()) {
+    if (isOpen() && !isInherited()) {
         ::ioctl(mDescriptor, TCFLSH, TCOFLUSH);
         ::ioctl(mDescriptor, TIOCNXCL);  // else the mark stays as long as anybody has the line open
     }
     const Descriptor waiting(std::exchange(mWaitDescriptor, -1));
     const Descriptor line(std::exchange(mDescriptor, -1));
+}
+
+// A forked child shares the line with the process that opened it, whose dialogue it would disturb.
+bool SerialLine::isInherited() {
+    if (mGeneration == processGeneration()) return false;
+    mLastError = EBADF;
+    return true;
 }
 
 int SerialLine::apply(const LineSettings& settings) {
@@ -212,6 +221,7 @@ int SerialLine::handshaking(Handshaking& out) const {
 }
 
 int SerialLine::purge() {
+    if (isInherited()) return mLastError;
     mBufferStart = mBufferEnd = 0;
     return ::ioctl(mDescriptor, TCFLSH, TCIOFLUSH) == 0 ? 0 : mLastError = errno;
 }
@@ -219,6 +229,7 @@ int SerialLine::purge() {
 // Adds to the buffer what has arrived, after a wait of at most `waitMs` (one kLookMs if that is more) for the first
 // byte. `done` with nothing added is silence. A line that is gone gives end of file or an error.
 IoResult SerialLine::fill(std::uint32_t waitMs) {
+    if (isInherited()) return IoResult::failed;
     if (!hasBuffered()) mBufferStart = mBufferEnd = 0;
     std::copy(mBuffer.data() + mBufferStart, mBuffer.data() + mBufferEnd, mBuffer.data());
     mBufferEnd -= std::exchange(mBufferStart, 0);
@@ -245,6 +256,7 @@ IoResult SerialLine::fill(std::uint32_t waitMs) {
 
 IoResult SerialLine::read(std::span<std::uint8_t> buffer, std::size_t& count) {
     count = 0;
+    if (isInherited()) return IoResult::failed;
     const auto take = [&] {
         const std::size_t taken = std::min(buffer.size() - count, mBufferEnd - mBufferStart);
         std::copy_n(mBuffer.data() + mBufferStart, taken, buffer.data() + count);
@@ -269,6 +281,7 @@ IoResult SerialLine::waitReadable(std::uint32_t ms) {
 
 IoResult SerialLine::write(std::span<const std::uint8_t> data, std::size_t& count, std::uint32_t timeoutMs) {
     count = 0;
+    if (isInherited()) return IoResult::failed;
     const Deadline deadline(timeoutMs);
     while (count < data.size()) {
         const ssize_t written = ::write(mDescriptor, data.data() + count, data.size() - count);

@@ -3,9 +3,11 @@
 #include "DeviceNode.h"
 
 #include "Deadline.h"
+#include "ForkedChild.h"
 #include "PseudoTerminal.h"
 #include "TempDirectory.h"
 
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -14,6 +16,7 @@
 #include <memory>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <vector>
@@ -26,6 +29,8 @@ namespace {
 
 constexpr std::uint32_t kLongMs = 20000;              // a wait that must not go to its end
 constexpr std::chrono::milliseconds kSystemTick{10};  // the system may end a wait so much too soon
+
+int interruptions = 0;  // reads that a signal is to cut short, which this system does with few drivers only
 
 /// A socket of the far side.
 class Socket {
@@ -63,6 +68,17 @@ std::unique_ptr<Socket> serve(const std::string& directory, const std::string& n
     return socket;
 }
 
+}  // namespace
+
+extern "C" ssize_t read(int descriptor, void* buffer, std::size_t size) {
+    if (interruptions == 0) return ::syscall(SYS_read, descriptor, buffer, size);
+    --interruptions;
+    errno = EINTR;
+    return -1;
+}
+
+namespace {
+
 class DeviceNodeTest : public testing::Test {
   protected:
     void connect() {
@@ -99,15 +115,32 @@ TEST_F(DeviceNodeTest, OpensWhatCanBeOpenedWithoutWaiting) {
     const auto busy = serve(in, "busy", SOCK_SEQPACKET, 0);
     DeviceNode inTheQueue;
     ASSERT_TRUE(inTheQueue.open((mDirectory / "busy").c_str()));
-    const std::string deep = std::string(60, 'd') + '/' + std::string(60, 'e');
-    fs::create_directories(mDirectory / deep);
-    const auto longPath = serve(mDirectory / deep, "s", SOCK_SEQPACKET, 1);
+    // Around the room for a path in an address, 108 bytes.
+    std::array<std::string, 3> deep;
+    std::array<std::unique_ptr<Socket>, 3> ends;
+    for (std::size_t i = 0; i < deep.size(); ++i) {
+        deep[i] = std::string(107 + i - mDirectory.path().size() - 3, 'd');
+        fs::create_directories(mDirectory / deep[i]);
+        ends[i] = serve(mDirectory / deep[i], "s", SOCK_SEQPACKET, 1);
+    }
     mDirectory.write("file", "content");
 
-    const std::pair<std::string, bool> cases[] = {
-        {"file", true},    {"fifo", true},      {"packets", true}, {deep + "/s", true},           {".", false},
-        {"absent", false}, {"loop", false},     {"deaf", false},   {deep + "/t", false},          {"stream", false},
-        {"busy", false},   {"dangling", false}, {"file/x", false}, {std::string(300, 'n'), false}};
+    const std::pair<std::string, bool> cases[] = {{"file", true},
+                                                  {"fifo", true},
+                                                  {"packets", true},
+                                                  {deep[0] + "/s", true},
+                                                  {deep[1] + "/s", true},
+                                                  {deep[2] + "/s", true},
+                                                  {".", false},
+                                                  {"absent", false},
+                                                  {"loop", false},
+                                                  {"deaf", false},
+                                                  {deep[2] + "/t", false},
+                                                  {"stream", false},
+                                                  {"busy", false},
+                                                  {"dangling", false},
+                                                  {"file/x", false},
+                                                  {std::string(300, 'n'), false}};
     for (const auto& [name, opens] : cases) {
         EXPECT_EQ(mNode.open((mDirectory / name).c_str()), opens) << name;
         EXPECT_EQ(mNode.isOpen(), opens) << name;
@@ -145,6 +178,14 @@ TEST_F(DeviceNodeTest, TellsAClosedPeerFromASilentOne) {
     EXPECT_EQ(write(1), IoResult::failed);
 }
 
+TEST_F(DeviceNodeTest, ForkedChildLeavesTheDialogueOfItsParentAlone) {
+    connect();
+    ASSERT_TRUE(mPeer->send(5));
+    EXPECT_EQ(ForkedChild([&] { return write(1) == IoResult::failed && read() == IoResult::failed; }).wait(), 1);
+    EXPECT_EQ(read(), IoResult::done);
+    EXPECT_EQ(mCount, 5u);
+}
+
 TEST_F(DeviceNodeTest, SignalsDoNotShortenAWait) {
     connect();
     const auto former = std::signal(SIGALRM, [](int) {});
@@ -169,6 +210,7 @@ TEST_F(DeviceNodeTest, MovesBytesThroughOtherNodes) {
     ASSERT_TRUE(mNode.open((mDirectory / "fifo").c_str()));
     EXPECT_EQ(read(10), IoResult::timedOut);
     EXPECT_EQ(write(7), IoResult::done);
+    interruptions = 2;
     EXPECT_EQ(read(), IoResult::done);
     EXPECT_EQ(mCount, 7u);
     EXPECT_EQ(write(1 << 20, 20), IoResult::timedOut);

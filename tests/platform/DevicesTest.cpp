@@ -32,9 +32,15 @@ TEST_F(DevicesTest, ListsAClassInByteOrder) {
     EXPECT_EQ(listDeviceInterfaces(kClass, found), 0);
     EXPECT_TRUE(found.empty());
 
+    fs::create_directories(mRoot / kClass + "/directory");
     for (const char* name : {"a b", "\xFF", "#1", "A", "\xC3\xA9", "9", "a", "10"})
-        mRoot.write(std::string(kClass) + '/' + name, "");
-    EXPECT_EQ(listDeviceInterfaces(kClass, found), 0);
+        fs::create_symlink("/dev/null", mRoot / kClass + '/' + name);
+    ::mkfifo((mRoot / kClass + "/fifo").c_str(), 0600);
+    fs::create_symlink(mRoot.write(std::string(kClass) + "/a text", ""), mRoot / kClass + "/a link to it");
+    fs::create_symlink("nowhere", mRoot / kClass + "/dangling");
+    std::vector<std::string> skipped{"stale"};
+    EXPECT_EQ(listDeviceInterfaces(kClass, found, &skipped), 0);
+    EXPECT_THAT(skipped, testing::ElementsAre("a link to it", "a text", "dangling", "directory", "fifo"));
     std::string names;
     for (const DeviceInterface& each : found) {
         names += each.instanceId + ',';
@@ -43,18 +49,22 @@ TEST_F(DevicesTest, ListsAClassInByteOrder) {
     EXPECT_EQ(names, "#1,10,9,A,a,a b,\xC3\xA9,\xFF,");
 
     mRoot.write("no-directory", "");
-    EXPECT_EQ(listDeviceInterfaces("no-directory", found), ENOTDIR);
-    EXPECT_TRUE(found.empty());
+    EXPECT_EQ(listDeviceInterfaces("no-directory", found, &skipped), ENOTDIR);
+    EXPECT_TRUE(found.empty() && skipped.empty());
 }
 
 TEST_F(DevicesTest, FindsSerialPorts) {
     mRoot.write("COM3", "");
     mRoot.write("COM0", "");
+    fs::create_symlink("gone", mRoot / "COM5");  // no other port may be taken for it
     const std::pair<const char*, std::string> cases[] = {
-        {"COM3", mRoot / "COM3"},   {"COM1", "/dev/ttyS0"},     {"COM4294967295", "/dev/ttyS4294967294"},
-        {"COM0", mRoot / "COM0"},   {"COM", mRoot / "COM"},     {"COM3x", mRoot / "COM3x"},
-        {"COM-1", mRoot / "COM-1"}, {"COM+1", mRoot / "COM+1"}, {"COM4294967296", mRoot / "COM4294967296"},
-        {"LPT1", mRoot / "LPT1"},   {"./COM3", "./COM3"},       {"/dev/ttyUSB0", "/dev/ttyUSB0"}};
+        {"COM3", mRoot / "COM3"},        {"COM5", mRoot / "COM5"},
+        {"COM1", "/dev/ttyS0"},          {"COM4294967295", "/dev/ttyS4294967294"},
+        {"COM0", mRoot / "COM0"},        {"COM", mRoot / "COM"},
+        {"COM3x", mRoot / "COM3x"},      {"COM-1", mRoot / "COM-1"},
+        {"COM+1", mRoot / "COM+1"},      {"COM4294967296", mRoot / "COM4294967296"},
+        {"LPT1", mRoot / "LPT1"},        {"./COM3", "./COM3"},
+        {"/dev/ttyUSB0", "/dev/ttyUSB0"}};
     for (const auto& [name, path] : cases)
         EXPECT_EQ(serialPortPath(name), path);
 }

@@ -23,6 +23,7 @@ class ForkedChild {
     ForkedChild(const ForkedChild&) = delete;
     ForkedChild& operator=(const ForkedChild&) = delete;
 
+    pid_t id() const { return mPid; }
     /// Exit status, or minus the signal that ended it.
     int wait() {
         int status = 0;

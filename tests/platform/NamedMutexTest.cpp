@@ -3,20 +3,26 @@
 #include "NamedMutex.h"
 
 #include "ForkedChild.h"
+#include "LockDirectory.h"
 #include "TempDirectory.h"
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <thread>
+#include <vector>
 
 namespace fs = std::filesystem;
 using platform::NamedMutex;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -30,6 +36,9 @@ class NamedMutexTest : public testing::Test {
 
     TempDirectory mDirectory;
 };
+
+/// Memory that forked children share; new at each call, and kept.
+void* shared() { return ::mmap(nullptr, 64, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0); }
 
 bool canTake(NamedMutex& mutex) {
     if (!mutex.try_lock()) return false;
@@ -81,9 +90,7 @@ TEST_F(NamedMutexTest, OrdersThreadsThatNest) {
 }
 
 TEST_F(NamedMutexTest, OrdersProcesses) {
-    void* shared = ::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(shared, MAP_FAILED);
-    volatile int* counter = static_cast<volatile int*>(shared);
+    volatile int* counter = static_cast<volatile int*>(shared());
     const auto countUp = [counter] {
         NamedMutex mutex(kName);
         for (int round = 0; round < 500; ++round) {
@@ -101,7 +108,6 @@ TEST_F(NamedMutexTest, OrdersProcesses) {
             EXPECT_EQ(child.wait(), 0);
     }
     EXPECT_EQ(*counter, 4 * 500);
-    ::munmap(shared, sizeof(int));
 }
 
 TEST_F(NamedMutexTest, KilledOwnerLeavesTheLockToThoseWhoWait) {
@@ -171,6 +177,71 @@ TEST_F(NamedMutexTest, ForkedChildNeverOwnsItWhateverThreadHoldsIt) {
     }
 }
 
+TEST_F(NamedMutexTest, WaitsWhereTheSystemSeesACircle) {
+    NamedMutex first(kName), second("second");
+    Signpost held, wanted;
+    std::atomic<bool>& isFree = *new (shared()) std::atomic<bool>(false);
+    first.lock();
+    ForkedChild other([&] {
+        second.lock();
+        held.post();
+        wanted.await();
+        first.lock();
+        return isFree ? 0 : 1;
+    });
+    ASSERT_TRUE(held.await());
+    std::thread waiter([&] {
+        wanted.post();
+        second.lock();
+        second.unlock();
+    });
+    std::this_thread::sleep_for(50ms);
+    isFree = true;
+    first.unlock();
+    EXPECT_EQ(other.wait(), 0);
+    waiter.join();
+}
+
+TEST_F(NamedMutexTest, LongWaitNamesTheHolderOnce) {
+    NamedMutex mutex(kName);
+    Signpost held, release;
+    std::vector<long> told;
+    const auto wait = [&](auto free) {
+        mutex.lock([&](long pid) {
+            told.push_back(pid);
+            free();
+            throw 1;
+        });
+        mutex.unlock();
+    };
+    mutex.lock([&](long) { told.push_back(-1); });
+    platform::setNamedMutexLongWait(5ms);
+    Signpost tell;
+    std::thread waiter([&] { wait([&] { tell.post(); }); });
+    ASSERT_TRUE(tell.await());
+    mutex.unlock();
+    waiter.join();
+    EXPECT_THAT(told, testing::ElementsAre(::getpid())) << "another thread has it";
+
+    ForkedChild owner([&] {
+        NamedMutex own(kName);
+        own.lock();
+        held.post();
+        release.await();
+        own.unlock();
+        return 0;
+    });
+    ASSERT_TRUE(held.await());
+    wait([&] { release.post(); });
+    EXPECT_EQ(told.size(), 2u);
+    EXPECT_EQ(told.back(), owner.id());
+    EXPECT_EQ(owner.wait(), 0);
+    platform::setNamedMutexLongWait(2s);
+    mutex.lock([&](long) { told.clear(); });
+    EXPECT_EQ(told.size(), 2u) << "nobody is told of a free lock";
+    mutex.unlock();
+}
+
 TEST_F(NamedMutexTest, PlantedLockFileCostsAtMostTheOrderBetweenProcesses) {
     const std::string content("\0\xFF planted \n", 12), victim = mDirectory / "victim";
     const struct {
@@ -199,6 +270,35 @@ TEST_F(NamedMutexTest, PlantedLockFileCostsAtMostTheOrderBetweenProcesses) {
     }
     EXPECT_EQ(mDirectory.read("content") + mDirectory.read("real"), content + content);
     EXPECT_FALSE(fs::exists(victim));
+}
+
+TEST_F(NamedMutexTest, GroupOfTheMachineComesFirst) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs a directory of root";
+    const std::string run = mDirectory.path(), ofGroup = run + "/qvlreader", lock = run + "/lock";
+    EXPECT_EQ(platform::systemLockDirectory(run), "/tmp");
+    fs::create_directory(lock);
+    EXPECT_EQ(platform::systemLockDirectory(run), "/tmp") << "root's alone";
+    ::chmod(lock.c_str(), 01777);
+    EXPECT_EQ(platform::systemLockDirectory(run), lock);
+    fs::create_directory(ofGroup);
+    const struct {
+        mode_t mode;
+        uid_t owner;
+        bool chosen;
+        mode_t fileMode;
+    } cases[] = {{0770, 0, true, 0660}, {02775, 0, true, 0660}, {01777, 0, false, 0666}, {0770, kNobody, false, 0666}};
+    for (const auto& c : cases) {
+        ASSERT_EQ(::chown(ofGroup.c_str(), c.owner, 7), 0);
+        ::chmod(ofGroup.c_str(), c.mode);
+        EXPECT_EQ(platform::systemLockDirectory(run), c.chosen ? ofGroup : lock) << std::oct << c.mode;
+        platform::setNamedMutexDirectory(ofGroup.c_str());
+        const std::string name = std::to_string(&c - cases);
+        EXPECT_TRUE(NamedMutex(name.c_str()).isMachineWide());
+        struct stat status;
+        ASSERT_EQ(::stat((ofGroup + '/' + name).c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, c.fileMode) << std::oct << c.mode;
+        EXPECT_TRUE(!c.chosen || status.st_gid == 7);
+    }
 }
 
 TEST_F(NamedMutexTest, IsSharedByUsersWhateverTheUmask) {

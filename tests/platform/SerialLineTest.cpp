@@ -182,6 +182,25 @@ TEST_F(SerialLineTest, BelongsToOneUserAtATime) {
     EXPECT_EQ(mLine.open(path), 0);
 }
 
+TEST_F(SerialLineTest, ForkedChildLeavesTheDialogueOfItsParentAlone) {
+    ASSERT_TRUE(mFarEnd.write("answer"));
+    EXPECT_EQ(receive(1), "a");  // the child inherits the rest in the buffer
+    ASSERT_TRUE(mFarEnd.write("!"));
+    std::size_t count = 0;
+    EXPECT_EQ(mLine.write(bytesOf("command"), count, kLongMs), IoResult::done);
+    EXPECT_EQ(ForkedChild([&] {
+                  std::uint8_t byte;
+                  const bool isRefused = mLine.read({&byte, 1}, count) == IoResult::failed && mLine.purge() != 0 &&
+                                         mLine.write(bytesOf("x"), count, kLongMs) == IoResult::failed;
+                  mLine.close();
+                  return isRefused && !mLine.isOpen() ? 0 : 1;
+              }).wait(),
+              0);
+    EXPECT_EQ(mFarEnd.read(7), "command");
+    EXPECT_EQ(receive(6, 6), "nswer!");
+    EXPECT_EQ(SerialLine().open(mFarEnd.path().c_str()), EBUSY) << "still the parent's own";
+}
+
 TEST_F(SerialLineTest, ReportsTheEventsOfItsMask) {
     std::uint32_t events = 0;
     mLine.setEventCharacter('!');

@@ -1,9 +1,12 @@
 // Time, events and threads.
 
+#include "CancellationOff.h"
 #include "Clock.h"
 #include "CountedThreads.h"
+#include "ForkedChild.h"
 #include "ManualClock.h"
 #include "ManualResetEvent.h"
+#include "Process.h"
 
 #include <atomic>
 #include <chrono>
@@ -98,6 +101,32 @@ TEST(CountedThreadsTest, StartThatFailsIsReportedAndNotCounted) {
     EXPECT_TRUE(ran);
     ::pthread_attr_destroy(&former);
     ::pthread_attr_destroy(&impossible);
+}
+
+TEST(CancellationOffTest, HoldsACancellationBackUntilTheScopeEnds) {
+    ManualResetEvent cancelled;
+    std::atomic<bool> isPassed = false, isMissed = false;
+    std::thread thread([&] {
+        {
+            const CancellationOff outer, inner;
+            cancelled.waitFor(std::chrono::milliseconds(kLongMs));
+            ::pthread_testcancel();
+            isPassed = true;
+        }
+        ::pthread_testcancel();
+        isMissed = true;
+    });
+    EXPECT_EQ(::pthread_cancel(thread.native_handle()), 0);
+    cancelled.set();
+    thread.join();
+    EXPECT_TRUE(isPassed);
+    EXPECT_FALSE(isMissed);
+}
+
+TEST(ProcessGenerationTest, DiffersInAForkedChildOnly) {
+    const std::uint32_t own = processGeneration();
+    EXPECT_EQ(ForkedChild([=] { return processGeneration() != own; }).wait(), 1);
+    EXPECT_EQ(processGeneration(), own);
 }
 
 }  // namespace
