@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 namespace {
@@ -23,9 +24,15 @@ void copyText(char (&to)[N], const char* from, std::size_t most) {
     to[length] = '\0';
 }
 
+IniEntry readerEntry(const char* key) { return iniLookup(iniLookup(getIniRoot(), "READER").node, key); }
+
+bool wantsSerialPort() {
+    const IniEntry entry = readerEntry("SERIAL_FALLBACK");
+    return entry.type != INI_VALUE || std::strcmp(entry.text, "0") != 0;
+}
+
 std::uint32_t readerSetting(const char* key, std::uint32_t fallback) {
-    const IniEntry section = iniLookup(getIniRoot(), "READER");
-    const IniEntry entry = iniLookup(section.node, key);
+    const IniEntry entry = readerEntry(key);
     if (entry.type != INI_VALUE) return fallback;
     const std::uint32_t value = std::min<std::uint32_t>(iniNumber(entry.text), INT32_MAX);
     if (value > 0) return value;
@@ -65,15 +72,19 @@ int USBFileIO::scanForDevices() {
         found = scanClass(g, next, error);
         if (error != 0) return error;
     }
-    if (!found) takeSerialPort(next);
+    if (!found && wantsSerialPort()) takeSerialPort(next);
     QVL_LOG(kLogDetail, "USBFileIO::scanForDevice - return success");
     return 0;
 }
 
 bool USBFileIO::scanClass(std::size_t classIndex, std::size_t next, int& error) {
     std::vector<platform::DeviceInterface> devices;
-    error = platform::listDeviceInterfaces(pGuid[classIndex], devices);
+    std::vector<std::string> skipped;
+    error = platform::listDeviceInterfaces(pGuid[classIndex], devices, &skipped);
     if (error != 0) return false;
+    for (const std::string& name : skipped)
+        QVL_LOG(kLogScan, "  scanForDevices skips %s in pGuid[%d]: neither a socket nor a character device",
+                name.c_str(), static_cast<int>(classIndex));
     bool found = false;
     for (std::size_t devIndex = 0; devIndex < devices.size(); ++devIndex) {
         const platform::DeviceInterface& device = devices[devIndex];

@@ -19,7 +19,8 @@ class USBFileIO {
     USBFileIO();
 
     /// Asks the five interface classes in order and takes the devices of the first class that has one; with none, the
-    /// serial port of the settings. Paths above 254 characters are skipped.
+    /// serial port of the settings, or nothing if they say SERIAL_FALLBACK=0. Skips paths above 254 characters, and
+    /// with a log line each what is neither a socket nor a character device.
     /// @return 0, or the system's error number when a class cannot be read.
     int scanForDevices();
 
