@@ -139,7 +139,8 @@ std::string Simulator::onReader(const std::string& rest) {
         mReader->comeBack();
     else
         return error("\"reader\" takes \"gone\" or \"back\"");
-    return ok();
+    const std::string wrong = mSettle ? mSettle() : std::string();
+    return wrong.empty() ? ok() : error(wrong);
 }
 
 std::string Simulator::onFault(const std::string& rest) {

@@ -2,10 +2,12 @@
 
 #include "VirtualTamaReader.h"
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 /// The line commands that steer a virtual reader while it runs. Pure: whoever reads the lines hands them in here.
 class Simulator {
@@ -13,6 +15,10 @@ class Simulator {
     /// `quirks` hold for every tag that is placed. With `saveTags` the image of a tag is written back to its file when
     /// the tag leaves for good.
     Simulator(std::shared_ptr<VirtualReader> reader, TagQuirks quirks, bool saveTags);
+
+    /// `settle` is called after the reader has gone or come back: it waits until hosts see that, and says what went
+    /// wrong, if anything. Without one, nobody has to see it.
+    void onReaderMoved(std::function<std::string()> settle) { mSettle = std::move(settle); }
 
     /// Runs one command. @return its answer: lines that each end with a newline, the last of which begins with "ok" or
     /// "error: "; empty for an empty line.
@@ -50,5 +56,6 @@ class Simulator {
     const TagQuirks mQuirks;
     const bool mSaveTags;
     std::map<std::string, std::string> mSources;  ///< What each tag was made from, by its name.
+    std::function<std::string()> mSettle;
     bool mQuit = false;
 };

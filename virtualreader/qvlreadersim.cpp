@@ -2,6 +2,7 @@
 
 #include "ControlServer.h"
 #include "Devices.h"
+#include "ReaderClasses.h"
 #include "Simulator.h"
 #include "SocketEndpoint.h"
 #include "TerminalEndpoint.h"
@@ -13,8 +14,8 @@
 #include <cstdint>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,13 @@ struct Settings {
     TagQuirks quirks;
 };
 
+std::vector<std::string> knownClasses() {
+    std::vector<std::string> all;
+    for (const ReaderClass& each : kReaderClasses)
+        all.emplace_back(each.guid);
+    return all;
+}
+
 void addWhereOptions(CLI::App& app, Settings& into) {
     constexpr const char* kWhere = "Where the reader appears";
     app.add_option("--root", into.root, "Device root (default: QVL_DEVICE_ROOT, else /dev/qvlreader)")
@@ -62,6 +70,7 @@ void addWhereOptions(CLI::App& app, Settings& into) {
         ->group(kWhere);
     app.add_option("--class", into.classGuid, "Interface class of the socket (default: the model's own)")
         ->type_name("GUID")
+        ->check(CLI::IsMember(knownClasses()))
         ->group(kWhere);
     app.add_option("--baud", into.baudRate, "Pace the serial bytes at this rate, 10 bits a byte (default: no pacing)")
         ->type_name("RATE")
@@ -130,16 +139,18 @@ int fail(const std::string& message, int status = kFailed) {
 std::string addFaultFile(VirtualReader& reader, const std::string& path) {
     if (path.empty()) return {};
     std::ifstream file(path);
-    std::ostringstream text;
-    if (!file || !(text << file.rdbuf())) return path + ": the fault plan cannot be read";
-    const std::string wrong = reader.addFaults(text.str());
+    file.peek();  // an empty file ends here, what cannot be read fails
+    if (!file.is_open() || file.bad()) return path + ": the fault plan cannot be read";
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    const std::string wrong = reader.addFaults(text);
     return wrong.empty() ? wrong : path + ": " + wrong;
 }
 
 /// Publishes the reader, tells so, and serves the commands until the end.
 template <typename Endpoint>
-int serve(Endpoint& endpoint, ControlServer& control, const Settings& settings) {
+int serve(Endpoint& endpoint, Simulator& simulator, ControlServer& control, const Settings& settings) {
     if (const std::string wrong = endpoint.start(); !wrong.empty()) return fail(wrong);
+    simulator.onReaderMoved([&endpoint] { return endpoint.settle(); });
     if (!settings.quiet) std::cout << "ready " << endpoint.name() << " at " << settings.root << std::endl;
     control.run();
     endpoint.stop();
@@ -161,7 +172,7 @@ int simulate(const Settings& settings, const std::shared_ptr<VirtualReader>& rea
     if (!settings.control.empty())
         if (const std::string wrong = control.listen(settings.control); !wrong.empty()) return fail(wrong);
 
-    const int status = serve(endpoint, control, settings);
+    const int status = serve(endpoint, simulator, control, settings);
     const std::string unsaved = simulator.saveAll();
     return unsaved.empty() ? status : fail(unsaved.substr(0, unsaved.size() - 1));
 }

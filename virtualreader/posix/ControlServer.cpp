@@ -1,7 +1,9 @@
 #include "ControlServer.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <vector>
@@ -16,13 +18,18 @@
 namespace {
 
 constexpr std::size_t kMaxLine = 4096;
+constexpr std::size_t kMaxAnswers = 65536;  // what one peer may have waiting before its commands wait too
 
-void writeAll(int descriptor, std::string_view text) {
-    while (!text.empty()) {
-        const auto written = ::write(descriptor, text.data(), text.size());
+// Sends what goes out without waiting. A peer that has gone needs no answers.
+void sendSome(int descriptor, std::string& answers) {
+    // A pipe that is ready takes this much at once; standard output may be one, and stays as others have set it.
+    while (!answers.empty()) {
+        pollfd ready{descriptor, POLLOUT, 0};
+        if (::poll(&ready, 1, 0) == 0) return;
+        const auto written = ::write(descriptor, answers.data(), std::min<std::size_t>(answers.size(), PIPE_BUF));
         if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;
-        text.remove_prefix(static_cast<std::size_t>(written));
+        if (written < 0 && errno == EAGAIN) return;
+        answers.erase(0, written < 0 ? answers.size() : static_cast<std::size_t>(written));
     }
 }
 
@@ -36,10 +43,22 @@ bool isSocket(const std::string& path) {
     return ::lstat(path.c_str(), &found) == 0 && S_ISSOCK(found.st_mode);
 }
 
+/// In its scope new files are for this user alone.
+class PrivateFiles {
+  public:
+    PrivateFiles() : mFormer(::umask(S_IXUSR | S_IRWXG | S_IRWXO)) {}
+    ~PrivateFiles() { ::umask(mFormer); }
+    PrivateFiles(const PrivateFiles&) = delete;
+    PrivateFiles& operator=(const PrivateFiles&) = delete;
+
+  private:
+    const mode_t mFormer;
+};
+
 }  // namespace
 
 ControlServer::ControlServer(Simulator& simulator, bool endsWithInput)
-    : mSimulator(simulator), mEndsWithInput(endsWithInput), mInput{STDOUT_FILENO, {}} {
+    : mSimulator(simulator), mEndsWithInput(endsWithInput), mPeers{{STDIN_FILENO, STDOUT_FILENO}} {
     sigset_t ends;
     sigemptyset(&ends);
     sigaddset(&ends, SIGINT);
@@ -50,8 +69,8 @@ ControlServer::ControlServer(Simulator& simulator, bool endsWithInput)
 }
 
 ControlServer::~ControlServer() {
-    for (const auto& [descriptor, peer] : mPeers)
-        ::close(descriptor);
+    for (const Peer& peer : mPeers)
+        if (peer.in != STDIN_FILENO) ::close(peer.in);
     if (!mPath.empty()) ::unlink(mPath.c_str());
 }
 
@@ -63,6 +82,7 @@ std::string ControlServer::listen(const std::string& path) {
     std::memcpy(address.sun_path, path.c_str(), path.size());
     if (someoneServes(address)) return path + ": another program serves this control socket";
     mListener.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const PrivateFiles privately;
     const auto bindSocket = [&] {
         return ::bind(mListener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     };
@@ -75,48 +95,55 @@ std::string ControlServer::listen(const std::string& path) {
 
 void ControlServer::run() {
     while (!mSimulator.hasQuit()) {
-        std::vector<pollfd> waiting{
-            {mSignals.get(), POLLIN, 0}, {mListener.get(), POLLIN, 0}, {mInputOpen ? STDIN_FILENO : -1, POLLIN, 0}};
-        for (const auto& [descriptor, peer] : mPeers)
-            waiting.push_back({descriptor, POLLIN, 0});
+        std::vector<pollfd> waiting{{mSignals.get(), POLLIN, 0}, {mListener.get(), POLLIN, 0}};
+        for (const Peer& peer : mPeers) {
+            waiting.push_back({peer.isOpen && peer.answers.size() < kMaxAnswers ? peer.in : -1, POLLIN, 0});
+            waiting.push_back({peer.answers.empty() ? -1 : peer.out, POLLOUT, 0});
+        }
         if (::poll(waiting.data(), waiting.size(), -1) < 0 && errno != EINTR) return;
         if (waiting[0].revents) return;
-        if (waiting[1].revents) acceptPeer();
-        if (waiting[2].revents) mInputOpen = readPeer(STDIN_FILENO, mInput);
-        if (!mInputOpen && mEndsWithInput) return;
-        for (std::size_t i = 3; i < waiting.size() && !mSimulator.hasQuit(); ++i) {
-            const int descriptor = waiting[i].fd;
-            if (!waiting[i].revents || readPeer(descriptor, mPeers[descriptor])) continue;
-            mPeers.erase(descriptor);
-            ::close(descriptor);
+        std::size_t next = 2;
+        for (Peer& peer : mPeers) {
+            const bool isReadable = waiting[next++].revents != 0, isWritable = waiting[next++].revents != 0;
+            if (!mSimulator.hasQuit()) serve(peer, isReadable, isWritable);
         }
+        if (waiting[1].revents) acceptPeer();
+        if (mEndsWithInput && mPeers.front().isDone()) return;
+        std::erase_if(mPeers, [](const Peer& peer) {
+            const bool hasLeft = peer.in != STDIN_FILENO && peer.isDone();
+            if (hasLeft) ::close(peer.in);
+            return hasLeft;
+        });
     }
 }
 
 void ControlServer::acceptPeer() {
-    const int peer = ::accept4(mListener.get(), nullptr, nullptr, SOCK_CLOEXEC);
-    if (peer >= 0) mPeers[peer] = {peer, {}};
+    const int peer = ::accept4(mListener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (peer >= 0) mPeers.push_back({peer, peer});
 }
 
-/// @return false once the other end has closed.
-bool ControlServer::readPeer(int descriptor, Peer& peer) {
+void ControlServer::serve(Peer& peer, bool isReadable, bool isWritable) {
+    if (isReadable) readPeer(peer);
+    if (isReadable || isWritable) sendSome(peer.out, peer.answers);
+}
+
+void ControlServer::readPeer(Peer& peer) {
     std::array<char, kMaxLine> bytes;
-    const auto count = ::read(descriptor, bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR) return true;
+    const auto count = ::read(peer.in, bytes.data(), bytes.size());
+    if (count < 0 && (errno == EINTR || errno == EAGAIN)) return;
     if (count > 0) peer.pending.append(bytes.data(), static_cast<std::size_t>(count));
-    if (count <= 0 && !peer.pending.empty()) peer.pending += '\n';  // The last line may lack its newline.
+    peer.isOpen = count > 0;
+    if (!peer.isOpen && !peer.pending.empty()) peer.pending += '\n';  // The last line may lack its newline.
     takeLines(peer);
-    if (peer.pending.size() > kMaxLine) {
-        writeAll(peer.out, "error: a line has at most 4096 characters\n");
-        return false;
-    }
-    return count > 0;
+    if (peer.pending.size() <= kMaxLine) return;
+    peer.answers += "error: a line has at most 4096 characters\n";
+    peer.isOpen = false;
 }
 
 void ControlServer::takeLines(Peer& peer) {
     for (std::size_t end; !mSimulator.hasQuit() && (end = peer.pending.find('\n')) != std::string::npos;) {
         const std::string line = peer.pending.substr(0, end);
         peer.pending.erase(0, end + 1);
-        writeAll(peer.out, mSimulator.run(line));
+        peer.answers += mSimulator.run(line);
     }
 }

@@ -4,12 +4,13 @@
 #include "Simulator.h"
 
 #include <cstddef>
-#include <map>
+#include <list>
 #include <memory>
 #include <string>
 
 /// Reads line commands from standard input and from the hosts of a stream socket, and answers each where it came from.
-/// Ends on "quit", on SIGINT and SIGTERM, and, if so told, with standard input.
+/// Ends on "quit", on SIGINT and SIGTERM, and, if so told, with standard input. A peer that does not take its answers
+/// waits for itself alone: its further commands are read when it has taken them.
 class ControlServer {
   public:
     /// Blocks the two signals for the whole process, so make it before any thread starts.
@@ -18,27 +19,31 @@ class ControlServer {
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
 
-    /// Publishes the socket. A socket that nobody serves any more is replaced. @return empty or what went wrong.
+    /// Publishes the socket, for this user alone. A socket that nobody serves any more is replaced. Before any thread
+    /// starts. @return empty or what went wrong.
     std::string listen(const std::string& path);
     /// Serves until the end.
     void run();
 
   private:
     struct Peer {
-        int out;
-        std::string pending;  ///< What came behind the last newline.
+        int in, out;
+        std::string pending = {};  ///< What came after the last newline.
+        std::string answers = {};  ///< What has not gone out yet.
+        bool isOpen = true;        ///< More commands may come.
+
+        bool isDone() const { return !isOpen && answers.empty(); }
     };
 
-    bool readPeer(int descriptor, Peer& peer);
+    void serve(Peer& peer, bool isReadable, bool isWritable);
+    void readPeer(Peer& peer);
     void takeLines(Peer& peer);
     void acceptPeer();
 
     Simulator& mSimulator;
     const bool mEndsWithInput;
-    bool mInputOpen = true;
     std::string mPath;
     Descriptor mSignals;
     Descriptor mListener;
-    Peer mInput;
-    std::map<int, Peer> mPeers;  ///< By descriptor, which is closed with the entry.
+    std::list<Peer> mPeers;  ///< Standard input and output first. The descriptors of the others are closed with them.
 };

@@ -7,7 +7,9 @@
 #include <system_error>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -17,6 +19,10 @@ constexpr std::size_t kBabbleChunk = 64;
 constexpr std::size_t kMaxDescriptors = 4;
 
 }  // namespace
+
+bool isSameFile(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
 
 void Descriptor::reset(int number) {
     if (mNumber >= 0) ::close(mNumber);
@@ -33,6 +39,43 @@ std::string makeDirectories(const std::string& path) {
     return problem ? path + ": the directory cannot be made: " + problem.message() : std::string();
 }
 
+// The lock is on the directory. Its holder removes it at the end, so what was locked must still be what has the name.
+std::string NameReservation::reserve(const std::string& published, const std::string& hidden) {
+    mPublished = published;
+    mHidden = hidden;
+    for (;;) {
+        if (::mkdir(mHidden.c_str(), S_IRWXU) != 0 && errno != EEXIST) break;
+        mDirectory.reset(::open(mHidden.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!mDirectory.isOpen() && errno == ENOENT) continue;
+        if (!mDirectory.isOpen()) break;
+        if (::flock(mDirectory.get(), LOCK_EX | LOCK_NB) != 0) {
+            mDirectory.reset();
+            return published + ": another simulator serves this name; end it or choose another name";
+        }
+        struct stat locked {
+        }, named{};
+        ::fstat(mDirectory.get(), &locked);
+        if (::lstat(mHidden.c_str(), &named) == 0 && isSameFile(locked, named)) return {};
+    }
+    return systemFailure(mHidden, "the name cannot be reserved");
+}
+
+void NameReservation::release() {
+    if (!mDirectory.isOpen()) return;
+    ::unlink(place().c_str());
+    ::rmdir(mHidden.c_str());
+    mDirectory.reset();
+}
+
+std::string NameReservation::fresh() const {
+    ::unlink(place().c_str());
+    return place();
+}
+
+std::string NameReservation::shortFresh() const { return "/proc/self/fd/" + std::to_string(mDirectory.get()) + "/new"; }
+
+bool NameReservation::publish() const { return ::rename(place().c_str(), mPublished.c_str()) == 0; }
+
 EndpointServer::EndpointServer(std::shared_ptr<VirtualReader> reader)
     : mReader(std::move(reader)), mWake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
@@ -40,9 +83,13 @@ EndpointServer::~EndpointServer() = default;
 
 std::string EndpointServer::start() {
     if (mThread.joinable()) return "already started";
+    if (std::string wrong = reserve(); !wrong.empty()) return wrong;
     mPresent = mReader->isPresent();
     if (mPresent)
-        if (std::string wrong = publish(); !wrong.empty()) return wrong;
+        if (std::string wrong = publish(); !wrong.empty()) {
+            release();
+            return wrong;
+        }
     mPublished = mPresent;
     mStopping = mVanished = false;
     mReader->watch(*this);
@@ -60,6 +107,14 @@ void EndpointServer::stop() {
     mThread.join();
     mReader->unwatch(*this);
     if (std::exchange(mPublished, false)) unpublish();
+    release();
+}
+
+std::string EndpointServer::settle() {
+    if (!mThread.joinable()) return {};
+    std::unique_lock held(mMutex);
+    mSettled.wait(held, [this, news = mNews] { return mFollowed >= news; });
+    return mProblem;
 }
 
 void EndpointServer::run() {
@@ -78,13 +133,22 @@ void EndpointServer::run() {
 
 bool EndpointServer::follow() {
     bool vanished, present;
+    std::uint64_t news;
     {
         const std::lock_guard held(mMutex);
         vanished = std::exchange(mVanished, false);
         present = mPresent;
+        news = mNews;
     }
+    std::string problem;
     if (vanished && std::exchange(mPublished, false)) unpublish();
-    if (present && !mPublished) mPublished = publish().empty();
+    if (present && !mPublished) {
+        problem = publish();
+        mPublished = problem.empty();
+    }
+    const std::lock_guard held(mMutex);
+    mProblem = std::move(problem);
+    if (std::exchange(mFollowed, news) != news) mSettled.notify_all();
     return mPublished;
 }
 
@@ -180,6 +244,7 @@ void EndpointServer::onVanished() {
     {
         const std::lock_guard held(mMutex);
         mVanished = true;
+        ++mNews;
         mPresent = mBabbling = false;
     }
     wake();
@@ -189,6 +254,7 @@ void EndpointServer::onReturned() {
     {
         const std::lock_guard held(mMutex);
         mPresent = true;
+        ++mNews;
     }
     wake();
 }

@@ -3,6 +3,7 @@
 #include "VirtualReader.h"
 
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <initializer_list>
 #include <memory>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include <poll.h>
+#include <sys/stat.h>
 
 /// A descriptor that closes itself.
 class Descriptor {
@@ -30,6 +32,34 @@ class Descriptor {
     int mNumber;
 };
 
+/// A published name that one simulator has for itself, and the place where what takes that name is made: a hidden
+/// directory, locked while the simulator lives. One that a dead simulator left behind is taken over.
+class NameReservation {
+  public:
+    NameReservation() = default;
+    ~NameReservation() { release(); }
+    NameReservation(const NameReservation&) = delete;
+    NameReservation& operator=(const NameReservation&) = delete;
+
+    /// Reserves `published` by way of the directory `hidden`, on the same file system, where nobody looks for readers.
+    /// @return empty or what went wrong.
+    std::string reserve(const std::string& published, const std::string& hidden);
+    void release();
+
+    /// Where to make it; what is left there from before is removed.
+    std::string fresh() const;
+    /// The same by a short name, for an address that has no room for long ones.
+    std::string shortFresh() const;
+    /// Puts what was made under its published name, in one step. @return false with errno.
+    bool publish() const;
+
+  private:
+    std::string place() const { return mHidden + "/new"; }
+
+    std::string mPublished, mHidden;
+    Descriptor mDirectory;
+};
+
 /// What the two endpoints share: a thread that moves bytes between a reader and whatever a host opens, the queue of
 /// what the reader sent, and the reader's going and coming.
 class EndpointServer : private ReaderSink, private ReaderWatcher {
@@ -41,6 +71,9 @@ class EndpointServer : private ReaderSink, private ReaderWatcher {
     /// @return empty or what went wrong.
     std::string start();
     void stop();
+    /// Waits until the name is published or gone as the reader is there or not. Not from a reader's own call.
+    /// @return empty or why it could not be published.
+    std::string settle();
 
   protected:
     using Clock = std::chrono::steady_clock;
@@ -52,6 +85,9 @@ class EndpointServer : private ReaderSink, private ReaderWatcher {
         bool delayed = false;
     };
 
+    /// Reserves the name for the time from `start` to `stop`. @return empty or what went wrong.
+    virtual std::string reserve() = 0;
+    virtual void release() = 0;
     /// Opens and publishes; called by `start` and when the reader comes back. @return empty or what went wrong.
     virtual std::string publish() = 0;
     /// Sends what is ready, hangs up on the host and the reader, takes the name away. Called by the thread, or behind
@@ -92,6 +128,9 @@ class EndpointServer : private ReaderSink, private ReaderWatcher {
 
     std::mutex mMutex;  ///< Guards all below. Taken last, under the field's lock or without.
     std::deque<Outgoing> mQueue;
+    std::condition_variable mSettled;
+    std::string mProblem;                    ///< Why the name is not published although it should be.
+    std::uint64_t mNews = 0, mFollowed = 0;  ///< Goings and comings of the reader, and how many are done.
     bool mStopping = false;
     bool mVanished = false;
     bool mPresent = true;
@@ -102,5 +141,6 @@ class EndpointServer : private ReaderSink, private ReaderWatcher {
 
 /// Makes a directory and those above it. @return empty or what went wrong.
 std::string makeDirectories(const std::string& path);
+bool isSameFile(const struct stat& one, const struct stat& other);
 /// "path: what: reason of the system".
 std::string systemFailure(const std::string& path, const char* what);

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include <fcntl.h>
@@ -15,20 +14,23 @@
 
 class SocketEndpoint::Server : public EndpointServer {
   public:
-    Server(std::shared_ptr<VirtualReader> reader, std::string root, std::string classGuid, std::string name)
-        : EndpointServer(std::move(reader)), mDirectory(std::move(root) + "/" + std::move(classGuid)),
-          mName(std::move(name)) {}
+    Server(std::shared_ptr<VirtualReader> reader, const std::string& root, const std::string& classGuid,
+           std::string name)
+        : EndpointServer(std::move(reader)), mDirectory(root + "/" + classGuid), mName(std::move(name)),
+          mHidden(root + "/." + classGuid + "-" + mName) {}
     ~Server() override { stop(); }
 
     const std::string& name() const { return mName; }
     std::string path() const { return mDirectory + "/" + mName; }
 
   private:
+    std::string reserve() override;
+    void release() override { mReservation.release(); }
     std::string publish() override;
     void unpublish() override;
     void serve() override;
 
-    std::string bindAt(const std::string& fresh);
+    std::string makeSocket();
     void sendReady(bool& blocked, std::optional<Instant>& wakeAt);
     void readHost();
     void acceptHost();
@@ -36,46 +38,45 @@ class SocketEndpoint::Server : public EndpointServer {
 
     const std::string mDirectory;
     const std::string mName;
+    const std::string mHidden;
+    NameReservation mReservation;
     Descriptor mListener;
     Descriptor mHost;
     struct stat mPublishedAs {};
     std::optional<Outgoing> mWaiting;  ///< Message that the socket would not take yet.
 };
 
-std::string SocketEndpoint::Server::publish() {
+std::string SocketEndpoint::Server::reserve() {
     if (std::string wrong = makeDirectories(mDirectory); !wrong.empty()) return wrong;
+    return mReservation.reserve(path(), mHidden);
+}
+
+std::string SocketEndpoint::Server::publish() {
+    if (std::string wrong = makeDirectories(mDirectory); !wrong.empty()) return wrong;  // it may be gone by now
     struct stat found {};
     if (::lstat(path().c_str(), &found) == 0 && !S_ISSOCK(found.st_mode))
         return path() + ": something other than a socket has this name; remove it or choose another name";
-    const std::string fresh = path() + ".new";
-    ::unlink(fresh.c_str());
-    mListener.reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (std::string wrong = bindAt(fresh); !wrong.empty()) return wrong;
-    if (::lstat(fresh.c_str(), &mPublishedAs) != 0 || ::rename(fresh.c_str(), path().c_str()) != 0)
-        return systemFailure(path(), "the socket cannot be published");
-    return {};
+    if (std::string wrong = makeSocket(); !wrong.empty()) return wrong;
+    return mReservation.publish() ? std::string() : systemFailure(path(), "the socket cannot be published");
 }
 
-/// Binds by way of the directory's descriptor, since a socket address has room for 107 characters only.
-std::string SocketEndpoint::Server::bindAt(const std::string& fresh) {
-    const Descriptor directory(::open(mDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    const std::string shortPath = "/proc/self/fd/" + std::to_string(directory.get()) + "/" + mName + ".new";
+/// A socket that listens already, and so is complete when it gets its name.
+std::string SocketEndpoint::Server::makeSocket() {
+    const std::string fresh = mReservation.fresh();
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (shortPath.size() >= sizeof address.sun_path) return fresh + ": the name is too long";
-    std::memcpy(address.sun_path, shortPath.c_str(), shortPath.size());
+    mReservation.shortFresh().copy(address.sun_path, sizeof address.sun_path - 1);
+    mListener.reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const int listener = mListener.get();
     if (::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listener, 8) != 0)
-        return systemFailure(fresh, "the socket cannot be made");
+        ::listen(listener, 8) != 0 || ::lstat(fresh.c_str(), &mPublishedAs) != 0)
+        return systemFailure(path(), "the socket cannot be made");
     return {};
 }
 
 void SocketEndpoint::Server::unpublish() {
     struct stat found {};
-    if (::lstat(path().c_str(), &found) == 0 && found.st_ino == mPublishedAs.st_ino &&
-        found.st_dev == mPublishedAs.st_dev)
-        ::unlink(path().c_str());
+    if (::lstat(path().c_str(), &found) == 0 && isSameFile(found, mPublishedAs)) ::unlink(path().c_str());
     std::optional<Instant> wakeAt;
     bool blocked = false;
     sendReady(blocked, wakeAt);
@@ -126,15 +127,17 @@ void SocketEndpoint::Server::acceptHost() {
     if (mHost.isOpen()) connectReader();
 }
 
-SocketEndpoint::SocketEndpoint(std::shared_ptr<VirtualReader> reader, std::string root, std::string classGuid,
-                               std::string name)
-    : mServer(std::make_unique<Server>(std::move(reader), std::move(root), std::move(classGuid), std::move(name))) {}
+SocketEndpoint::SocketEndpoint(std::shared_ptr<VirtualReader> reader, const std::string& root,
+                               const std::string& classGuid, std::string name)
+    : mServer(std::make_unique<Server>(std::move(reader), root, classGuid, std::move(name))) {}
 
 SocketEndpoint::~SocketEndpoint() = default;
 
 std::string SocketEndpoint::start() { return mServer->start(); }
 
 void SocketEndpoint::stop() { mServer->stop(); }
+
+std::string SocketEndpoint::settle() { return mServer->settle(); }
 
 std::string SocketEndpoint::name() const { return mServer->name(); }
 

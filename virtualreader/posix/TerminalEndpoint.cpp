@@ -30,6 +30,8 @@ class TerminalEndpoint::Server : public EndpointServer {
     static constexpr long long kBitsPerByte = 10;
     static constexpr std::size_t kMaxInput = 4096;
 
+    std::string reserve() override;
+    void release() override { mReservation.release(); }
     std::string publish() override;
     void unpublish() override;
     void serve() override;
@@ -46,6 +48,7 @@ class TerminalEndpoint::Server : public EndpointServer {
     const std::string mName;
     const std::chrono::nanoseconds mByteTime;
 
+    NameReservation mReservation;
     Descriptor mMaster;
     Descriptor mSlave;  ///< Kept open, so that the line survives a host that closes it.
     std::string mSlavePath;
@@ -58,16 +61,21 @@ class TerminalEndpoint::Server : public EndpointServer {
     Instant mOutputDue;     ///< When the last byte has left the line.
 };
 
-std::string TerminalEndpoint::Server::publish() {
+std::string TerminalEndpoint::Server::reserve() {
     if (std::string wrong = makeDirectories(mRoot); !wrong.empty()) return wrong;
+    return mReservation.reserve(path(), mRoot + "/." + mName);
+}
+
+std::string TerminalEndpoint::Server::publish() {
     if (std::string wrong = openPair(); !wrong.empty()) return wrong;
-    if (std::string wrong = makeLink(); !wrong.empty()) return wrong;
     mInput.clear();
     mOutput.bytes.clear();
     mSent = 0;
     mInputDue = mOutputDue = Clock::now();
     connectReader();
-    return {};
+    std::string wrong = makeLink();
+    if (!wrong.empty()) disconnectReader();
+    return wrong;
 }
 
 std::string TerminalEndpoint::Server::openPair() {
@@ -92,9 +100,7 @@ std::string TerminalEndpoint::Server::makeLink() {
     struct stat found {};
     if (::lstat(path().c_str(), &found) == 0 && !S_ISLNK(found.st_mode))
         return path() + ": something other than a link has this name; remove it or choose another number";
-    const std::string fresh = path() + ".new";
-    ::unlink(fresh.c_str());
-    if (::symlink(mSlavePath.c_str(), fresh.c_str()) != 0 || ::rename(fresh.c_str(), path().c_str()) != 0)
+    if (::symlink(mSlavePath.c_str(), mReservation.fresh().c_str()) != 0 || !mReservation.publish())
         return systemFailure(path(), "the link cannot be made");
     return {};
 }
@@ -196,6 +202,8 @@ TerminalEndpoint::~TerminalEndpoint() = default;
 std::string TerminalEndpoint::start() { return mServer->start(); }
 
 void TerminalEndpoint::stop() { mServer->stop(); }
+
+std::string TerminalEndpoint::settle() { return mServer->settle(); }
 
 std::string TerminalEndpoint::name() const { return mServer->name(); }
 

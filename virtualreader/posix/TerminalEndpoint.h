@@ -17,10 +17,13 @@ class TerminalEndpoint {
     TerminalEndpoint(const TerminalEndpoint&) = delete;
     TerminalEndpoint& operator=(const TerminalEndpoint&) = delete;
 
-    /// Publishes the port and serves it on a thread of its own. @return empty or what went wrong.
+    /// Publishes the port and serves it on a thread of its own. A name that another
+    /// simulator has is refused. @return empty or what went wrong.
     std::string start();
     /// Takes the port away and waits for the thread. Once more does nothing.
     void stop();
+    /// Waits until the name stands or is gone, as the reader is there or not. @return empty or what went wrong.
+    std::string settle();
 
     /// "COM<n>", and where it is published.
     std::string name() const;
