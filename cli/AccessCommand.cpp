@@ -11,8 +11,6 @@
 #include "TagLayout.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <array>
 #include <map>
 #include <memory>
@@ -48,7 +46,8 @@ std::string groupText(const TagLayout& layout, bool inApp, int sector, int group
 
 void tellSector(Session& session, const TagLayout& layout, bool inApp, int sector, const Conditions& conditions) {
     const TrailerRule& trailer = trailerRule(conditions[kSmallGroups]);
-    Json object{{inApp ? "position" : "sector", sector}, {"blocks", Json::array()}};
+    Json object{{inApp ? "position" : "sector", sector}};
+    Json blocks = Json::array();
     std::vector<std::vector<std::string>> rows{
         {(inApp ? "Position " : "Sector ") + std::to_string(sector), "", "read", "write", "increment", "decrement"}};
     for (int group = 0; group < kSmallGroups; ++group) {
@@ -57,25 +56,26 @@ void tellSector(Session& session, const TagLayout& layout, bool inApp, int secto
         const std::string name = groupText(layout, inApp, sector, group);
         rows.push_back(
             {name, rule.bits, who(rule.read), who(rule.write), who(rule.increment), who(rule.decrement), rule.word});
-        object["blocks"].push_back({{"name", name},
-                                    {"condition", rule.bits},
-                                    {"word", rule.word},
-                                    {"read", who(rule.read)},
-                                    {"write", who(rule.write)},
-                                    {"increment", who(rule.increment)},
-                                    {"decrement", who(rule.decrement)}});
+        blocks.push_back(Json{{"name", name},
+                              {"condition", rule.bits},
+                              {"word", rule.word},
+                              {"read", who(rule.read)},
+                              {"write", who(rule.write)},
+                              {"increment", who(rule.increment)},
+                              {"decrement", who(rule.decrement)}});
     }
     const auto who = [&](Who named) { return whoText(trailer.inEffect(named)); };
     rows.push_back({"key A", trailer.bits, whoText(nobody), who(trailer.writeKeyA)});
     rows.push_back({"access bits", "", who(trailer.readAccess), who(trailer.writeAccess)});
     rows.push_back({"key B", "", who(trailer.readKeyB), who(trailer.writeKeyB)});
-    object["trailer"] = {{"condition", trailer.bits},
-                         {"writeKeyA", who(trailer.writeKeyA)},
-                         {"readAccess", who(trailer.readAccess)},
-                         {"writeAccess", who(trailer.writeAccess)},
-                         {"readKeyB", who(trailer.readKeyB)},
-                         {"writeKeyB", who(trailer.writeKeyB)},
-                         {"keyBIsData", trailer.keyBIsData()}};
+    object.add("blocks", blocks);
+    object.add("trailer", Json{{"condition", trailer.bits},
+                               {"writeKeyA", who(trailer.writeKeyA)},
+                               {"readAccess", who(trailer.readAccess)},
+                               {"writeAccess", who(trailer.writeAccess)},
+                               {"readKeyB", who(trailer.readKeyB)},
+                               {"writeKeyB", who(trailer.writeKeyB)},
+                               {"keyBIsData", trailer.keyBIsData()}});
     std::string text = alignedTable(rows);
     if (trailer.keyBIsData()) text += "\nKey B can be read here, and so it opens nothing.";
     session.output().put(object, text);
@@ -110,16 +110,16 @@ Outcome showAccess(Session& session, const AccessArguments& arguments, const Tag
     return outcome;
 }
 
-Work setUpShow(CLI::App& app) {
+Work setUpShow(Options& options) {
     const auto arguments = std::make_shared<AccessArguments>();
-    app.add_option("SECTOR", arguments->place.sector, "The sector, or its position in the application; all by default")
-        ->type_name("")
-        ->check(CLI::Range(0, kLastSector));
-    addKeyOptions(app, arguments->access);
-    addAppOption(app, arguments->access);
-    addUidOption(app, arguments->access);
-    app.footer("The table says which key allows what. Key A can never be read.\n\n"
-               "Example: qvltag access show 0 --key mad");
+    options.value("SECTOR", arguments->place.sector, "The sector, or its position in the application; all by default")
+        .type("")
+        .range(0, kLastSector);
+    addKeyOptions(options, arguments->access);
+    addAppOption(options, arguments->access);
+    addUidOption(options, arguments->access);
+    options.footer("The table says which key allows what. Key A can never be read.\n\n"
+                   "Example: qvltag access show 0 --key mad");
     return [arguments](Session& session) {
         return onTag(session, arguments->access,
                      [&](const TagUID& tag) { return showAccess(session, *arguments, tag); });
@@ -140,31 +140,29 @@ Outcome setBlock(Session& session, const AccessArguments& arguments, const TagUI
     return Outcome::done;
 }
 
-void addBothKeys(CLI::App& app, AccessArguments& arguments) {
-    addKeyOption(app, "--key-a", arguments.keyA, "Key A of the sector, which is written again")->required();
-    addKeyOption(app, "--key-b", arguments.keyB, "Key B of the sector, which is written again")->required();
+void addBothKeys(Options& options, AccessArguments& arguments) {
+    addKeyOption(options, "--key-a", arguments.keyA, "Key A of the sector, which is written again").required();
+    addKeyOption(options, "--key-b", arguments.keyB, "Key B of the sector, which is written again").required();
 }
 
-Work setUpBlock(CLI::App& app) {
+Work setUpBlock(Options& options) {
     const auto arguments = std::make_shared<AccessArguments>();
-    app.add_option("BLOCK", arguments->block, "The block, counted from 0")
-        ->required()
-        ->type_name("")
-        ->check(CLI::Range(0, kLastBlock));
-    addTextOption(
-        app, "CODE",
-        [arguments](const std::string& text) {
-            arguments->condition = dataConditionFromText(text);
-            if (arguments->condition == AccData110 || arguments->condition == AccData001)
-                throw std::invalid_argument("a value block needs an amount: use \"value init\"");
-        },
-        "read-only (010), write-b (100), only-b (011), read-only-b (101),\nlocked (111) or open (000)")
-        ->required();
-    addBothKeys(app, *arguments);
-    addAppOption(app, arguments->access);
-    addUidOption(app, arguments->access);
-    app.footer("The block is zeroed. In a sector of sixteen blocks the condition reaches a group of five.\n"
-               "Key B has to be one that may write the trailer.");
+    options.value("BLOCK", arguments->block, "The block, counted from 0").required().type("").range(0, kLastBlock);
+    options
+        .text(
+            "CODE",
+            [arguments](const std::string& text) {
+                arguments->condition = dataConditionFromText(text);
+                if (arguments->condition == AccData110 || arguments->condition == AccData001)
+                    throw std::invalid_argument("a value block needs an amount: use \"value init\"");
+            },
+            "read-only (010), write-b (100), only-b (011), read-only-b (101),\nlocked (111) or open (000)")
+        .required();
+    addBothKeys(options, *arguments);
+    addAppOption(options, arguments->access);
+    addUidOption(options, arguments->access);
+    options.footer("The block is zeroed. In a sector of sixteen blocks the condition reaches a group of five.\n"
+                   "Key B has to be one that may write the trailer.");
     return [arguments](Session& session) {
         return onTag(session, arguments->access, [&](const TagUID& tag) { return setBlock(session, *arguments, tag); });
     };
@@ -185,32 +183,36 @@ Outcome setSectors(Session& session, const AccessArguments& arguments, const Tag
 void readWords(AccessArguments& arguments) {
     const std::string& state = arguments.words.back();
     if (state != "factory" && state != "formatted")
-        throw CLI::ValidationError("STATE", "\"" + state + "\" is neither factory nor formatted");
+        throw std::invalid_argument("STATE: "
+                                    "\"" +
+                                    state + "\" is neither factory nor formatted");
     const std::string& sector = arguments.words.front();
-    if (arguments.words.size() == 2 && (!CLI::detail::lexical_cast(sector, arguments.place.sector) ||
-                                        arguments.place.sector < 0 || arguments.place.sector > kLastSector))
-        throw CLI::ValidationError("SECTOR", "\"" + sector + "\" is no sector from 0 to 39");
+    if (arguments.words.size() == 2 && (!readNumber(sector, arguments.place.sector) || arguments.place.sector < 0 ||
+                                        arguments.place.sector > kLastSector))
+        throw std::invalid_argument("SECTOR: "
+                                    "\"" +
+                                    sector + "\" is no sector from 0 to 39");
     arguments.place.check(arguments.access);
 }
 
-Work setUpSet(CLI::App& app) {
+Work setUpSet(Options& options) {
     const auto arguments = std::make_shared<AccessArguments>();
-    app.add_option("SECTOR STATE", arguments->words,
-                   "The first sector, none with --app; and factory: key A does all,\nor formatted: A reads, B writes")
-        ->required()
-        ->type_name("")
-        ->expected(1, 2);
-    addSectorCount(app, arguments->place, arguments->access);
-    addBothKeys(app, *arguments);
-    app.add_option("--key-type", arguments->keyMode,
-                   "Which of the two opens the sector, a or b; a for formatted,\nb for factory by default")
-        ->type_name("TYPE")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, AuthKeyMode>{{"a", AuthKeyA}, {"b", AuthKeyB}},
-                                            CLI::ignore_case));
-    addUidOption(app, arguments->access);
-    app.footer("All blocks of the sectors get the same condition; their data stays.\n\n"
-               "Example: qvltag access set 5 formatted --key-a factory --key-b factory");
-    app.callback([arguments] { readWords(*arguments); });
+    options
+        .value("SECTOR STATE", arguments->words,
+               "The first sector, none with --app; and factory: key A does all,\nor formatted: A reads, B writes")
+        .required()
+        .type("")
+        .words(1, 2);
+    addSectorCount(options, arguments->place, arguments->access);
+    addBothKeys(options, *arguments);
+    options
+        .choice<AuthKeyMode>("--key-type", arguments->keyMode, {{"a", AuthKeyA}, {"b", AuthKeyB}}, true,
+                             "Which of the two opens the sector, a or b; a for formatted,\nb for factory by default")
+        .type("TYPE");
+    addUidOption(options, arguments->access);
+    options.footer("All blocks of the sectors get the same condition; their data stays.\n\n"
+                   "Example: qvltag access set 5 formatted --key-a factory --key-b factory");
+    options.whenRead([arguments] { readWords(*arguments); });
     return [arguments](Session& session) {
         return onTag(session, arguments->access,
                      [&](const TagUID& tag) { return setSectors(session, *arguments, tag); });
@@ -219,11 +221,11 @@ Work setUpSet(CLI::App& app) {
 
 }  // namespace
 
-Work setUpAccess(CLI::App& app) {
+Work setUpAccess(Options& options) {
     static constexpr Command kCommands[] = {
         {"show", "Show which key allows what", setUpShow},
         {"set", "Give whole sectors the conditions of a factory or formatted tag", setUpSet},
         {"block", "Give one block a condition", setUpBlock},
     };
-    return addCommands(app, kCommands);
+    return addCommands(options, kCommands);
 }

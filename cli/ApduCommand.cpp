@@ -14,8 +14,6 @@
 #include "Terminal.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -47,13 +45,15 @@ void tellCard(Output& output, const CardSession::Card& card) {
     Json object{{"card", hexDigits(card.uid)}};
     std::vector<std::pair<std::string, std::string>> rows{{"Card", hexDigits(card.uid)}};
     if (card.cid) {
-        object["cid"] = *card.cid;
-        object["ats"] = hexDigits(card.ats);
+        object.add("cid", *card.cid);
+        object.add("ats", hexDigits(card.ats));
         rows.emplace_back("CID", std::to_string(*card.cid));
         rows.emplace_back("ATS", hexDigits(card.ats));
         if (const auto ats = atsText(card.ats)) {
-            object.update({{"frameSize", ats->frameSize}, {"takesCid", ats->takesCid}, {"takesNad", ats->takesNad}});
-            object["historical"] = hexDigits(ats->historical);
+            object.add("frameSize", ats->frameSize);
+            object.add("takesCid", ats->takesCid);
+            object.add("takesNad", ats->takesNad);
+            object.add("historical", hexDigits(ats->historical));
             rows.back().second += "  (frames of " + std::to_string(ats->frameSize) + " bytes, " +
                                   (ats->takesCid ? "CID" : "no CID") + ", " + (ats->takesNad ? "NAD" : "no NAD") + ")";
             if (!ats->historical.empty())
@@ -105,20 +105,24 @@ bool Dialogue::isCancelled() {
 void Dialogue::tell(const Bytes& command, const ApduExchange& exchange) {
     Json object{{"command", hexDigits(command)}};
     std::string text = dumpRows("> ", command);
+    std::vector<std::string> followUps;
     for (const Bytes& each : exchange.followUps) {
-        object["followUps"].push_back(hexDigits(each));
+        followUps.push_back(hexDigits(each));
         text += "\n" + dumpRows("> ", each);
     }
+    if (!followUps.empty()) object.add("followUps", followUps);
     Bytes data = exchange.data;
     if (mArguments.options.raw && exchange.statusWord)
         data.insert(data.end(), {sw1(*exchange.statusWord), sw2(*exchange.statusWord)});
-    object["data"] = hexDigits(data);
+    object.add("data", hexDigits(data));
     if (!data.empty()) text += "\n" + dumpRows("< ", data);
-    if (exchange.lost > 0) object["lost"] = exchange.lost;
+    if (exchange.lost > 0) object.add("lost", exchange.lost);
     if (exchange.statusWord && !mArguments.options.raw) {
         const std::uint8_t word[] = {sw1(*exchange.statusWord), sw2(*exchange.statusWord)};
         const std::string meaning = statusWordText(*exchange.statusWord);
-        object.update({{"sw", hexDigits(word)}, {"meaning", meaning}, {"fine", isFine(*exchange.statusWord)}});
+        object.add("sw", hexDigits(word));
+        object.add("meaning", meaning);
+        object.add("fine", isFine(*exchange.statusWord));
         text += "\n< " + hexDigits(word) + "  " + meaning;
     } else if (data.empty()) {
         text += "\n< (nothing)";
@@ -227,55 +231,58 @@ void readCommands(ApduArguments& arguments) {
             }
         }
     } catch (const std::invalid_argument& wrong) {
-        throw CLI::ValidationError(wrong.what());
+        throw std::invalid_argument(wrong.what());
     }
 }
 
-void addSources(CLI::App& app, ApduArguments& arguments) {
-    auto* words = app.add_option("HEX", arguments.words,
-                                 "Commands, each one argument: bytes in hexadecimal, with blanks and\n"
-                                 "colons as one likes")
-                      ->type_name("...");
-    auto* script =
-        app.add_option("--script", arguments.script, "Commands from this file, one a line; # begins a comment")
-            ->type_name("FILE")
-            ->excludes(words);
-    app.add_flag("--ndef", arguments.ndef, "Show the NDEF message (links, texts) of an NFC Forum Type 4 Tag")
-        ->excludes(words)
-        ->excludes(script);
+/// @return the option --ndef.
+Option addSources(Options& options, ApduArguments& arguments) {
+    const Option words = options
+                             .value("HEX", arguments.words,
+                                    "Commands, each one argument: bytes in hexadecimal, with blanks and\n"
+                                    "colons as one likes")
+                             .type("...");
+    const Option script =
+        options.value("--script", arguments.script, "Commands from this file, one a line; # begins a comment")
+            .type("FILE")
+            .excludes(words);
+    return options.flag("--ndef", arguments.ndef, "Show the NDEF message (links, texts) of an NFC Forum Type 4 Tag")
+        .excludes(words)
+        .excludes(script);
 }
 
 }  // namespace
 
-Work setUpApdu(CLI::App& app) {
+Work setUpApdu(Options& options) {
     const auto arguments = std::make_shared<ApduArguments>();
-    addSources(app, *arguments);
-    auto* follow = app.add_flag("--follow", arguments->follow,
-                                "Fetch bytes that wait (61xx), repeat a command with a wrong Le (6Cxx)");
-    auto* stop = app.add_flag("--stop-on-error", arguments->stopOnError,
-                              "End at the first status word other than 9000 and 61xx");
-    app.add_flag("--retry", arguments->options.retry, "After a failed exchange wake the card and send once more");
-    auto* nad = app.add_option("--nad", arguments->nad, "Node address (NAD) for cards that take one; 0 by default")
-                    ->type_name("N")
-                    ->check(CLI::Range(0, kHighestNad));
-    app.add_flag("--raw", arguments->options.raw, "Bytes that are no APDUs: of any length, answers without status word")
-        ->excludes(follow)
-        ->excludes(stop)
-        ->excludes(nad)
-        ->excludes(app.get_option("--ndef"));
-    app.add_option("--timeout", arguments->timeoutSeconds, "How long to wait for a card, if not as --wait says")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(kShortestWaitSeconds, kLongestWaitSeconds));
-    addUidOption(app, arguments->access);
-    app.footer("Without HEX, --script and --ndef, commands come from standard input: from a terminal\n"
-               "with a prompt and a history, from a pipe one a line.\n"
-               "Each answer is shown with its status word: 9000 is success, others say what is wrong\n"
-               "and make the exit status 1. The card is deselected at the end in any case.\n\n"
-               "Examples:\n"
-               "  qvltag apdu \"00 A4 04 00 07 D2760000850101 00\"   select an application by its name\n"
-               "  qvltag apdu --script session.apdu --stop-on-error\n"
-               "  qvltag --virtual link.card apdu --ndef           the link on a tag");
-    app.callback([arguments] {
+    const Option ndef = addSources(options, *arguments);
+    const Option follow = options.flag("--follow", arguments->follow,
+                                       "Fetch bytes that wait (61xx), repeat a command with a wrong Le (6Cxx)");
+    const Option stop = options.flag("--stop-on-error", arguments->stopOnError,
+                                     "End at the first status word other than 9000 and 61xx");
+    options.flag("--retry", arguments->options.retry, "After a failed exchange wake the card and send once more");
+    const Option nad =
+        options.value("--nad", arguments->nad, "Node address (NAD) for cards that take one; 0 by default")
+            .type("N")
+            .range(0, kHighestNad);
+    options.flag("--raw", arguments->options.raw, "Bytes that are no APDUs: of any length, answers without status word")
+        .excludes(follow)
+        .excludes(stop)
+        .excludes(nad)
+        .excludes(ndef);
+    options.value("--timeout", arguments->timeoutSeconds, "How long to wait for a card, if not as --wait says")
+        .type("SECONDS")
+        .range(kShortestWaitSeconds, kLongestWaitSeconds);
+    addUidOption(options, arguments->access);
+    options.footer("Without HEX, --script and --ndef, commands come from standard input: from a terminal\n"
+                   "with a prompt and a history, from a pipe one a line.\n"
+                   "Each answer is shown with its status word: 9000 is success, others say what is wrong\n"
+                   "and make the exit status 1. The card is deselected at the end in any case.\n\n"
+                   "Examples:\n"
+                   "  qvltag apdu \"00 A4 04 00 07 D2760000850101 00\"   select an application by its name\n"
+                   "  qvltag apdu --script session.apdu --stop-on-error\n"
+                   "  qvltag --virtual link.card apdu --ndef           the link on a tag");
+    options.whenRead([arguments] {
         arguments->options.nad = static_cast<std::uint8_t>(arguments->nad);
         readCommands(*arguments);
     });

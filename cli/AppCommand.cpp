@@ -9,8 +9,6 @@
 #include "TagAccess.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,12 +27,12 @@ struct AppArguments {
     short count = 0;
 };
 
-void addCount(CLI::App& app, const char* name, short& count, const char* description) {
-    app.add_option(name, count, description)->required()->type_name("")->check(CLI::Range(1, kMostAppSectors));
+void addCount(Options& options, const char* name, short& count, const char* description) {
+    options.value(name, count, description).required().type("").range(1, kMostAppSectors);
 }
 
-void addDirectoryKey(CLI::App& app, AppArguments& arguments) {
-    addKeyOption(app, "--mad-key-b", arguments.directoryKeyB, "Key B of the directory, which writes it")->required();
+void addDirectoryKey(Options& options, AppArguments& arguments) {
+    addKeyOption(options, "--mad-key-b", arguments.directoryKeyB, "Key B of the directory, which writes it").required();
 }
 
 /// The two operations that give sectors differ in one thing: whether the application is there already.
@@ -57,17 +55,19 @@ Outcome giveSectors(Session& session, const AppArguments& arguments, const TagUI
     return Outcome::done;
 }
 
-void addGivingOptions(CLI::App& app, AppArguments& arguments) {
-    addCount(app, "COUNT", arguments.count, "How many sectors, of three blocks each");
-    addDirectoryKey(app, arguments);
-    addKeyOption(app, "--sector-key-b", arguments.sectorKeyB, "Key B of the free sectors; as --mad-key-b by default");
-    addKeyOption(app, "--new-key-a", arguments.newKeyA, "Key A of these sectors from then on")->required();
-    addKeyOption(app, "--new-key-b", arguments.newKeyB, "Key B of these sectors from then on")->required();
-    addTextOption(
-        app, "--access", [&arguments](const std::string& text) { arguments.condition = dataConditionFromText(text); },
-        "Who may do what with the blocks, as \"access block\" has it;\nwrite-b by default")
-        ->type_name("CODE");
-    addUidOption(app, arguments.access);
+void addGivingOptions(Options& options, AppArguments& arguments) {
+    addCount(options, "COUNT", arguments.count, "How many sectors, of three blocks each");
+    addDirectoryKey(options, arguments);
+    addKeyOption(options, "--sector-key-b", arguments.sectorKeyB,
+                 "Key B of the free sectors; as --mad-key-b by default");
+    addKeyOption(options, "--new-key-a", arguments.newKeyA, "Key A of these sectors from then on").required();
+    addKeyOption(options, "--new-key-b", arguments.newKeyB, "Key B of these sectors from then on").required();
+    options
+        .text(
+            "--access", [&arguments](const std::string& text) { arguments.condition = dataConditionFromText(text); },
+            "Who may do what with the blocks, as \"access block\" has it;\nwrite-b by default")
+        .type("CODE");
+    addUidOption(options, arguments.access);
 }
 
 Outcome takeSectors(Session& session, const AppArguments& arguments, const TagUID& tag) {
@@ -90,19 +90,20 @@ Outcome takeSectors(Session& session, const AppArguments& arguments, const TagUI
     return failWithRecords(session, status, "position", records, id);
 }
 
-void addTakingOptions(CLI::App& app, AppArguments& arguments) {
+void addTakingOptions(Options& options, AppArguments& arguments) {
     arguments.access.keyMode = AuthKeyB;
-    addDirectoryKey(app, arguments);
-    addTextOption(
-        app, "--key", [&arguments](const std::string& text) { arguments.access.key = keyFromText(text); },
-        "Key of the sectors that may write their trailers")
-        ->type_name("KEY")
-        ->required();
-    addKeyTypeOption(app, arguments.access.keyMode, "b by default");
-    addKeyOption(app, "--new-key-a", arguments.newKeyA, "Key A of the freed sectors; mad by default");
-    addKeyOption(app, "--new-key-b", arguments.newKeyB, "Key B of the freed sectors; as --mad-key-b by default");
-    addUidOption(app, arguments.access);
-    app.footer("What the sectors hold is zeroed.");
+    addDirectoryKey(options, arguments);
+    options
+        .text(
+            "--key", [&arguments](const std::string& text) { arguments.access.key = keyFromText(text); },
+            "Key of the sectors that may write their trailers")
+        .type("KEY")
+        .required();
+    addKeyTypeOption(options, arguments.access.keyMode, "b by default");
+    addKeyOption(options, "--new-key-a", arguments.newKeyA, "Key A of the freed sectors; mad by default");
+    addKeyOption(options, "--new-key-b", arguments.newKeyB, "Key B of the freed sectors; as --mad-key-b by default");
+    addUidOption(options, arguments.access);
+    options.footer("What the sectors hold is zeroed.");
 }
 
 /// The directory is read with the key that is there to write it: it always may.
@@ -111,23 +112,23 @@ void readWithDirectoryKey(AppArguments& arguments) {
     arguments.access.madKeyMode = AuthKeyB;
 }
 
-Work setUpInit(CLI::App& app) {
+Work setUpInit(Options& options) {
     const auto arguments = std::make_shared<AppArguments>();
-    addAppId(app, arguments->id);
-    addGivingOptions(app, *arguments);
-    app.footer("Example: qvltag app init 4711 2 --mad-key-b @master.key --new-key-a @door.a --new-key-b @door.b");
+    addAppId(options, arguments->id);
+    addGivingOptions(options, *arguments);
+    options.footer("Example: qvltag app init 4711 2 --mad-key-b @master.key --new-key-a @door.a --new-key-b @door.b");
     return [arguments](Session& session) {
         return onTag(session, arguments->access,
                      [&](const TagUID& tag) { return giveSectors(session, *arguments, tag, &ReaderImpl::initApp); });
     };
 }
 
-Work setUpAdd(CLI::App& app) {
+Work setUpAdd(Options& options) {
     const auto arguments = std::make_shared<AppArguments>();
-    addAppId(app, arguments->access.app);
-    addGivingOptions(app, *arguments);
-    app.footer("Only sectors above those that the application has are used.");
-    app.callback([arguments] { readWithDirectoryKey(*arguments); });
+    addAppId(options, arguments->access.app);
+    addGivingOptions(options, *arguments);
+    options.footer("Only sectors above those that the application has are used.");
+    options.whenRead([arguments] { readWithDirectoryKey(*arguments); });
     return [arguments](Session& session) {
         return onTag(session, arguments->access, [&](const TagUID& tag) {
             return giveSectors(session, *arguments, tag, &ReaderImpl::addAppSector);
@@ -135,35 +136,35 @@ Work setUpAdd(CLI::App& app) {
     };
 }
 
-Work takingWork(CLI::App& app, const std::shared_ptr<AppArguments>& arguments) {
-    addTakingOptions(app, *arguments);
-    app.callback([arguments] { readWithDirectoryKey(*arguments); });
+Work takingWork(Options& options, const std::shared_ptr<AppArguments>& arguments) {
+    addTakingOptions(options, *arguments);
+    options.whenRead([arguments] { readWithDirectoryKey(*arguments); });
     return [arguments](Session& session) {
         return onTag(session, arguments->access,
                      [&](const TagUID& tag) { return takeSectors(session, *arguments, tag); });
     };
 }
 
-Work setUpRemove(CLI::App& app) {
+Work setUpRemove(Options& options) {
     const auto arguments = std::make_shared<AppArguments>();
-    addAppId(app, arguments->access.app);
-    app.add_option("--from", arguments->from, "Position in the list of its sectors, 0 by default")
-        ->type_name("I")
-        ->check(CLI::Range(0, kMostAppSectors - 1));
-    addCount(app, "--count", arguments->count, "How many sectors");
-    return takingWork(app, arguments);
+    addAppId(options, arguments->access.app);
+    options.value("--from", arguments->from, "Position in the list of its sectors, 0 by default")
+        .type("I")
+        .range(0, kMostAppSectors - 1);
+    addCount(options, "--count", arguments->count, "How many sectors");
+    return takingWork(options, arguments);
 }
 
-Work setUpReset(CLI::App& app) {
+Work setUpReset(Options& options) {
     const auto arguments = std::make_shared<AppArguments>();
-    addAppId(app, arguments->access.app);
-    addCount(app, "COUNT", arguments->count, "How many sectors from its first one on; all of them remove it");
-    return takingWork(app, arguments);
+    addAppId(options, arguments->access.app);
+    addCount(options, "COUNT", arguments->count, "How many sectors from its first one on; all of them remove it");
+    return takingWork(options, arguments);
 }
 
 }  // namespace
 
-Work setUpApp(CLI::App& app) {
+Work setUpApp(Options& options) {
     static constexpr Command kCommands[] = {
         {"ls", "List the applications of a tag and their sectors", setUpAppLs},
         {"init", "Create an application", setUpInit},
@@ -173,5 +174,5 @@ Work setUpApp(CLI::App& app) {
         {"read", "Show all that an application holds", setUpAppRead},
         {"write", "Write all that an application holds", setUpAppWrite},
     };
-    return addCommands(app, kCommands);
+    return addCommands(options, kCommands);
 }

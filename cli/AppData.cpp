@@ -8,8 +8,6 @@
 #include "TagAccess.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <array>
 #include <map>
 #include <memory>
@@ -101,42 +99,43 @@ std::vector<std::uint8_t> fillFromText(const std::string& text) {
 
 }  // namespace
 
-Work setUpAppLs(CLI::App& app) {
+Work setUpAppLs(Options& options) {
     const auto access = std::make_shared<TagAccess>();
-    addMadKeyOptions(app, *access);
-    addUidOption(app, *access);
+    addMadKeyOptions(options, *access);
+    addUidOption(options, *access);
     return [access](Session& session) {
         return onTag(session, *access, [&](const TagUID& tag) { return listApps(session, *access, tag); });
     };
 }
 
-Work setUpAppRead(CLI::App& app) {
+Work setUpAppRead(Options& options) {
     const auto arguments = std::make_shared<AppDataArguments>();
-    addAppId(app, arguments->access.app);
-    addKeyOptions(app, arguments->access);
-    addMadKeyOptions(app, arguments->access);
-    app.add_option("--file", arguments->file, "Write the bytes to this file, do not show them")->type_name("FILE");
-    addUidOption(app, arguments->access);
-    app.footer("Blocks are numbered within the application. Single ones: \"read BLOCK --app ID\".\n\n"
-               "Example: qvltag app read 4711 --key @door.a");
+    addAppId(options, arguments->access.app);
+    addKeyOptions(options, arguments->access);
+    addMadKeyOptions(options, arguments->access);
+    options.value("--file", arguments->file, "Write the bytes to this file, do not show them").type("FILE");
+    addUidOption(options, arguments->access);
+    options.footer("Blocks are numbered within the application. Single ones: \"read BLOCK --app ID\".\n\n"
+                   "Example: qvltag app read 4711 --key @door.a");
     return [arguments](Session& session) {
         return onTag(session, arguments->access, [&](const TagUID& tag) { return readApp(session, *arguments, tag); });
     };
 }
 
-Work setUpAppWrite(CLI::App& app) {
+Work setUpAppWrite(Options& options) {
     const auto arguments = std::make_shared<AppDataArguments>();
-    addAppId(app, arguments->access.app);
-    addDataOptions(app, arguments->data);
-    addTextOption(
-        app, "--fill", [arguments](const std::string& text) { arguments->fill = fillFromText(text); },
-        "16 bytes, repeated over what the data leaves;\nzeros by default")
-        ->type_name("HEX");
-    addKeyOptions(app, arguments->access);
-    addMadKeyOptions(app, arguments->access);
-    addUidOption(app, arguments->access);
-    app.footer("The whole application is written, value blocks too. Single blocks: \"write BLOCK --app ID\".\n\n"
-               "Example: qvltag app write 4711 --text \"Door 17\" --key @door.b --key-type b");
+    addAppId(options, arguments->access.app);
+    addDataOptions(options, arguments->data);
+    options
+        .text(
+            "--fill", [arguments](const std::string& text) { arguments->fill = fillFromText(text); },
+            "16 bytes, repeated over what the data leaves;\nzeros by default")
+        .type("HEX");
+    addKeyOptions(options, arguments->access);
+    addMadKeyOptions(options, arguments->access);
+    addUidOption(options, arguments->access);
+    options.footer("The whole application is written, value blocks too. Single blocks: \"write BLOCK --app ID\".\n\n"
+                   "Example: qvltag app write 4711 --text \"Door 17\" --key @door.b --key-type b");
     return [arguments](Session& session) {
         return onTag(session, arguments->access, [&](const TagUID& tag) { return writeApp(session, *arguments, tag); });
     };

@@ -3,6 +3,6 @@
 #include "Command.h"
 
 // Those of the "app" commands that look at the directory and move data.
-Work setUpAppLs(CLI::App& app);
-Work setUpAppRead(CLI::App& app);
-Work setUpAppWrite(CLI::App& app);
+Work setUpAppLs(Options& options);
+Work setUpAppRead(Options& options);
+Work setUpAppWrite(Options& options);

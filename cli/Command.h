@@ -1,48 +1,45 @@
 #pragma once
 
+#include "Options.h"
 #include "Outcome.h"
 #include "Session.h"
 
 #include <functional>
 #include <span>
 
-namespace CLI {
-class App;
-}
-
 /// What a sub-command does in an open session, once its arguments are read.
 using Work = std::function<Outcome(Session&)>;
 
-/// A sub-command. `setUp` adds its arguments and further help to `app` and gives its work, which owns what the
+/// A sub-command. `setUp` adds its arguments and further help to `options` and gives its work, which owns what the
 /// arguments are read into. Whatever can be seen to be wrong with the arguments alone, it complains about while the
-/// line is parsed (CLI::ParseError): before any reader is touched.
+/// line is parsed (std::invalid_argument): before any reader is touched.
 struct Command {
     const char* name;
     const char* summary;
-    Work (*setUp)(CLI::App& app);
+    Work (*setUp)(Options& options);
 };
 
-/// Adds sub-commands to `app`, of which a line has to name one, under this heading of the help.
+/// Adds sub-commands to `options`, of which a line has to name one, under this heading of the help.
 /// @return the work of whichever was named.
-Work addCommands(CLI::App& app, std::span<const Command> commands, const char* heading = "Commands");
+Work addCommands(Options& options, std::span<const Command> commands, const char* heading = "Commands");
 
 /// All of them, in the order of the help.
 std::span<const Command> commands();
 
 // One file each, families with a few.
-Work setUpInfo(CLI::App& app);
-Work setUpPoll(CLI::App& app);
-Work setUpLed(CLI::App& app);
-Work setUpLs(CLI::App& app);
-Work setUpRead(CLI::App& app);
-Work setUpWrite(CLI::App& app);
-Work setUpDump(CLI::App& app);
-Work setUpRestore(CLI::App& app);
-Work setUpFormat(CLI::App& app);
-Work setUpUnformat(CLI::App& app);
-Work setUpApp(CLI::App& app);
-Work setUpValue(CLI::App& app);
-Work setUpAccess(CLI::App& app);
-Work setUpKey(CLI::App& app);
-Work setUpApdu(CLI::App& app);
-Work setUpRelay(CLI::App& app);
+Work setUpInfo(Options& options);
+Work setUpPoll(Options& options);
+Work setUpLed(Options& options);
+Work setUpLs(Options& options);
+Work setUpRead(Options& options);
+Work setUpWrite(Options& options);
+Work setUpDump(Options& options);
+Work setUpRestore(Options& options);
+Work setUpFormat(Options& options);
+Work setUpUnformat(Options& options);
+Work setUpApp(Options& options);
+Work setUpValue(Options& options);
+Work setUpAccess(Options& options);
+Work setUpKey(Options& options);
+Work setUpApdu(Options& options);
+Work setUpRelay(Options& options);

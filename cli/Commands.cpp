@@ -1,12 +1,5 @@
 #include "Command.h"
 
-#include <CLI/CLI.hpp>
-
-#include <algorithm>
-#include <memory>
-#include <utility>
-#include <vector>
-
 std::span<const Command> commands() {
     static constexpr Command kCommands[] = {
         {"info", "Show which reader answers", setUpInfo},
@@ -27,20 +20,4 @@ std::span<const Command> commands() {
         {"relay", "Send commands to the chip of the reader", setUpRelay},
     };
     return kCommands;
-}
-
-Work addCommands(CLI::App& app, std::span<const Command> commands, const char* heading) {
-    app.require_subcommand(1);
-    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
-    const auto works = std::make_shared<std::vector<std::pair<CLI::App*, Work>>>();
-    for (const Command& command : commands) {
-        CLI::App* sub = app.add_subcommand(command.name, command.summary);
-        sub->group(heading);
-        sub->fallthrough();
-        sub->footer("");  // The one of the family is not its members'.
-        works->emplace_back(sub, command.setUp(*sub));
-    }
-    return [works](Session& session) {
-        return std::ranges::find_if(*works, [](const auto& each) { return each.first->parsed(); })->second(session);
-    };
 }

@@ -4,8 +4,6 @@
 #include "TagAccess.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <cerrno>
 #include <charconv>
 #include <fstream>
@@ -38,29 +36,31 @@ std::vector<std::uint8_t> bytesOfDigits(const std::string& text) {
 
 }  // namespace
 
-void addDataOptions(CLI::App& app, DataArguments& data) {
+void addDataOptions(Options& options, DataArguments& data) {
     const auto take = [&data](std::vector<std::uint8_t> bytes) {
         if (bytes.size() > kLargestTag)
             throw std::invalid_argument("no tag holds more than " + std::to_string(kLargestTag) + " bytes");
         data.bytes = std::move(bytes);
     };
-    auto* hex = addTextOption(
-        app, "HEX", [take](const std::string& text) { take(bytesOfDigits(text)); }, "What to write, in hexadecimal");
-    auto* text = addTextOption(
-                     app, "--text",
-                     [take](const std::string& given) {
-                         take({given.begin(), given.end()});
-                     },
-                     "Write the bytes of this text")
-                     ->type_name("TEXT");
-    auto* file = addTextOption(
-                     app, "--file", [take](const std::string& name) { take(bytesOfFile(name)); },
-                     "Write the content of this file")
-                     ->type_name("FILE");
-    app.callback([hex, text, file, &data] {
-        if (hex->count() + text->count() + file->count() != 1)
-            throw CLI::ValidationError("give the data as HEX, with --text or with --file");
-        if (data.bytes.empty()) throw CLI::ValidationError("there is no data to write");
+    const Option hex = options.text(
+        "HEX", [take](const std::string& text) { take(bytesOfDigits(text)); }, "What to write, in hexadecimal");
+    const Option text = options
+                            .text(
+                                "--text",
+                                [take](const std::string& given) {
+                                    take({given.begin(), given.end()});
+                                },
+                                "Write the bytes of this text")
+                            .type("TEXT");
+    const Option file = options
+                            .text(
+                                "--file", [take](const std::string& name) { take(bytesOfFile(name)); },
+                                "Write the content of this file")
+                            .type("FILE");
+    options.whenRead([hex, text, file, &data] {
+        if (hex.count() + text.count() + file.count() != 1)
+            throw std::invalid_argument("give the data as HEX, with --text or with --file");
+        if (data.bytes.empty()) throw std::invalid_argument("there is no data to write");
     });
 }
 

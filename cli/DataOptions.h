@@ -1,12 +1,10 @@
 #pragma once
 
+#include "Options.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
-
-namespace CLI {
-class App;
-}
 
 /// As a count of blocks: all up to the end of the tag or application.
 inline constexpr short kAllBlocks = 999;
@@ -18,7 +16,7 @@ struct DataArguments {
 };
 
 /// HEX in its place, --text and --file, exactly one of which a line has to give. Complains while the line is parsed.
-void addDataOptions(CLI::App& app, DataArguments& data);
+void addDataOptions(Options& options, DataArguments& data);
 
 /// A number of blocks, or "all". @throws std::invalid_argument.
 short blockCountFromText(const std::string& text);

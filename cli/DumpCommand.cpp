@@ -12,8 +12,6 @@
 #include "TagLayout.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -211,16 +209,16 @@ Outcome dumpTag(Session& session, const DumpArguments& arguments, const TagUID& 
 
 }  // namespace
 
-Work setUpDump(CLI::App& app) {
+Work setUpDump(Options& options) {
     const auto arguments = std::make_shared<DumpArguments>();
-    app.add_option("FILE", arguments->file, "The image file, block 0 upwards")->required()->type_name("");
-    arguments->keys.addOptions(app);
-    addUidOption(app, arguments->access);
-    app.footer("The library reads no trailers: they are put together from the keys that have opened the\n"
-               "sector and from its conditions. A key B that can be read on the tag cannot be tried; then the\n"
-               "one given is taken, and named as not proven. Blocks that are missing are zero in the image.\n"
-               "The file holds keys and so is for its owner alone.\n\n"
-               "Example: qvltag dump tag.mfd --keys known.keys");
+    options.value("FILE", arguments->file, "The image file, block 0 upwards").required().type("");
+    arguments->keys.addOptions(options);
+    addUidOption(options, arguments->access);
+    options.footer("The library reads no trailers: they are put together from the keys that have opened the\n"
+                   "sector and from its conditions. A key B that can be read on the tag cannot be tried; then the\n"
+                   "one given is taken, and named as not proven. Blocks that are missing are zero in the image.\n"
+                   "The file holds keys and so is for its owner alone.\n\n"
+                   "Example: qvltag dump tag.mfd --keys known.keys");
     return [arguments](Session& session) {
         return onTag(session, arguments->access, [&](const TagUID& tag) { return dumpTag(session, *arguments, tag); });
     };

@@ -7,8 +7,6 @@
 #include "TagAccess.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <array>
 #include <map>
 #include <memory>
@@ -70,33 +68,34 @@ Outcome unformatTag(Session& session, FormatArguments& arguments) {
 
 }  // namespace
 
-Work setUpFormat(CLI::App& app) {
+Work setUpFormat(Options& options) {
     const auto arguments = std::make_shared<FormatArguments>();
     static const std::map<std::string, TagAppType> kDirectories{
         {"1", TagAppMad1}, {"2", TagAppMad2}, {"none", TagAppNone}};
-    app.add_option("--mad", arguments->directory, "Version of the application directory: 1 (the default),\n2 or none")
-        ->type_name("VERSION")
-        ->transform(CLI::CheckedTransformer(kDirectories));
-    addKeyOption(app, "--new-key-b", arguments->keyB, "Key B of all sectors from then on")->required();
-    addKeyOption(app, "--new-key-a", arguments->keyA, "Key A of all sectors; mad with a directory, else factory");
-    addUidOption(app, arguments->access);
-    app.footer("The tag has to be in the factory state. From then on key A reads and key B writes.\n"
-               "Data blocks stay as they are, but for the directory in sector 0.\n\n"
-               "Example: qvltag format --new-key-b @master.key");
+    options
+        .choice("--mad", arguments->directory, kDirectories, false,
+                "Version of the application directory: 1 (the default),\n2 or none")
+        .type("VERSION");
+    addKeyOption(options, "--new-key-b", arguments->keyB, "Key B of all sectors from then on").required();
+    addKeyOption(options, "--new-key-a", arguments->keyA, "Key A of all sectors; mad with a directory, else factory");
+    addUidOption(options, arguments->access);
+    options.footer("The tag has to be in the factory state. From then on key A reads and key B writes.\n"
+                   "Data blocks stay as they are, but for the directory in sector 0.\n\n"
+                   "Example: qvltag format --new-key-b @master.key");
     return [arguments](Session& session) { return formatTag(session, *arguments); };
 }
 
-Work setUpUnformat(CLI::App& app) {
+Work setUpUnformat(Options& options) {
     const auto arguments = std::make_shared<FormatArguments>();
     static const std::map<std::string, TagAppType> kDirectories{{"1", TagAppMad1}, {"none", TagAppNone}};
-    addKeyOption(app, "--key-b", arguments->keyB, "Key B of all sectors")->required();
-    app.add_option("--mad", arguments->directory,
-                   "1 (the default) stops if sector 0 fails,\nnone goes on with the others")
-        ->type_name("VERSION")
-        ->transform(CLI::CheckedTransformer(kDirectories));
-    addUidOption(app, arguments->access);
-    app.footer("Sectors of applications have keys of their own: remove the applications first.\n"
-               "Block 1 keeps the checksum of an empty directory; \"write 1 00\" clears it.\n\n"
-               "Example: qvltag unformat --key-b @master.key");
+    addKeyOption(options, "--key-b", arguments->keyB, "Key B of all sectors").required();
+    options
+        .choice("--mad", arguments->directory, kDirectories, false,
+                "1 (the default) stops if sector 0 fails,\nnone goes on with the others")
+        .type("VERSION");
+    addUidOption(options, arguments->access);
+    options.footer("Sectors of applications have keys of their own: remove the applications first.\n"
+                   "Block 1 keeps the checksum of an empty directory; \"write 1 00\" clears it.\n\n"
+                   "Example: qvltag unformat --key-b @master.key");
     return [arguments](Session& session) { return unformatTag(session, *arguments); };
 }

@@ -39,14 +39,14 @@ Outcome showInfo(Session& session) {
         {"Device", device ? device : ""},
     };
     Json object{{"reader", adaptor.getAdaptorName()}};
-    if (!model.empty()) object["model"] = model;
-    object["firmware"] = firmware;
-    object["id"] = idText;
-    if (device) object["device"] = device;
+    if (!model.empty()) object.add("model", model);
+    object.add("firmware", firmware);
+    object.add("id", idText);
+    if (device) object.add("device", device);
     session.output().put(object, alignedRows(rows));
     return Outcome::done;
 }
 
 }  // namespace
 
-Work setUpInfo(CLI::App&) { return showInfo; }
+Work setUpInfo(Options&) { return showInfo; }

@@ -6,8 +6,6 @@
 #include "ServiceStatus.h"
 #include "TagAccess.h"
 
-#include <CLI/CLI.hpp>
-
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,19 +28,20 @@ Outcome setKeys(Session& session, const KeyArguments& arguments, const TagUID& t
     return tellSectors(session, status, records, "new keys");
 }
 
-Work setUpKeySet(CLI::App& app) {
+Work setUpKeySet(Options& options) {
     const auto arguments = std::make_shared<KeyArguments>();
-    app.add_option("SECTOR", arguments->place.sector, "The first sector; none with --app")
-        ->type_name("")
-        ->check(CLI::Range(0, kLastSector));
-    addSectorCount(app, arguments->place, arguments->access);
-    addKeyOptions(app, arguments->access);
-    addKeyOption(app, "--new-key-a", arguments->newKeyA, "Key A from then on")->required();
-    addKeyOption(app, "--new-key-b", arguments->newKeyB, "Key B from then on")->required();
-    addUidOption(app, arguments->access);
-    app.footer("Give the key that may write the trailer: A of factory sectors, B of formatted ones.\n\n"
-               "Example: qvltag key set --app 4711 --key @old.b --key-type b --new-key-a @new.a --new-key-b @new.b");
-    app.callback([arguments] { arguments->place.check(arguments->access); });
+    options.value("SECTOR", arguments->place.sector, "The first sector; none with --app")
+        .type("")
+        .range(0, kLastSector);
+    addSectorCount(options, arguments->place, arguments->access);
+    addKeyOptions(options, arguments->access);
+    addKeyOption(options, "--new-key-a", arguments->newKeyA, "Key A from then on").required();
+    addKeyOption(options, "--new-key-b", arguments->newKeyB, "Key B from then on").required();
+    addUidOption(options, arguments->access);
+    options.footer(
+        "Give the key that may write the trailer: A of factory sectors, B of formatted ones.\n\n"
+        "Example: qvltag key set --app 4711 --key @old.b --key-type b --new-key-a @new.a --new-key-b @new.b");
+    options.whenRead([arguments] { arguments->place.check(arguments->access); });
     return [arguments](Session& session) {
         return onTag(session, arguments->access, [&](const TagUID& tag) { return setKeys(session, *arguments, tag); });
     };
@@ -50,7 +49,7 @@ Work setUpKeySet(CLI::App& app) {
 
 }  // namespace
 
-Work setUpKey(CLI::App& app) {
+Work setUpKey(Options& options) {
     static constexpr Command kCommands[] = {{"set", "Change both keys of sectors", setUpKeySet}};
-    return addCommands(app, kCommands);
+    return addCommands(options, kCommands);
 }

@@ -4,8 +4,6 @@
 #include "TagAccess.h"
 #include "TagLayout.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cctype>
 #include <stdexcept>
@@ -22,13 +20,14 @@ Key keyAt(const std::string& image, std::size_t offset) {
 
 }  // namespace
 
-void KeyRing::addOptions(CLI::App& app) {
-    addKeyOption(app, "--key", mKeyA, "Key A of the sectors; factory and mad are tried if nothing is given");
-    addKeyOption(app, "--key-b", mKeyB, "Key B of the sectors");
-    addTextOption(
-        app, "--keys", [this](const std::string& name) { readFile(name); },
-        "More keys: a file with one on a line, each tried as A and B,\nor an image file whose trailers hold them")
-        ->type_name("FILE");
+void KeyRing::addOptions(Options& options) {
+    addKeyOption(options, "--key", mKeyA, "Key A of the sectors; factory and mad are tried if nothing is given");
+    addKeyOption(options, "--key-b", mKeyB, "Key B of the sectors");
+    options
+        .text(
+            "--keys", [this](const std::string& name) { readFile(name); },
+            "More keys: a file with one on a line, each tried as A and B,\nor an image file whose trailers hold them")
+        .type("FILE");
 }
 
 void KeyRing::readFile(const std::string& name) {

@@ -2,6 +2,7 @@
 
 #include "AccessText.h"
 #include "Key.h"
+#include "Options.h"
 #include "Session.h"
 
 #include <array>
@@ -9,15 +10,11 @@
 #include <string>
 #include <vector>
 
-namespace CLI {
-class App;
-}
-
 /// Keys that may open the sectors of a tag.
 class KeyRing {
   public:
     /// --key, --key-b and --keys.
-    void addOptions(CLI::App& app);
+    void addOptions(Options& options);
 
     /// Those worth a try as key A or B of a sector, the likeliest first. With nothing given, the published keys.
     std::vector<Key> candidates(int sector, AuthKeyMode mode) const;

@@ -3,8 +3,6 @@
 #include "Command.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -36,26 +34,22 @@ Outcome switchLed(Session& session, const LedArguments& arguments) {
 
 }  // namespace
 
-Work setUpLed(CLI::App& app) {
+Work setUpLed(Options& options) {
     const auto arguments = std::make_shared<LedArguments>();
-    app.add_option("LED", arguments->led, "Number of the light, 0 to 3")
-        ->required()
-        ->type_name("")
-        ->check(CLI::Range(0, kHighestLed));
-    app.add_option("STATE", arguments->state, "on or off")
-        ->required()
-        ->type_name("")
-        ->check(CLI::IsMember({"on", "off"}));
-    app.add_option("--duration", arguments->duration,
-                   "How long the reader lights it, 0 to 31 of its own steps; 1 by default")
-        ->type_name("D")
-        ->check(CLI::Range(0, kLongestDuration));
-    app.add_option("--for", arguments->staySeconds,
-                   "How long the program stays, for leaving turns all lights off;\n1 by default")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0.0, kLongestStaySeconds));
-    app.footer("LED 3 is a switch: it keeps its state whatever the duration. An MF RC500 has no\n"
-               "lights that the library can switch, and nothing happens.\n\n"
-               "Example: qvltag led 2 on --duration 5");
+    options.value("LED", arguments->led, "Number of the light, 0 to 3").required().type("").range(0, kHighestLed);
+    options.value("STATE", arguments->state, "on or off").required().type("").oneOf({"on", "off"});
+    options
+        .value("--duration", arguments->duration,
+               "How long the reader lights it, 0 to 31 of its own steps; 1 by default")
+        .type("D")
+        .range(0, kLongestDuration);
+    options
+        .value("--for", arguments->staySeconds,
+               "How long the program stays, for leaving turns all lights off;\n1 by default")
+        .type("SECONDS")
+        .range(0.0, kLongestStaySeconds);
+    options.footer("LED 3 is a switch: it keeps its state whatever the duration. An MF RC500 has no\n"
+                   "lights that the library can switch, and nothing happens.\n\n"
+                   "Example: qvltag led 2 on --duration 5");
     return [arguments](Session& session) { return switchLed(session, *arguments); };
 }

@@ -7,8 +7,6 @@
 #include "TagAccess.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <memory>
 #include <span>
 #include <string>
@@ -30,17 +28,18 @@ void tellApps(Session& session, const TagAccess& access, const TagUID& tag, Json
         session.adaptor().getAllAppId(0, TagAppMad1, tag, count, ids.out(), access.madKeyMode, access.madKeyBytes());
     if (status != kOk) {
         const Problem problem = problemOf(status);
-        object["error"] = problem.name;
-        object["status"] = status;
+        object.add("error", problem.name);
+        object.add("status", status);
         return row.push_back(problem.name);
     }
-    object["apps"] = Json::array();
+    Json apps = Json::array();
     std::string text;
     for (const short each : std::span(ids.get(), static_cast<std::size_t>(count))) {
         const std::string id = appText(static_cast<std::uint16_t>(each));
-        object["apps"].push_back(id);
+        apps.push_back(id);
         text += (text.empty() ? "" : " ") + id;
     }
+    object.add("apps", apps);
     row.push_back(text.empty() ? "no application" : text);
 }
 
@@ -66,10 +65,10 @@ Outcome listTags(Session& session, const LsArguments& arguments) {
 
 }  // namespace
 
-Work setUpLs(CLI::App& app) {
+Work setUpLs(Options& options) {
     const auto arguments = std::make_shared<LsArguments>();
-    app.add_flag("--apps", arguments->apps, "Show the applications of each tag too");
-    addAppOption(app, arguments->access)->description("Only tags with this application");
-    app.footer("Example: qvltag ls --apps");
+    options.flag("--apps", arguments->apps, "Show the applications of each tag too");
+    addAppOption(options, arguments->access).description("Only tags with this application");
+    options.footer("Example: qvltag ls --apps");
     return [arguments](Session& session) { return listTags(session, *arguments); };
 }

@@ -181,19 +181,19 @@ std::vector<NdefRecord> ndefRecords(View message) {
 
 void tellNdefRecord(Output& output, std::size_t number, const NdefRecord& record) {
     Json object{{"record", number}};
-    if (!record.id.empty()) object["id"] = textOf(record.id);
+    if (!record.id.empty()) object.add("id", textOf(record.id));
     if (const auto uri = uriOf(record)) {
-        object["uri"] = *uri;
+        object.add("uri", *uri);
         return output.put(object, "URI   " + withoutControls(*uri));
     }
     if (const auto words = wordsOf(record)) {
-        object["text"] = words->second;
-        object["language"] = words->first;
+        object.add("text", words->second);
+        object.add("language", words->first);
         return output.put(object,
                           "Text  " + withoutControls(words->second) + " (" + withoutControls(words->first) + ")");
     }
-    object["type"] = typeText(record);
-    object["data"] = hexDigits(record.payload);
+    object.add("type", typeText(record));
+    object.add("data", hexDigits(record.payload));
     const std::string dump = dumpRows("      ", record.payload);
     output.put(object, "Type  " + withoutControls(typeText(record)) + (dump.empty() ? "" : "\n" + dump));
 }

@@ -40,10 +40,10 @@ void Output::note(const std::string& text) {
 Outcome Output::error(const Problem& problem, const std::string& where) {
     if (mJson) {
         Json object{{"error", problem.name}};
-        if (problem.status != 0) object["status"] = problem.status;
-        if (!where.empty()) object["where"] = where;
-        object["meaning"] = problem.meaning;
-        if (!problem.advice.empty()) object["advice"] = problem.advice;
+        if (problem.status != 0) object.add("status", problem.status);
+        if (!where.empty()) object.add("where", where);
+        object.add("meaning", problem.meaning);
+        if (!problem.advice.empty()) object.add("advice", problem.advice);
         writeLine(object);
         return problem.outcome;
     }
@@ -58,7 +58,4 @@ void Output::plain(std::string_view text) {
     if (mOpen) mOpen = writeAll(mOut.get(), text);
 }
 
-void Output::writeLine(const Json& object) {
-    // File names may hold bytes that are no UTF-8.
-    plain(object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
-}
+void Output::writeLine(const Json& object) { plain(object.text() + "\n"); }

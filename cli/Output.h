@@ -1,14 +1,11 @@
 #pragma once
 
 #include "Descriptor.h"
+#include "Json.h"
 #include "Outcome.h"
-
-#include <nlohmann/json.hpp>
 
 #include <string>
 #include <string_view>
-
-using Json = nlohmann::ordered_json;
 
 /// What the program says, in one of two forms: text for people, with complaints on standard error, or one JSON object a
 /// line on standard output for everything. For one thread at a time.

@@ -5,8 +5,6 @@
 #include "TagTypes.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -107,21 +105,20 @@ class Poll {
 
 }  // namespace
 
-Work setUpPoll(CLI::App& app) {
+Work setUpPoll(Options& options) {
     const auto arguments = std::make_shared<PollArguments>();
-    auto* count = app.add_option("--count", arguments->count, "End after this many tags")
-                      ->type_name("N")
-                      ->check(CLI::Range(1U, kLargestCount));
-    auto* seconds = app.add_option("--for", arguments->seconds, "End after this time")
-                        ->type_name("SECONDS")
-                        ->check(CLI::Range(kShortestSeconds, kLongestSeconds));
-    app.add_flag("--forced", arguments->forced, "Tell of every tag in the field in each round, not once");
-    app.add_flag("--once", arguments->once, "A single look, which fails if no tag is there")
-        ->excludes(count)
-        ->excludes(seconds);
-    app.footer("Without --count, --for or --once it goes on until Ctrl-C, which is no failure then.\n"
-               "A reader that is pulled out and plugged in again is told of, and polling goes on.\n\n"
-               "Example: qvltag --virtual new:1k --virtual new:ultralight poll --count 2");
+    const Option count =
+        options.value("--count", arguments->count, "End after this many tags").type("N").range(1U, kLargestCount);
+    const Option seconds = options.value("--for", arguments->seconds, "End after this time")
+                               .type("SECONDS")
+                               .range(kShortestSeconds, kLongestSeconds);
+    options.flag("--forced", arguments->forced, "Tell of every tag in the field in each round, not once");
+    options.flag("--once", arguments->once, "A single look, which fails if no tag is there")
+        .excludes(count)
+        .excludes(seconds);
+    options.footer("Without --count, --for or --once it goes on until Ctrl-C, which is no failure then.\n"
+                   "A reader that is pulled out and plugged in again is told of, and polling goes on.\n\n"
+                   "Example: qvltag --virtual new:1k --virtual new:ultralight poll --count 2");
     return [arguments](Session& session) {
         Poll poll(session, *arguments);
         return arguments->once ? poll.once() : poll.follow();

@@ -8,8 +8,6 @@
 #include "ServiceStatus.h"
 #include "TagAccess.h"
 
-#include <CLI/CLI.hpp>
-
 #include <memory>
 #include <string>
 
@@ -36,21 +34,21 @@ Outcome readBlocks(Session& session, const ReadArguments& arguments, const TagUI
 
 }  // namespace
 
-Work setUpRead(CLI::App& app) {
+Work setUpRead(Options& options) {
     const auto arguments = std::make_shared<ReadArguments>();
-    app.add_option("BLOCK", arguments->block, "The first block, counted from 0")
-        ->required()
-        ->type_name("")
-        ->check(CLI::Range(0, kLastBlock));
-    addTextOption(
-        app, "COUNT", [arguments](const std::string& text) { arguments->count = blockCountFromText(text); },
+    options.value("BLOCK", arguments->block, "The first block, counted from 0")
+        .required()
+        .type("")
+        .range(0, kLastBlock);
+    options.text(
+        "COUNT", [arguments](const std::string& text) { arguments->count = blockCountFromText(text); },
         "How many data blocks, or \"all\"; 1 by default");
-    addKeyOptions(app, arguments->access);
-    addAppOption(app, arguments->access);
-    app.add_option("--file", arguments->file, "Write the bytes to this file, do not show them")->type_name("FILE");
-    addUidOption(app, arguments->access);
-    app.footer("Trailers are no data: they are skipped and do not count.\n\n"
-               "Example: qvltag read 4 3 --key @door.key --key-type b");
+    addKeyOptions(options, arguments->access);
+    addAppOption(options, arguments->access);
+    options.value("--file", arguments->file, "Write the bytes to this file, do not show them").type("FILE");
+    addUidOption(options, arguments->access);
+    options.footer("Trailers are no data: they are skipped and do not count.\n\n"
+                   "Example: qvltag read 4 3 --key @door.key --key-type b");
     return [arguments](Session& session) {
         return onTag(session, arguments->access,
                      [&](const TagUID& tag) { return readBlocks(session, *arguments, tag); });

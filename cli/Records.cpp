@@ -16,7 +16,7 @@ void tellRecords(Output& output, const char* unit, std::span<const OpResultCode>
         const std::string name = each.status == kOk ? "" : problemOf(each.status).name;
         if (output.isJson()) {
             Json object{{unit, each.number}, {"status", each.status}};
-            if (!name.empty()) object["error"] = name;
+            if (!name.empty()) object.add("error", name);
             output.put(object, "");
         }
         rows.push_back(

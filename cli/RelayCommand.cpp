@@ -6,8 +6,6 @@
 #include "ServiceStatus.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <array>
 #include <memory>
 #include <optional>
@@ -68,7 +66,7 @@ Outcome relayAll(Session& session, const std::vector<Bytes>& commands) {
         Json object{{"command", hexDigits(command)}, {"reply", hexDigits(reply)}};
         std::string text = dumpRows("> ", command) + "\n" + (reply.empty() ? "< (nothing)" : dumpRows("< ", reply));
         if (const auto firmware = firmwareOf(command, reply)) {
-            object["firmware"] = *firmware;
+            object.add("firmware", *firmware);
             text += "\nFirmware " + *firmware;
         }
         session.output().put(object, text);
@@ -78,23 +76,24 @@ Outcome relayAll(Session& session, const std::vector<Bytes>& commands) {
 
 }  // namespace
 
-Work setUpRelay(CLI::App& app) {
+Work setUpRelay(Options& options) {
     const auto arguments = std::make_shared<RelayArguments>();
-    app.add_option("HEX", arguments->words,
-                   "Commands, each one argument: code and parameters in hexadecimal,\n"
-                   "with blanks and colons as one likes")
-        ->required()
-        ->type_name("...");
-    app.footer("The reply is shown from its code on. What is changed in the reader this way, the\n"
-               "library does not know of. An MF RC500 has no relay, which is status 3139.\n\n"
-               "Example: qvltag relay 02          the firmware version of the reader's chip");
-    app.callback([arguments] {
+    options
+        .value("HEX", arguments->words,
+               "Commands, each one argument: code and parameters in hexadecimal,\n"
+               "with blanks and colons as one likes")
+        .required()
+        .type("...");
+    options.footer("The reply is shown from its code on. What is changed in the reader this way, the\n"
+                   "library does not know of. An MF RC500 has no relay, which is status 3139.\n\n"
+                   "Example: qvltag relay 02          the firmware version of the reader's chip");
+    options.whenRead([arguments] {
         for (const std::string& each : arguments->words)
             try {
                 arguments->commands.push_back(commandFromText(each, true));
             } catch (const std::invalid_argument& wrong) {
-                throw CLI::ValidationError("command " + std::to_string(arguments->commands.size() + 1) + ": " +
-                                           wrong.what());
+                throw std::invalid_argument("command " + std::to_string(arguments->commands.size() + 1) + ": " +
+                                            wrong.what());
             }
     });
     return [arguments](Session& session) { return relayAll(session, arguments->commands); };

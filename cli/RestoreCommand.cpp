@@ -11,8 +11,6 @@
 #include "TagLayout.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <array>
 #include <memory>
@@ -173,23 +171,24 @@ Outcome restoreTag(Session& session, RestoreArguments& arguments, const TagUID& 
 
 }  // namespace
 
-Work setUpRestore(CLI::App& app) {
+Work setUpRestore(Options& options) {
     const auto arguments = std::make_shared<RestoreArguments>();
-    addTextOption(
-        app, "FILE",
-        [arguments](const std::string& name) {
-            arguments->image.readFile(name, kLargestImage);
-            arguments->file = name;
-        },
-        "The image file, block 0 upwards")
-        ->required();
-    arguments->keys.addOptions(app);
-    app.add_flag("--trailers", arguments->trailers, "Write trailers too: keys and conditions of the image");
-    addUidOption(app, arguments->access);
-    app.footer("--key, --key-b and --keys are the keys that the tag has now. Block 0, and pages 0 to 3 of an\n"
-               "Ultralight, are never written. Of trailers only those of factory and formatted sectors can be\n"
-               "written, and none with a key of zeros, as images hold that were read without the keys.\n\n"
-               "Example: qvltag restore tag.mfd --keys known.keys");
+    options
+        .text(
+            "FILE",
+            [arguments](const std::string& name) {
+                arguments->image.readFile(name, kLargestImage);
+                arguments->file = name;
+            },
+            "The image file, block 0 upwards")
+        .required();
+    arguments->keys.addOptions(options);
+    options.flag("--trailers", arguments->trailers, "Write trailers too: keys and conditions of the image");
+    addUidOption(options, arguments->access);
+    options.footer("--key, --key-b and --keys are the keys that the tag has now. Block 0, and pages 0 to 3 of an\n"
+                   "Ultralight, are never written. Of trailers only those of factory and formatted sectors can be\n"
+                   "written, and none with a key of zeros, as images hold that were read without the keys.\n\n"
+                   "Example: qvltag restore tag.mfd --keys known.keys");
     return [arguments](Session& session) {
         return onTag(session, arguments->access,
                      [&](const TagUID& tag) { return restoreTag(session, *arguments, tag); });

@@ -10,12 +10,12 @@ struct SectorPlace {
     int sector = -1;
     short count = 1;
 
-    /// @throws CLI::ValidationError unless the line says just one of the two.
+    /// @throws std::invalid_argument unless the line says just one of the two.
     void check(const TagAccess& access) const;
 };
 
 /// --count and --app.
-void addSectorCount(CLI::App& app, SectorPlace& place, TagAccess& access);
+void addSectorCount(Options& options, SectorPlace& place, TagAccess& access);
 
 /// Says which sectors were changed, `what` being what they have got, or what went wrong.
 Outcome tellSectors(Session& session, int status, const Records& records, const char* what);

@@ -4,8 +4,6 @@
 #include "ServiceStatus.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -16,6 +14,7 @@
 namespace {
 
 constexpr std::size_t kLongestUid = 10;
+const std::map<std::string, AuthKeyMode> kKeyTypes{{"a", AuthKeyA}, {"b", AuthKeyB}};
 constexpr unsigned kFirstApp = 6, kLastApp = 0xFFFF;
 
 std::uint16_t appFromText(std::string_view text) {
@@ -47,73 +46,63 @@ Outcome theTagWithUid(Session& session, const TagAccess& access, const std::func
 
 }  // namespace
 
-CLI::Option* addTextOption(CLI::App& app, const char* name, std::function<void(const std::string&)> take,
-                           const char* description) {
-    return app
-        .add_option_function<std::string>(
-            name,
-            [name, take = std::move(take)](const std::string& text) {
-                try {
-                    take(text);
-                } catch (const std::invalid_argument& wrong) {
-                    throw CLI::ValidationError(name, wrong.what());
-                }
-            },
-            description)
-        ->type_name("");
+void addUidOption(Options& options, TagAccess& access) {
+    options
+        .text(
+            "--uid", [&access](const std::string& text) { access.uid = uidFromText(text); },
+            "Only the tag with this UID, not the first one found")
+        .type("HEX");
 }
 
-void addUidOption(CLI::App& app, TagAccess& access) {
-    addTextOption(
-        app, "--uid", [&access](const std::string& text) { access.uid = uidFromText(text); },
-        "Only the tag with this UID, not the first one found")
-        ->type_name("HEX");
+Option addKeyOption(Options& options, const char* name, std::optional<Key>& key, const char* description) {
+    return options
+        .text(
+            name, [&key](const std::string& text) { key = keyFromText(text); }, description)
+        .type("KEY");
 }
 
-CLI::Option* addKeyOption(CLI::App& app, const char* name, std::optional<Key>& key, const char* description) {
-    return addTextOption(
-               app, name, [&key](const std::string& text) { key = keyFromText(text); }, description)
-        ->type_name("KEY");
+Option addKeyTypeOption(Options& options, AuthKeyMode& mode, const char* fallback) {
+    return options
+        .choice("--key-type", mode, kKeyTypes, true,
+                std::string("Which key of the sector that is, a or b; ") + fallback)
+        .type("TYPE");
 }
 
-CLI::Option* addKeyTypeOption(CLI::App& app, AuthKeyMode& mode, const char* fallback) {
-    static const std::map<std::string, AuthKeyMode> kTypes{{"a", AuthKeyA}, {"b", AuthKeyB}};
-    return app.add_option("--key-type", mode, std::string("Which key of the sector that is, a or b; ") + fallback)
-        ->type_name("TYPE")
-        ->transform(CLI::CheckedTransformer(kTypes, CLI::ignore_case));
+void addKeyOptions(Options& options, TagAccess& access) {
+    options
+        .text(
+            "--key", [&access](const std::string& text) { access.key = keyFromText(text); },
+            "Key of the sectors: 12 digits, factory (the default), mad,\n@FILE or env:NAME")
+        .type("KEY");
+    addKeyTypeOption(options, access.keyMode, "a by default");
 }
 
-void addKeyOptions(CLI::App& app, TagAccess& access) {
-    addTextOption(
-        app, "--key", [&access](const std::string& text) { access.key = keyFromText(text); },
-        "Key of the sectors: 12 digits, factory (the default), mad,\n@FILE or env:NAME")
-        ->type_name("KEY");
-    addKeyTypeOption(app, access.keyMode, "a by default");
+void addMadKeyOptions(Options& options, TagAccess& access) {
+    const Option key =
+        addKeyOption(options, "--mad-key", access.madKey, "Key of the directory, if not its public key A");
+    options
+        .choice("--mad-key-type", access.madKeyMode, kKeyTypes, true,
+                "Which key of sector 0 that is, a or b; a by default")
+        .type("TYPE")
+        .needs(key);
 }
 
-void addMadKeyOptions(CLI::App& app, TagAccess& access) {
-    auto* key = addKeyOption(app, "--mad-key", access.madKey, "Key of the directory, if not its public key A");
-    static const std::map<std::string, AuthKeyMode> kTypes{{"a", AuthKeyA}, {"b", AuthKeyB}};
-    app.add_option("--mad-key-type", access.madKeyMode, "Which key of sector 0 that is, a or b; a by default")
-        ->type_name("TYPE")
-        ->transform(CLI::CheckedTransformer(kTypes, CLI::ignore_case))
-        ->needs(key);
-}
-
-CLI::Option* addAppOption(CLI::App& app, TagAccess& access) {
-    auto* option = addTextOption(
-                       app, "--app", [&access](const std::string& text) { access.app = appFromText(text); },
-                       "Count blocks and sectors within this application, from 0")
-                       ->type_name("ID");
-    addMadKeyOptions(app, access);
+Option addAppOption(Options& options, TagAccess& access) {
+    const Option option = options
+                              .text(
+                                  "--app", [&access](const std::string& text) { access.app = appFromText(text); },
+                                  "Count blocks and sectors within this application, from 0")
+                              .type("ID");
+    addMadKeyOptions(options, access);
     return option;
 }
 
-void addAppId(CLI::App& app, std::optional<std::uint16_t>& id) {
-    addTextOption(
-        app, "ID", [&id](const std::string& text) { id = appFromText(text); },
-        "The application, a hexadecimal number from 6 to FFFF")
-        ->required();
+void addAppId(Options& options, std::optional<std::uint16_t>& id) {
+    options
+        .text(
+            "ID", [&id](const std::string& text) { id = appFromText(text); },
+            "The application, a hexadecimal number from 6 to FFFF")
+        .required();
 }
 
 Outcome onTag(Session& session, const TagAccess& access, const std::function<Outcome(const TagUID&)>& work) {

@@ -1,16 +1,12 @@
 #pragma once
 
 #include "Key.h"
+#include "Options.h"
 #include "Session.h"
 
 #include <functional>
 #include <optional>
 #include <vector>
-
-namespace CLI {
-class App;
-class Option;
-}  // namespace CLI
 
 /// Which tag a command works on, how its memory is addressed, and with which keys.
 struct TagAccess {
@@ -31,23 +27,19 @@ struct TagAccess {
 // Options, which complain about what cannot be while the line is parsed.
 
 /// --uid
-void addUidOption(CLI::App& app, TagAccess& access);
+void addUidOption(Options& options, TagAccess& access);
 /// --key and --key-type
-void addKeyOptions(CLI::App& app, TagAccess& access);
+void addKeyOptions(Options& options, TagAccess& access);
 /// --key-type alone; `fallback` is the type that it says is the default.
-CLI::Option* addKeyTypeOption(CLI::App& app, AuthKeyMode& mode, const char* fallback);
+Option addKeyTypeOption(Options& options, AuthKeyMode& mode, const char* fallback);
 /// --mad-key and --mad-key-type
-void addMadKeyOptions(CLI::App& app, TagAccess& access);
+void addMadKeyOptions(Options& options, TagAccess& access);
 /// --app, and the keys of the directory.
-CLI::Option* addAppOption(CLI::App& app, TagAccess& access);
+Option addAppOption(Options& options, TagAccess& access);
 /// A key under a name of its own.
-CLI::Option* addKeyOption(CLI::App& app, const char* name, std::optional<Key>& key, const char* description);
+Option addKeyOption(Options& options, const char* name, std::optional<Key>& key, const char* description);
 /// ID in its place.
-void addAppId(CLI::App& app, std::optional<std::uint16_t>& id);
-
-/// An option or place whose text `take` reads. What `take` throws as std::invalid_argument becomes a complaint.
-CLI::Option* addTextOption(CLI::App& app, const char* name, std::function<void(const std::string&)> take,
-                           const char* description);
+void addAppId(Options& options, std::optional<std::uint16_t>& id);
 
 /// Waits for a tag and says what is wrong, or runs `work` on it: the one with the UID that is wanted, else one that
 /// carries the application, else the first that is found. The tag sleeps; operations wake it.

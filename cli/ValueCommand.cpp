@@ -5,8 +5,6 @@
 #include "ServiceStatus.h"
 #include "TagAccess.h"
 
-#include <CLI/CLI.hpp>
-
 #include <cstdint>
 #include <limits>
 #include <memory>
@@ -61,7 +59,7 @@ Outcome adjustValue(Session& session, const ValueArguments& arguments, const Tag
     const bool up = operation == ValueIncrement;
     const std::string amount = std::to_string(arguments.amount), block = blockText(arguments.block);
     Json object{{"block", arguments.block}, {up ? "added" : "taken", arguments.amount}};
-    if (arguments.to != kSameBlock) object["to"] = arguments.to;
+    if (arguments.to != kSameBlock) object.add("to", arguments.to);
     session.output().put(object, arguments.to == kSameBlock
                                      ? amount + (up ? " added to " : " taken from ") + block
                                      : blockText(arguments.to) + " is " + block + (up ? " plus " : " less ") + amount);
@@ -87,20 +85,17 @@ Outcome makeValueBlock(Session& session, const ValueArguments& arguments, const 
     return Outcome::done;
 }
 
-void addPlace(CLI::App& app, ValueArguments& arguments) {
-    app.add_option("BLOCK", arguments.block, "The value block, counted from 0")
-        ->required()
-        ->type_name("")
-        ->check(CLI::Range(0, kLastBlock));
-    addAppOption(app, arguments.access);
-    addUidOption(app, arguments.access);
+void addPlace(Options& options, ValueArguments& arguments) {
+    options.value("BLOCK", arguments.block, "The value block, counted from 0").required().type("").range(0, kLastBlock);
+    addAppOption(options, arguments.access);
+    addUidOption(options, arguments.access);
 }
 
-void addAmount(CLI::App& app, ValueArguments& arguments, const char* description, std::int64_t least) {
-    app.add_option("N", arguments.amount, description)
-        ->required()
-        ->type_name("")
-        ->check(CLI::Range(least, std::int64_t{std::numeric_limits<std::int32_t>::max()}));
+void addAmount(Options& options, ValueArguments& arguments, const char* description, std::int64_t least) {
+    options.value("N", arguments.amount, description)
+        .required()
+        .type("")
+        .range(least, std::int64_t{std::numeric_limits<std::int32_t>::max()});
 }
 
 /// Work of one operation on a tag.
@@ -112,57 +107,57 @@ Work workOf(const std::shared_ptr<ValueArguments>& arguments, Operation operatio
     };
 }
 
-Work setUpGet(CLI::App& app) {
+Work setUpGet(Options& options) {
     const auto arguments = std::make_shared<ValueArguments>();
-    addPlace(app, *arguments);
-    addKeyOptions(app, arguments->access);
+    addPlace(options, *arguments);
+    addKeyOptions(options, arguments->access);
     return workOf(arguments, getValue);
 }
 
-Work setUpSet(CLI::App& app) {
+Work setUpSet(Options& options) {
     const auto arguments = std::make_shared<ValueArguments>();
-    addPlace(app, *arguments);
-    addAmount(app, *arguments, "The new value", std::numeric_limits<std::int32_t>::min());
-    addKeyOptions(app, arguments->access);
+    addPlace(options, *arguments);
+    addAmount(options, *arguments, "The new value", std::numeric_limits<std::int32_t>::min());
+    addKeyOptions(options, arguments->access);
     return workOf(arguments, setValue);
 }
 
 template <ValueBlockOper operation>
-Work setUpAdjust(CLI::App& app) {
+Work setUpAdjust(Options& options) {
     const auto arguments = std::make_shared<ValueArguments>();
-    addPlace(app, *arguments);
-    addAmount(app, *arguments, "By how much", 1);
-    app.add_option("--to", arguments->to, "Put the result into this block of the sector instead")
-        ->type_name("BLOCK")
-        ->check(CLI::Range(0, kLastBlock));
-    addKeyOptions(app, arguments->access);
-    app.footer("If it is unknown whether the change took place, read the value before you repeat it.");
+    addPlace(options, *arguments);
+    addAmount(options, *arguments, "By how much", 1);
+    options.value("--to", arguments->to, "Put the result into this block of the sector instead")
+        .type("BLOCK")
+        .range(0, kLastBlock);
+    addKeyOptions(options, arguments->access);
+    options.footer("If it is unknown whether the change took place, read the value before you repeat it.");
     return workOf(arguments, [](Session& session, const ValueArguments& given, const TagUID& tag) {
         return adjustValue(session, given, tag, operation);
     });
 }
 
-Work setUpValueInit(CLI::App& app) {
+Work setUpValueInit(Options& options) {
     const auto arguments = std::make_shared<ValueArguments>();
-    addPlace(app, *arguments);
-    addAmount(app, *arguments, "Its first value", std::numeric_limits<std::int32_t>::min());
-    app.add_flag("--decrement-only", arguments->decrementOnly,
+    addPlace(options, *arguments);
+    addAmount(options, *arguments, "Its first value", std::numeric_limits<std::int32_t>::min());
+    options.flag("--decrement-only", arguments->decrementOnly,
                  "A block that nobody can fill up again; not with value 0");
-    addKeyOption(app, "--key-a", arguments->keyA, "Key A of the sector, which is written again")->required();
-    addKeyOption(app, "--key-b", arguments->keyB, "Key B of the sector, which opens it")->required();
-    app.footer("What key A is given becomes key A: it cannot be read from the tag.\n"
-               "In a sector of sixteen blocks the condition reaches a group of five.\n\n"
-               "Example: qvltag value init 0 100 --app 4711 --key-a @door.a --key-b @door.b");
-    app.callback([arguments] {
+    addKeyOption(options, "--key-a", arguments->keyA, "Key A of the sector, which is written again").required();
+    addKeyOption(options, "--key-b", arguments->keyB, "Key B of the sector, which opens it").required();
+    options.footer("What key A is given becomes key A: it cannot be read from the tag.\n"
+                   "In a sector of sixteen blocks the condition reaches a group of five.\n\n"
+                   "Example: qvltag value init 0 100 --app 4711 --key-a @door.a --key-b @door.b");
+    options.whenRead([arguments] {
         if (arguments->decrementOnly && arguments->amount == 0)
-            throw CLI::ValidationError("N: a block that can only be decremented cannot start with 0");
+            throw std::invalid_argument("N: a block that can only be decremented cannot start with 0");
     });
     return workOf(arguments, makeValueBlock);
 }
 
 }  // namespace
 
-Work setUpValue(CLI::App& app) {
+Work setUpValue(Options& options) {
     static constexpr Command kCommands[] = {
         {"get", "Show the value", setUpGet},
         {"set", "Write a value", setUpSet},
@@ -170,5 +165,5 @@ Work setUpValue(CLI::App& app) {
         {"dec", "Take from the value", setUpAdjust<ValueDecrement>},
         {"init", "Make a value block", setUpValueInit},
     };
-    return addCommands(app, kCommands);
+    return addCommands(options, kCommands);
 }

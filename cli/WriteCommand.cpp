@@ -7,8 +7,6 @@
 #include "TagAccess.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
-
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,22 +41,23 @@ Outcome writeBlocks(Session& session, WriteArguments& arguments, const TagUID& t
 
 }  // namespace
 
-Work setUpWrite(CLI::App& app) {
+Work setUpWrite(Options& options) {
     const auto arguments = std::make_shared<WriteArguments>();
-    app.add_option("BLOCK", arguments->block, "The first block, counted from 0")
-        ->required()
-        ->type_name("")
-        ->check(CLI::Range(0, kLastBlock));
-    addDataOptions(app, arguments->data);
-    addTextOption(
-        app, "--count", [arguments](const std::string& text) { arguments->count = blockCountFromText(text); },
-        "How many data blocks, or \"all\"; as many as the data\nneeds by default")
-        ->type_name("N");
-    addKeyOptions(app, arguments->access);
-    addAppOption(app, arguments->access);
-    addUidOption(app, arguments->access);
-    app.footer("Trailers are skipped and do not count. What the data leaves of the blocks becomes zero.\n\n"
-               "Example: qvltag write 4 --text \"Door 17\" --key env:DOOR_KEY --key-type b");
+    options.value("BLOCK", arguments->block, "The first block, counted from 0")
+        .required()
+        .type("")
+        .range(0, kLastBlock);
+    addDataOptions(options, arguments->data);
+    options
+        .text(
+            "--count", [arguments](const std::string& text) { arguments->count = blockCountFromText(text); },
+            "How many data blocks, or \"all\"; as many as the data\nneeds by default")
+        .type("N");
+    addKeyOptions(options, arguments->access);
+    addAppOption(options, arguments->access);
+    addUidOption(options, arguments->access);
+    options.footer("Trailers are skipped and do not count. What the data leaves of the blocks becomes zero.\n\n"
+                   "Example: qvltag write 4 --text \"Door 17\" --key env:DOOR_KEY --key-type b");
     return [arguments](Session& session) {
         return onTag(session, arguments->access,
                      [&](const TagUID& tag) { return writeBlocks(session, *arguments, tag); });

@@ -2,6 +2,7 @@
 
 #include "Command.h"
 #include "Interrupt.h"
+#include "Options.h"
 #include "Output.h"
 #include "Session.h"
 
@@ -63,11 +64,12 @@ std::string withoutKeys(const std::string& text) {
 class CommandLine {
   public:
     CommandLine() : mApp("Work with contactless tags and smart cards through a reader.", "qvltag") {
-        addSharedOptions();
+        Options options(mApp);
+        addSharedOptions(options);
         mApp.formatter(std::make_shared<PlainHelp>());
         mApp.fallthrough();
         mApp.footer(kExamples);
-        mWork = addCommands(mApp, commands());
+        mWork = addCommands(options, commands());
     }
 
     /// @throws CLI::ParseError for a wrong line, and for help and version.
@@ -78,7 +80,7 @@ class CommandLine {
     Outcome answer(const CLI::ParseError& thrown, Output& output) const;
 
   private:
-    void addSharedOptions();
+    void addSharedOptions(Options& options);
 
     CLI::App mApp;
     SessionSettings mSettings;
@@ -86,26 +88,28 @@ class CommandLine {
     Work mWork;
 };
 
-void CommandLine::addSharedOptions() {
-    mApp.add_flag("--json", mJson, "Say everything, complaints too, as one JSON object a line");
-    auto* images = mApp.add_option("--virtual", mSettings.images,
-                                   "Use a virtual reader with this tag, an image file or new:KIND (mini, 1k, 4k,\n"
-                                   "ultralight, card); once for each tag")
-                       ->type_name("IMAGE")
-                       ->allow_extra_args(false);
-    mApp.add_option("--reader", mSettings.model,
-                    "Model of the virtual reader: tama, a PN531 (default), or mf500, an MF RC500")
-        ->type_name("MODEL")
-        ->check(CLI::IsMember({"tama", "mf500"}))
-        ->needs(images);
-    mApp.add_flag("--save", mSettings.saveImages, "Write changed tags of the virtual reader back to their files")
-        ->needs(images);
-    auto* noWait = mApp.add_flag(
-        "--no-wait", [this](std::int64_t) { mSettings.wait = false; }, "One attempt at a tag, no prompt, no wait");
-    mApp.add_option("--wait", mSettings.waitSeconds, "How long to wait for a tag (default: the reader's settings)")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(kShortestWaitSeconds, kLongestWaitSeconds))
-        ->excludes(noWait);
+void CommandLine::addSharedOptions(Options& options) {
+    options.flag("--json", mJson, "Say everything, complaints too, as one JSON object a line");
+    const Option images = options
+                              .value("--virtual", mSettings.images,
+                                     "Use a virtual reader with this tag, an image file or new:KIND (mini, 1k, 4k,\n"
+                                     "ultralight, card); once for each tag")
+                              .type("IMAGE")
+                              .onceEach();
+    options
+        .value("--reader", mSettings.model,
+               "Model of the virtual reader: tama, a PN531 (default), or mf500, an MF RC500")
+        .type("MODEL")
+        .oneOf({"tama", "mf500"})
+        .needs(images);
+    options.flag("--save", mSettings.saveImages, "Write changed tags of the virtual reader back to their files")
+        .needs(images);
+    const Option noWait = options.flag(
+        "--no-wait", [this] { mSettings.wait = false; }, "One attempt at a tag, no prompt, no wait");
+    options.value("--wait", mSettings.waitSeconds, "How long to wait for a tag (default: the reader's settings)")
+        .type("SECONDS")
+        .range(kShortestWaitSeconds, kLongestWaitSeconds)
+        .excludes(noWait);
     mApp.set_version_flag("-V,--version", "qvltag " QVL_VERSION);
 }
 
