@@ -32,12 +32,10 @@ esac
 
 cd "$(dirname "$0")"
 scripts/install-packages run
-mkdir -p build/demo
-{
-  cmake --preset release -DQVL_BUILD_TESTS=OFF -DQVL_BUILD_BENCH=OFF -DQVL_WARNINGS_AS_ERRORS=OFF -B build/demo
-  cmake --build build/demo
-  cmake --install build/demo --prefix "$PWD/build/demo/prefix"
-} > build/demo/build.log 2>&1 || { cat build/demo/build.log; exit 1; }
+scripts/build build/demo --preset release -DBUILD_TESTING=OFF -DQVL_BUILD_BENCH=OFF -DQVL_WARNINGS_AS_ERRORS=OFF
+cmake --install build/demo --prefix "$PWD/build/demo/prefix" > build/demo/install.log 2>&1 ||
+  { cat build/demo/install.log; exit 1; }
+echo
 
 bin=$PWD/build/demo/prefix/bin
 export PATH="$bin:$PATH"

@@ -5,9 +5,10 @@ set -eu
 cd "$(dirname "$0")"
 preset=${1:-release}
 case $preset in
+  release | debug) scripts/install-packages test ;;
   asan | tsan) scripts/install-packages ci ;;
-  *) scripts/install-packages test ;;
+  *) echo "usage: test.sh [release | debug | asan | tsan]" >&2; exit 2 ;;
 esac
-cmake --preset "$preset" > /dev/null
-cmake --build --preset "$preset"
+scripts/build "build/$preset" --preset "$preset"
+echo "Testing build/$preset"
 ctest --preset "$preset"
