@@ -16,7 +16,7 @@ constexpr char kDefaultFileName[] = "QVLReader.ini";
 constexpr char kSettingsFolder[] = "/data/conf";
 constexpr std::size_t kLongestInstallPath = 259;
 constexpr std::size_t kLongestFilePath = 255;
-constexpr std::size_t kLargestFile = std::size_t{64} << 20;
+constexpr std::size_t kLargestFile = std::size_t{4} << 20;
 constexpr std::size_t kHashedBytes = 32;
 
 /// An absent value: with raised rights and without an installation nobody says where the settings are.
@@ -156,6 +156,10 @@ void IniManager::loadIniFile() {
     const std::string path = *mDirectory + '/' + mFileName;
     std::string text;
     if (path.size() > kLongestFilePath || !platform::readTextFile(path.c_str(), text, kLargestFile, true)) return;
+    if (!hasBearableSections(text)) {
+        std::printf("too many sections in file %s/%s, which is not used\n", mDirectory->c_str(), mFileName.c_str());
+        return;
+    }
     for (int line : parseIni(text, *mRoot->table))
         std::printf("parsing error at line # %d in file %s/%s\n", line, mDirectory->c_str(), mFileName.c_str());
 }

@@ -67,9 +67,10 @@ struct IniEntry {
 };
 
 /// Reads and keeps the settings. The file is loaded once, by the first lookup, however many threads ask at once; a file
-/// that cannot be read leaves an empty tree and is not tried again. A closing line of the wrong name is reported on the
-/// standard output. Nothing fails: a missing entry is a null answer, and
-/// every reader of a setting has its default. Does not log, since the log reads its settings here.
+/// that cannot be read leaves an empty tree and is not tried again. So does one above 4 MiB or with more than 8192
+/// lines that open or close sections. That, and a closing line of the wrong name, is reported on the standard output.
+/// Nothing fails: a missing entry is a null answer, and every reader of a setting has its default. Does not log, since
+/// the log reads its settings here.
 class IniManager {
   public:
     IniManager();

@@ -95,4 +95,11 @@ class Parser {
 
 }  // namespace
 
+bool hasBearableSections(std::string_view text) {
+    std::size_t lines = 0;
+    while (!text.empty() && lines <= kMostSectionLines)
+        if (takePiece(text).starts_with('[')) ++lines;
+    return lines <= kMostSectionLines;
+}
+
 std::vector<int> parseIni(std::string_view text, IniTable& root) { return Parser(root).parse(text); }

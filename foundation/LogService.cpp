@@ -60,6 +60,16 @@ const char* prefixOf(LogFileKind kind) {
     return "qvllog";
 }
 
+/// The level in the settings, which may have a sign, or what is written for none.
+int wantedLevel(const char* text) {
+    constexpr const char* kBlanks = " \t\n\v\f\r";
+    if (!text) return kLogFailure;
+    text += std::strspn(text, kBlanks);
+    if (*text == '-' && iniNumber(text + 1) != 0) return kDisabled;
+    if (*text == '-' || *text == '+') ++text;
+    return static_cast<int>(std::min<std::uint32_t>(iniNumber(text), INT_MAX));
+}
+
 /// Reads the settings, once. @return the highest level that is written
 int configure(LogFileKind kind) {
     Log& log = theLog();
@@ -68,12 +78,12 @@ int configure(LogFileKind kind) {
 
     int wanted = kDisabled;
     const char* setting = iniGetValue(kSection, "LOGPATH");
-    std::string directory = platform::toSystemPath(setting ? setting : kDefaultDirectory);
+    std::string directory = platform::toSystemPath(setting && *setting ? setting : kDefaultDirectory);
     // With raised rights the working directory must not choose where files appear.
     const bool isTrusted = directory.starts_with('/') || !platform::hasRaisedRights();
     if (iniNumber(iniGetValue(kSection, "LOGENABLE")) != 0 && isTrusted) {
         log.files.emplace(std::move(directory), prefixOf(kind));
-        wanted = static_cast<int>(std::min<std::uint32_t>(iniNumber(iniGetValue(kSection, "LOGLEVEL")), INT_MAX));
+        wanted = wantedLevel(iniGetValue(kSection, "LOGLEVEL"));
     }
     gWantedLevel.store(wanted, std::memory_order_release);
     return wanted;

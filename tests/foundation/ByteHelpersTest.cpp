@@ -4,6 +4,7 @@
 #include "HexText.h"
 #include "HostCalcCrc.h"
 #include "Rc4.h"
+#include "SecretBytes.h"
 
 #include <gtest/gtest.h>
 
@@ -54,6 +55,8 @@ TEST(HexText, FillsNoMoreThanItsBuffer) {
     EXPECT_STREQ(std::unique_ptr<char[]>(hexEncode(bytes, 0)).get(), "");
     EXPECT_EQ(hexEncode(nullptr, 3), nullptr);
     EXPECT_EQ(hexText(nullptr, 3), "");
+    EXPECT_STREQ(HexLine(bytes, 3, 1).text(), "04****") << "what may be a key is not shown";
+    EXPECT_STREQ(HexLine(bytes, 3, 9).text(), "04a1ff");
     std::uint32_t count = 9;
     EXPECT_EQ(hexDecode(nullptr, count, nullptr), 0u);
     EXPECT_EQ(count, 0u);
@@ -71,6 +74,20 @@ TEST(ByteHelpers, ValuesAreLittleEndianAndReadFromTheInvertedCopy) {
         EXPECT_EQ(hexText(out, 4), c.bytes);
         EXPECT_EQ(decodeValue(fromHex(std::string("55555555") + c.inverted).data()), c.value);
     }
+}
+
+TEST(SecretBytes, AreWipedAtTheirEnd) {
+    using Secret = SecretBytes<8>;
+    alignas(Secret) std::uint8_t place[sizeof(Secret)];
+    std::uint8_t others[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    auto* secret = new (place) Secret;
+    secret->fill(0x5A);
+    {
+        const WipedAtEnd wiped(others, 7);
+        secret->~Secret();
+    }
+    EXPECT_EQ(hex({place, place + 8}), "0000000000000000");
+    EXPECT_EQ(hex({others, others + 8}), "0000000000000008");
 }
 
 TEST(ByteHelpers, KeepToTheirCorners) {

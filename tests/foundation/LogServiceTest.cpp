@@ -2,6 +2,7 @@
 
 #include "LogService.h"
 #include "FreshProcess.h"
+#include "IniManager.h"
 #include "NamedMutex.h"
 #include "TempDirectory.h"
 
@@ -15,9 +16,17 @@
 #include <mutex>
 #include <set>
 #include <string_view>
+#include <sys/auxv.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <vector>
+
+bool gRaisedRights = false;
+extern "C" unsigned long __real_getauxval(unsigned long);
+extern "C" unsigned long __wrap_getauxval(unsigned long type);
+unsigned long __wrap_getauxval(unsigned long type) {
+    return type == AT_SECURE ? gRaisedRights : __real_getauxval(type);
+}
 
 namespace {
 
@@ -89,8 +98,10 @@ TEST_F(LogFile, LevelsUpToTheConfiguredOnePassOnceItIsEnabled) {
     const std::pair<std::string, const char*> cases[] = {{"", ""},
                                                          {"LOGLEVEL=5\nLOGENABLE=0\n", ""},
                                                          {"LOGLEVEL=5\nLOGENABLE=on\n", ""},
+                                                         {"LOGENABLE=1\nLOGLEVEL=-3\n", ""},
                                                          {"LOGENABLE=1\n", "EE"},
-                                                         {"LOGENABLE=1\nLOGLEVEL=-3\n", "EE"},
+                                                         {"LOGENABLE=1\nLOGLEVEL=-0\n", "EE"},
+                                                         {"LOGENABLE=1\nLOGLEVEL=\t+1x\n", "EES"},
                                                          {"LOGENABLE=1\nLOGLEVEL=3\n", "EESVD"},
                                                          {"LOGENABLE=1\nLOGLEVEL=99999999999\n", "EESVDMHHH"}};
     for (const auto& [keys, letters] : cases) {
@@ -142,10 +153,16 @@ TEST_F(LogFile, PathIsTakenWithDriveAndBackslashesAndTheKindChoosesThePrefix) {
         EXPECT_EQ(lines(file("x/" + std::string(prefix) + "0000.txt")).size(), 2u) << prefix;
     }
     configure("LOGENABLE=1\n", "rel\\ative");
-    inFreshProcess([this] {
-        fs::current_path(mInstall.path());
-        say("m");
-    });
+    for (const bool raised : {true, false}) {
+        inFreshProcess([this, raised] {
+            gRaisedRights = raised;
+            fs::current_path(mInstall.path());
+            IniManager::instance().setDirectoryAndReload((mInstall / "data/conf").c_str());
+            IniManager::instance().loadAndReplace("QVLReader.ini");
+            say("m");
+        });
+        EXPECT_EQ(fs::exists(mInstall / "rel"), !raised) << "the working directory must not say where files appear";
+    }
     EXPECT_EQ(lines(mInstall / "rel/ative/rdrlog0000.txt").size(), 2u);
 }
 
@@ -219,6 +236,15 @@ TEST_F(LogFile, UnusableDirectoryDisturbsNobodyAndIsTriedAgain) {
     const std::vector<std::string> records = lines(file("rdrlog0000.txt"));
     ASSERT_EQ(records.size(), 2u);
     EXPECT_TRUE(isRecord(records[1], "found"));
+}
+
+TEST_F(LogFile, DeletedFileIsNotWrittenOn) {
+    inFreshProcess([this] {
+        say("one");
+        fs::remove(file("rdrlog0000.txt"));
+        say("two");
+    });
+    EXPECT_TRUE(isRecord(lines(file("rdrlog0000.txt")).at(1), "two"));
 }
 
 TEST_F(LogFile, InternalErrorsFollowTheRecord) {

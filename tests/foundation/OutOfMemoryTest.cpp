@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -21,6 +22,21 @@
 #include <utility>
 
 namespace {
+
+// A buffer whose release is watched.
+const std::uint8_t* gWatched = nullptr;
+std::size_t gWatchedSize = 0;
+bool gWasWiped = false;
+
+extern "C" void __real_free(void*);
+extern "C" void __wrap_free(void* buffer);
+void __wrap_free(void* buffer) {
+    if (buffer && buffer == gWatched) {
+        gWasWiped = std::all_of(gWatched, gWatched + gWatchedSize, [](std::uint8_t byte) { return byte == 0; });
+        gWatched = nullptr;
+    }
+    __real_free(buffer);
+}
 
 constexpr std::uint8_t kUid[] = {0x04, 0xA1, 0xB2, 0xC3};
 
@@ -71,16 +87,18 @@ TEST(OutOfMemory, SumsOver32BitsAreRefusedBeforeAnyMemoryIsTaken) {
 TEST(OutOfMemory, WriterOfASharedBufferLosesOnlyItsOwnShare) {
     QVLParamCollection original;
     original.addByte(1);
-    for (int write = 0; write < 4; ++write) {
+    const std::function<bool(QVLParamCollection&)> writes[] = {
+        [](auto& copy) { return copy.addByte(2) == kMemoryOk; },
+        [](auto& copy) { return copy.setData(4, kUid) == kMemoryOk; },
+        [](auto& copy) { return copy.clear(), false; },
+        [](auto& copy) { return copy.detachData() != nullptr; },
+    };
+    for (const auto& write : writes) {
         QVLParamCollection copy(original);
         gAllowed = 0;
-        int status = kStreamFull;
-        if (write == 0) status = copy.addByte(2);
-        if (write == 1) status = copy.setData(4, kUid);
-        if (write == 2) copy.clear();
-        if (write == 3 && copy.detachData()) status = kMemoryOk;
+        const bool isWritten = write(copy);
         gAllowed = -1;
-        EXPECT_EQ(status, kStreamFull);
+        EXPECT_FALSE(isWritten);
         EXPECT_EQ(copy.getSize(), 0u);
         EXPECT_EQ(original.getSize(), 2u);
     }
@@ -103,12 +121,12 @@ TEST(OutOfMemory, ReadsAndOwnBytesReportIt) {
     EXPECT_EQ(stream.addBytes(stream.getSize(), stream.getData()), kStreamFull);
     gAllowed = -1;
     delete[] text;
-    EXPECT_EQ(bytes, nullptr);
-    EXPECT_EQ(length, 0u);
+    EXPECT_TRUE(bytes == nullptr && length == 0);
 }
 
-TEST(OutOfMemory, TagsEndUpWithoutUid) {
+TEST(OutOfMemory, TagsAndEventsKeepNoLengthWithoutBytes) {
     TagUID tag(kUid, 4, kTag4K);
+    const EventObject event(103, 1, tag);
     const std::pair<std::function<std::uint32_t()>, std::uint32_t> operations[] = {
         {[&] { return TagUID(tag).getUidLen(); }, 4},
         {[&] {
@@ -140,24 +158,27 @@ TEST(OutOfMemory, TagsEndUpWithoutUid) {
              EXPECT_EQ(status, read.getUid() ? kMemoryOk : kStreamFull);
              return read.getUidLen();
          },
-         4}};
+         4},
+        {[&] {
+             std::uint32_t length = 9;
+             std::uint8_t* uid = nullptr;
+             event.getUid(length, uid);
+             delete[] uid;
+             return length;
+         },
+         4},
+        {[&] {
+             EventObject set(103, 1, TagUID());
+             set.set(103, 2, TagUID(), 4, kUid);
+             const EventObject copy(set);
+             EXPECT_EQ(copy.getExtra() != nullptr, copy.getExtraLen() > 0);
+             return copy.getExtraLen();
+         },
+         4},
+    };
     for (const auto& [operate, size] : operations)
         withFailingMemory(operate, [size = size](std::uint32_t outcome, bool wasEnough) {
             EXPECT_EQ(outcome, wasEnough ? size : 0u);
-        });
-}
-
-TEST(OutOfMemory, EventsAndListsStaySound) {
-    const TagUID tag(kUid, 4, kTag4K);
-    withFailingMemory(
-        [&] {
-            EventObject event(103, 1, tag);
-            event.set(103, 2, tag, 4, kUid);
-            return EventObject(event);
-        },
-        [](EventObject& event, bool wasEnough) {
-            EXPECT_EQ(event.getExtra() != nullptr, event.getExtraLen() > 0);
-            EXPECT_TRUE(!wasEnough || event.getUidLen() + event.getExtraLen() == 8u);
         });
     gAllowed = 0;
     TagUIDListNode node(tag, nullptr);
@@ -165,6 +186,16 @@ TEST(OutOfMemory, EventsAndListsStaySound) {
     EXPECT_EQ(list.newIterator(), nullptr);
     gAllowed = -1;
     EXPECT_EQ(node.getTag(), nullptr);
+}
+
+TEST(Memory, OfAStreamIsWipedBeforeItIsReleased) {
+    QVLParamCollection stream;
+    stream.addBytes(4, kUid);
+    gWatched = stream.getData();
+    gWatchedSize = stream.getSize();
+    stream = QVLParamCollection();
+    EXPECT_EQ(gWatched, nullptr) << "released";
+    EXPECT_TRUE(gWasWiped);
 }
 
 TEST(OutOfMemory, SettingsAndLogDisturbNobody) {
