@@ -14,10 +14,13 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace {
+
+const std::string kClass = "61217dae-665d-424b-baa9-99897897d6ae";
 
 /// A connection to the control socket.
 class Control {
@@ -34,7 +37,7 @@ class Control {
 
     /// One command. @return all lines up to the one that begins with "ok" or "error", joined by " | ".
     std::string ask(const std::string& command) {
-        EXPECT_TRUE(::send(mSocket, (command + '\n').data(), command.size() + 1, MSG_NOSIGNAL) > 0);
+        EXPECT_TRUE(say(command));
         std::string all, line;
         for (char c = 0; ::recv(mSocket, &c, 1, 0) == 1;) {
             if (c != '\n') {
@@ -46,6 +49,12 @@ class Control {
             if (last.starts_with("ok") || last.starts_with("error")) return all;
         }
         return all + "end";
+    }
+
+    /// Sends a command and leaves its answer. @return false if the program takes no more for now.
+    bool say(const std::string& command) {
+        const std::string line = command + '\n';
+        return ::send(mSocket, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0;
     }
 
   private:
@@ -71,11 +80,17 @@ std::string blank(const char* uid) {
 TEST(SimulatorProgram, IsSteeredOverItsControlSocket) {
     const TempDirectory directory;
     const std::string image = directory.write("my tag.mfd", blank("01020304")), socket = directory / "control";
-    Program program({"--root", directory.path(), "--com", "3", "--control", socket, "new:1k:DEADBEEF"});
+    const mode_t former = ::umask(0);
+    Program program({"--root", directory.path(), "--com", "3", "--faults", directory.write("empty", ""), "--control",
+                     socket, "new:1k:DEADBEEF"});
+    ::umask(former);
     EXPECT_EQ(program.line(), "ready COM3 at " + directory.path());
     program.close(ChildProgram::input);
 
-    Control peer(socket), other(socket);
+    EXPECT_EQ(std::filesystem::status(socket).permissions(), std::filesystem::perms(0600));
+    Control deaf(socket), peer(socket), other(socket);
+    while (deaf.say("help")) {
+    }
     const std::string tag1 = "tag1  Classic 1K  deadbeef  off  new:1k:DEADBEEF | ";
     const std::pair<std::string, std::string> dialogue[] = {
         {"list", tag1 + "ok"},
@@ -97,13 +112,20 @@ TEST(SimulatorProgram, IsSteeredOverItsControlSocket) {
         {"faults clear", "ok"},
         {"faults", "error: \"faults\" takes \"clear\""},
         {"led", "ok 00"},
-        {"reader gone", "ok"},
-        {"reader back", "ok"},
         {"reader", "error: \"reader\" takes \"gone\" or \"back\""},
         {"dance", "error: \"dance\" is no command; \"help\" lists them"},
     };
     for (const auto& [command, answer] : dialogue)
         EXPECT_EQ(peer.ask(command), answer);
+    for (const bool isBack : {false, true, false, true}) {
+        EXPECT_EQ(peer.ask(isBack ? "reader back" : "reader gone"), "ok");
+        EXPECT_EQ(std::filesystem::exists(directory / "COM3"), isBack);
+    }
+    Program second({"--root", directory.path(), "--com", "3"});
+    EXPECT_EQ(second.line(ChildProgram::errors),
+              "qvlreadersim: " + (directory / "COM3") +
+                  ": another simulator serves this name; end it or choose another name");
+    EXPECT_EQ(second.wait(), 1);
     EXPECT_EQ(directory.read("copy"), directory.read("my tag.mfd"));
     EXPECT_NE(other.ask("help").find("place FILE"), std::string::npos);
     EXPECT_EQ(other.ask("quit"), "ok");
@@ -114,19 +136,19 @@ TEST(SimulatorProgram, IsSteeredOverItsControlSocket) {
 
 TEST(SimulatorProgram, EndsWithItsInputOrASignalAndCleansUp) {
     const TempDirectory directory;
-    const auto isThere = [&](const char* name) {
+    const auto isThere = [&](const std::string& name) {
         return std::filesystem::exists(std::filesystem::symlink_status(directory / name));
     };
-    Program byInput({"--root", directory.path(), "--socket", "usb#vid_04cc&pid_0531#1", "--class", "c1"});
+    Program byInput({"--root", directory.path(), "--socket", "usb#vid_04cc&pid_0531#1", "--class", kClass});
     EXPECT_EQ(byInput.line(), "ready usb#vid_04cc&pid_0531#1 at " + directory.path());
-    EXPECT_TRUE(isThere("c1/usb#vid_04cc&pid_0531#1"));
+    EXPECT_TRUE(isThere(kClass + "/usb#vid_04cc&pid_0531#1"));
     byInput.say("led\n");
     EXPECT_EQ(byInput.line(), "ok 00");
     byInput.say("field");
     byInput.close(ChildProgram::input);
     EXPECT_EQ(byInput.line(), "ok off") << "the last line may lack its newline";
     EXPECT_EQ(byInput.wait(), 0);
-    EXPECT_FALSE(isThere("c1/usb#vid_04cc&pid_0531#1"));
+    EXPECT_FALSE(isThere(kClass + "/usb#vid_04cc&pid_0531#1"));
 
     for (int number : {SIGTERM, SIGINT}) {
         Program bySignal({"--root", directory.path(), "--keep-running"});
@@ -152,6 +174,8 @@ TEST(SimulatorProgram, RefusesWhatItCannotServe) {
         {{root, directory.path(), "--faults", "none"}, 2, "none: the fault plan cannot be read"},
         {{"--com", "0"}, 2, "--com"},
         {{"--com", "1", "--socket", "x"}, 2, "excludes"},
+        {{"--socket", "x", "--class", "zz"}, 2, kClass.c_str()},
+        {{root, directory.path(), "--faults", directory.path()}, 2, "the fault plan cannot be read"},
         {{"--socket", "a/b"}, 2, "a name without slashes"},
         {{root, plan}, 1, "the directory cannot be made"},
         {{root, directory.path(), "--control", "/no/such/place"}, 1, "the control socket cannot be made"},
