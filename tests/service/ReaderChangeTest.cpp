@@ -37,8 +37,10 @@ class ReaderChange : public ::testing::Test {
     void plug(Model model, bool in) const {
         const std::string name = std::string(kReaderClasses[static_cast<std::size_t>(kClassOf[model])].guid) + "/it";
         in ? reader(model).comeBack() : reader(model).vanish();
-        in ? static_cast<void>(place.root.write(name, ""))
-           : static_cast<void>(std::filesystem::remove(place.root / name));
+        if (in)
+            place.root.makeDevice(name);
+        else
+            std::filesystem::remove(place.root / name);
     }
     void scan() {
         place.clock->advance(500);

@@ -33,6 +33,12 @@ class TempDirectory {
         std::ofstream(file, std::ios::binary) << text;
         return file.string();
     }
+    /// Makes what looks like a device to a scan.
+    void makeDevice(const std::string& name) const {
+        const std::filesystem::path file = *this / name;
+        std::filesystem::create_directories(file.parent_path());
+        std::filesystem::create_symlink("/dev/null", file);
+    }
     /// Content of a file, empty if it is not there.
     std::string read(const std::string& name) const {
         std::ifstream file(*this / name, std::ios::binary);

@@ -206,7 +206,7 @@ class Workplace {
     void useMf500(const std::shared_ptr<VirtualMf500Reader>& mf500) {
         reader = mf500;
         if (mLine != Line::inProcess) return;
-        root.write(std::string(kReaderClasses[3].guid) + "/reader", "");  // for the device scan
+        root.makeDevice(std::string(kReaderClasses[3].guid) + "/reader");  // for the device scan
         setMf500DeviceFactory([mf500] { return std::make_unique<VirtualMf500Device>(mf500); });
     }
 

@@ -93,6 +93,6 @@ class QVL_API Mf500bfl : public Qvl14443bfl {
     std::shared_ptr<USB> mUSB;                      // null until the interface is open
     std::shared_ptr<USBProtocol> mProtocol;         // null until the interface is open
     std::shared_ptr<CipherCommandObject> mCommand;  // reused for every command
-    bool mIsTagAwake = false;                      // it may have gone since
+    bool mIsTagAwake = false;                       // it may have gone since
     bool mIsKeyDue = false;                         // of a secured reader: it has a key that did not arrive
 };

@@ -127,6 +127,10 @@ class QVL_API Qvl14443bfl {
     /// A raw command of the reader. `reply` becomes a new buffer that the caller deletes as an array. 3139: none.
     virtual short pcdRelay(std::uint8_t* cmd, int len, std::uint8_t*& reply, int& replyLen);
 
+    /// Held by each user that has opened the reader, so that nobody closes it under another one.
+    std::shared_ptr<void> openShare() const { return mOpenShare; }
+    bool isOpenForOthers() const { return mOpenShare.use_count() > 1; }
+
     LinkWatch* linkWatch() const { return mLinkWatch; }
     /// The reader is gone or silent, as the watch has it; false without a watch.
     bool isReaderLost();
@@ -151,5 +155,6 @@ class QVL_API Qvl14443bfl {
 
   private:
     std::shared_ptr<std::recursive_mutex> mOperationMutex;
+    std::shared_ptr<void> mOpenShare = std::make_shared<char>();
     LinkWatch* mLinkWatch = nullptr;
 };

@@ -13,8 +13,6 @@
 #include "NfcTamaBfl.h"
 
 #include <algorithm>
-#include <map>
-#include <mutex>
 #include <new>
 
 namespace {
@@ -24,15 +22,6 @@ constexpr const char* kUsbDll = "usbdll";
 
 std::atomic<std::uint32_t> gLastScanTick{0};
 std::atomic<bool> gUsbEventPending{false};
-
-struct Openings {
-    std::mutex mutex;
-    std::map<const Qvl14443bfl*, int> counts;
-};
-Openings& openings() {
-    static Openings* const instance = new Openings;  // outlives the adaptors of static objects
-    return *instance;
-}
 
 }  // namespace
 
@@ -75,25 +64,6 @@ FoundReader DeviceScan::choose(int status) const {
     if (device->isTama == 0) return {BflTypeMf500, device->path};
     QVL_LOG(kLogProgress, "QvlMf500ReaderImpl ------------instantiates NFCTAMABFL");
     return {BflTypeNfcTama, device->path};
-}
-
-OpenShare::OpenShare(std::shared_ptr<Qvl14443bfl> driver) : mDriver(std::move(driver)) {
-    Openings& all = openings();
-    const std::lock_guard lock(all.mutex);
-    ++all.counts[mDriver.get()];
-}
-
-OpenShare::~OpenShare() {
-    Openings& all = openings();
-    const std::lock_guard lock(all.mutex);
-    if (--all.counts[mDriver.get()] == 0) all.counts.erase(mDriver.get());
-}
-
-int OpenShare::count(const Qvl14443bfl& driver) {
-    Openings& all = openings();
-    const std::lock_guard lock(all.mutex);
-    const auto found = all.counts.find(&driver);
-    return found == all.counts.end() ? 0 : found->second;
 }
 
 GetCurrentDevInstID findDeviceInstanceHelper() {

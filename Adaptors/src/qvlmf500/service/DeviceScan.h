@@ -35,22 +35,6 @@ class DeviceScan {
     bool mHasRun = false;
 };
 
-/// This adaptor's share in a driver that stands open. The device is closed when nobody has one any more: adaptors of a
-/// process share a PN531.
-class OpenShare {
-  public:
-    explicit OpenShare(std::shared_ptr<Qvl14443bfl> driver);
-    ~OpenShare();
-    OpenShare(const OpenShare&) = delete;
-    OpenShare& operator=(const OpenShare&) = delete;
-
-    /// How many adaptors have this driver open.
-    static int count(const Qvl14443bfl& driver);
-
-  private:
-    std::shared_ptr<Qvl14443bfl> mDriver;
-};
-
 using GetCurrentDevInstID = int (*)(char* buffer, int size, std::uint16_t* length);
 /// The operation of the helper library that knows the instance id of an MF RC500 reader's device; null without it.
 GetCurrentDevInstID findDeviceInstanceHelper();

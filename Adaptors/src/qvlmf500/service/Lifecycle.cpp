@@ -30,6 +30,8 @@ QvlMf500ReaderImpl::QvlMf500ReaderImpl(QVLReaderServiceIntf* service)
 }
 
 QvlMf500ReaderImpl::~QvlMf500ReaderImpl() {
+    if (mGeneration != platform::processGeneration()) return;  // a forked child has the memory and not the reader
+    const platform::CancellationOff uncancelled;
     endTagPrompt(this);
     turnOffAndClose("Desctruter mLED=%d ctrl=%s dur=%d\nAfter      mLED=ff ctrl=false dur=0");
 }
@@ -55,7 +57,7 @@ bool QvlMf500ReaderImpl::use(const FoundReader& found) {
     if (driver() && found == mFound) return false;
     const bool wasReady = mReader.isReady();
     auto bfl = found.makeDriver();
-    if (bfl != driver()) mOpen.reset();
+    if (bfl != driver()) mOpenShare.reset();
     mFound = found;
     mReader.mOpened = false;
     mReader.mLoss = ReaderState::Loss::none;
@@ -126,7 +128,7 @@ bool QvlMf500ReaderImpl::interfaceOpened(Qvl14443bfl& bfl) {
     if (!mFound.path.empty()) bfl.setDeviceName(reinterpret_cast<const std::uint8_t*>(mFound.path.c_str()));
     const short status = bfl.interfaceOpen(49, 0);
     if (status == kBflOpened) {
-        if (!mOpen) mOpen.emplace(driver());
+        mOpenShare = bfl.openShare();
         return true;
     }
     if (status == kBflNotOpened)
@@ -176,9 +178,9 @@ bool QvlMf500ReaderImpl::stopReader() {
 // Field and interface stay on while another adaptor of this process has the same driver open.
 void QvlMf500ReaderImpl::turnOffAndClose(const char* logged) {
     const auto bfl = driver();
-    const bool wasOpen = mOpen.has_value();
-    mOpen.reset();
-    const bool isShared = OpenShare::count(*bfl) > 0;
+    const bool wasOpen = mOpenShare != nullptr;
+    mOpenShare.reset();
+    const bool isShared = bfl->isOpenForOthers();
     if (mReader.mInitialised) {
         if (wasOpen && !isShared) bfl->pcdRfReset(0);
         if (logWanted(kLogFailure)) {
@@ -209,7 +211,7 @@ void QvlMf500ReaderImpl::reopen(int bflStatus) {
     QVL_LOG(kLogFailure, "interface encountering problems %d. Trying to reopen", bflStatus);
     const ReaderLock lock(mReader);  // not under an operation of another thread
     driver()->interfaceClose();
-    mOpen.reset();
+    mOpenShare.reset();
     mReader.mInitialised = false;  // a host that calls back now must not meet the closed device again
     mCtrl = false;                 // the reader may have lost its power, and its lights
     if (mReader.mLoss.exchange(Loss::beingReopened) != Loss::told) tellHost(false);

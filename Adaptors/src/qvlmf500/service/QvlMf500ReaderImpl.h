@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DeviceScan.h"
+#include "Process.h"
 #include "QvlTcl.h"
 #include "ReaderImpl.h"
 #include "ReaderState.h"
@@ -9,10 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <optional>
 
-class OpRecords;
-class SelectedTag;
 struct SectorsToAdd;
 
 /// The adaptor. It has no worker thread: every operation runs on the thread of its caller, and the one lock under which
@@ -178,7 +176,8 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl, private TagFinder {
     std::atomic<std::uint8_t> mLED;  // last LED other than 3, 0xFF for none yet
     std::atomic<std::uint8_t> mDur;
     DeviceScan mScan;
-    FoundReader mFound;              // by the last scan
-    std::optional<OpenShare> mOpen;  // of the driver in place, while this adaptor has it open
+    FoundReader mFound;                // by the last scan
+    std::shared_ptr<void> mOpenShare;  // of the driver in place, while this adaptor has it open
     GetCurrentDevInstID mGetCurrentDevInstID = nullptr;
+    const std::uint32_t mGeneration = platform::processGeneration();
 };

@@ -24,7 +24,10 @@ ReaderState::ReaderState(const QvlTcl& cards) : mCards(cards), mMutex(makeReader
 }
 
 ReaderLock::ReaderLock(ReaderState& reader) : mReader(reader) {
-    if (mReader.mMutex) mReader.mMutex->lock();
+    static const platform::NamedMutex::LongWait tell = [](long holder) {
+        QVL_LOG(kLogFailure, "ReaderLock: waits for the reader, which process %ld holds", holder);
+    };
+    if (mReader.mMutex) mReader.mMutex->lock(tell);
     mReader.mPendingCalls.fetch_add(1);
     auto driver = mReader.mCards.driver();
     if (!driver || driver->linkWatch() != nullptr) return;
