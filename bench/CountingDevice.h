@@ -36,6 +36,7 @@ class CountingDevice : public TamaDevice {
         return result;
     }
     void discardInput() override { mDevice->discardInput(); }
+    bool isGone() override { return mDevice->isGone(); }
 
   private:
     std::unique_ptr<TamaDevice> mDevice;

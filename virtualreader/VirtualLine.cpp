@@ -1,5 +1,7 @@
 #include "VirtualLine.h"
 
+#include "Clock.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -36,7 +38,13 @@ IoResult VirtualLine::write(std::span<const std::uint8_t> message) {
     return IoResult::done;
 }
 
-IoResult VirtualLine::read(std::span<std::uint8_t> buffer, std::size_t& count) {
+IoResult VirtualLine::read(std::span<std::uint8_t> buffer, std::size_t& count, std::uint32_t timeoutMs) {
+    const IoResult result = take(buffer, count);
+    if (result == IoResult::timedOut) platform::Clock::current().pauseMs(timeoutMs);
+    return result;
+}
+
+IoResult VirtualLine::take(std::span<std::uint8_t> buffer, std::size_t& count) {
     const auto held = mReader->field().lock();
     count = 0;
     if (!mOpen) return IoResult::failed;

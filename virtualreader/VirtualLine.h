@@ -9,8 +9,9 @@
 #include <memory>
 #include <span>
 
-/// A host's end of a line to a reader in this process: one message is one frame. Time-outs are reported at once,
-/// without waiting. A reader that is gone gives failures from then on.
+/// A host's end of a line to a reader in this process: one message is one frame. Nothing that comes is waited for: a
+/// reader answers at once or not at all, and then the time-out passes on the current clock. A reader that is gone gives
+/// failures from then on.
 class VirtualLine : private ReaderSink, private ReaderWatcher {
   public:
     /// Made closed. The reader may serve one open line at a time.
@@ -28,7 +29,7 @@ class VirtualLine : private ReaderSink, private ReaderWatcher {
     platform::IoResult write(std::span<const std::uint8_t> message);
     /// `count` gets the length of the message, which is above buffer.size() for one that did not fit and was not
     /// copied.
-    platform::IoResult read(std::span<std::uint8_t> buffer, std::size_t& count);
+    platform::IoResult read(std::span<std::uint8_t> buffer, std::size_t& count, std::uint32_t timeoutMs);
     /// Drops what has come and was not read.
     void discard();
 
@@ -38,6 +39,7 @@ class VirtualLine : private ReaderSink, private ReaderWatcher {
     void onQuiet() override;
     void onVanished() override;
     void onReturned() override;
+    platform::IoResult take(std::span<std::uint8_t> buffer, std::size_t& count);
     void dropFirst();
 
     static constexpr std::size_t kSlots = 8;

@@ -9,8 +9,9 @@ platform::IoResult VirtualMf500Device::write(std::span<const std::uint8_t> messa
     return mLine.write(message);
 }
 
-platform::IoResult VirtualMf500Device::read(std::span<std::uint8_t> buffer, std::size_t& count, std::uint32_t) {
-    const platform::IoResult result = mLine.read(buffer, count);
+platform::IoResult VirtualMf500Device::read(std::span<std::uint8_t> buffer, std::size_t& count,
+                                            std::uint32_t timeoutMs) {
+    const platform::IoResult result = mLine.read(buffer, count, timeoutMs);
     count = std::min(count, buffer.size());
     return result;
 }

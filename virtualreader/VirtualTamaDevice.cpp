@@ -2,7 +2,9 @@
 
 #include <utility>
 
-VirtualTamaDevice::VirtualTamaDevice(std::shared_ptr<VirtualTamaReader> reader) : mLine(std::move(reader)) {}
+VirtualTamaDevice::VirtualTamaDevice(std::shared_ptr<VirtualTamaReader> reader,
+                                     std::optional<std::uint32_t> ownTimeoutMs)
+    : mLine(std::move(reader)), mOwnTimeoutMs(ownTimeoutMs) {}
 
 std::int32_t VirtualTamaDevice::OpenInterface(const char*, std::uint32_t, std::uint32_t) {
     return mLine.open() ? kDeviceOk : kDeviceFailed;
@@ -23,11 +25,12 @@ std::int32_t VirtualTamaDevice::WriteBytesUnblocked(const std::uint8_t* data, in
 }
 
 std::int32_t VirtualTamaDevice::ReadBytesUnBlocked(std::uint8_t* buffer, int size, std::uint32_t* count,
-                                                   std::uint32_t) {
+                                                   std::uint32_t timeout) {
     *count = 0;
     if (size < 0) return kDeviceBadArgument;
     std::size_t got = 0;
-    const platform::IoResult result = mLine.read({buffer, static_cast<std::size_t>(size)}, got);
+    const platform::IoResult result =
+        mLine.read({buffer, static_cast<std::size_t>(size)}, got, mOwnTimeoutMs.value_or(timeout));
     *count = static_cast<std::uint32_t>(got);
     return toDeviceStatus(result);
 }

@@ -6,11 +6,16 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
-/// The driver's device on a reader in this process. @see VirtualLine
+/// The driver's device on a reader in this process. It stands for a serial line, whose reads have a time-out of their
+/// own, or for a device path, whose reads have the given one. @see VirtualLine
 class VirtualTamaDevice : public TamaDevice {
   public:
-    explicit VirtualTamaDevice(std::shared_ptr<VirtualTamaReader> reader);
+    static constexpr std::uint32_t kSerialTimeoutMs = 4000;
+
+    explicit VirtualTamaDevice(std::shared_ptr<VirtualTamaReader> reader,
+                               std::optional<std::uint32_t> ownTimeoutMs = kSerialTimeoutMs);
 
     std::int32_t OpenInterface(const char* name, std::uint32_t, std::uint32_t) override;
     std::int32_t CloseInterface() override;
@@ -23,4 +28,5 @@ class VirtualTamaDevice : public TamaDevice {
 
   private:
     VirtualLine mLine;
+    std::optional<std::uint32_t> mOwnTimeoutMs;
 };

@@ -17,7 +17,7 @@
 /// A host that frames commands by hand and tells each frame of the reader as text.
 class TestHost {
   public:
-    explicit TestHost(std::shared_ptr<VirtualTamaReader> reader) : device(std::move(reader)) {
+    explicit TestHost(std::shared_ptr<VirtualTamaReader> reader) : device(std::move(reader), 0) {
         device.OpenInterface("", 0, 0);
     }
 

@@ -10,6 +10,9 @@ class CipherCommandObject : public CommandObject {
     /// Copies 16 bytes and starts the stream; null sets the zero key, with which nothing is scrambled.
     void setKey(const std::uint8_t* key) { mCipher.setKey(key); }
     bool hasKey() const { return mCipher.hasKey(); }
+    /// Key and place in the stream, to come back to.
+    const LinkCipher& cipher() const { return mCipher; }
+    void setCipher(const LinkCipher& cipher) { mCipher = cipher; }
     /// Scrambles the parameters; the command code stays plain.
     void encryptCommand();
     void decryptResponse();

@@ -1,7 +1,6 @@
 #include "HostRdCom.h"
 
 #include "BflStatus.h"
-#include "Clock.h"
 
 #include <algorithm>
 #include <array>
@@ -10,8 +9,7 @@
 namespace {
 
 constexpr std::size_t kStatusSize = 2;
-/// A reader that has been silent for so long has said all; one that never is, is waited for no longer than that.
-constexpr std::uint32_t kQuietMs = 20, kLateReplyMs = 200, kLongestMs = 500;
+constexpr int kMostLeftOvers = 64;  // a device that is never silent
 constexpr std::uint8_t kActivateIdleLoop = 0x49;
 constexpr std::uint32_t kLongestLoopMs = 60000;
 
@@ -99,19 +97,15 @@ USBProtocol::~USBProtocol() = default;
 void* USBProtocol::operator new(std::size_t size) { return ::operator new(size); }
 void USBProtocol::operator delete(void* object) { ::operator delete(object); }
 
-void USBProtocol::dropLeftOvers(std::uint32_t quietMs) {
-    platform::Clock& clock = platform::Clock::current();
-    const std::uint64_t start = clock.nowMs();
+void USBProtocol::dropLeftOvers() {
     std::uint8_t scrap[64];
     std::size_t count = 0;
-    while (clock.nowMs() - start < kLongestMs &&
-           mUSB.mDevice->read(scrap, count, quietMs) == platform::IoResult::done) {
+    for (int i = 0; i < kMostLeftOvers && mUSB.mDevice->read(scrap, count, 0) == platform::IoResult::done; ++i) {
     }
 }
 
 short USBProtocol::SendCommand(CommandObject& command, std::uint32_t txTimeout, std::uint32_t rxTimeout) {
-    const bool isReplyDue = mIsReplyDue;
-    dropLeftOvers(isReplyDue ? kQuietMs : 0);
+    dropLeftOvers();
     const std::size_t length = 1 + std::size_t{command.mCommandLength};
     std::array<std::uint8_t, 1 + CommandObject::kBufferSize> message;
     const WipedAtEnd wiped(message.data(), length);
@@ -121,24 +115,13 @@ short USBProtocol::SendCommand(CommandObject& command, std::uint32_t txTimeout, 
         mUSB.mDevice->write({message.data(), length}, txTimeout != 0 ? txTimeout : mTxTimeout);
     const std::uint32_t limit =
         (rxTimeout != 0 ? rxTimeout : mRxTimeout) + (command.mCode == kActivateIdleLoop ? kLongestLoopMs : 0);
-    const short status = sent == platform::IoResult::done ? receive(command, limit) : toStatus(sent);
-    mIsReplyDue = status != kBflOk;
-    if (isReplyDue && status == kBflOk) takeLastReply(command);
-    return status;
+    return sent == platform::IoResult::done ? ReceiveReply(command, limit) : toStatus(sent);
 }
 
-// A reply tells nothing of its command: where an earlier one may still come in between, the last of them counts.
-void USBProtocol::takeLastReply(CommandObject& command) {
-    platform::Clock& clock = platform::Clock::current();
-    const std::uint64_t start = clock.nowMs();
-    while (clock.nowMs() - start < kLongestMs && receive(command, kLateReplyMs) == kBflOk) {
-    }
-}
-
-short USBProtocol::receive(CommandObject& command, std::uint32_t timeout) {
+short USBProtocol::ReceiveReply(CommandObject& command, std::uint32_t rxTimeout) {
     std::array<std::uint8_t, kStatusSize + CommandObject::kBufferSize + 1> message;
     std::size_t count = 0;
-    const platform::IoResult result = mUSB.mDevice->read(message, count, timeout);
+    const platform::IoResult result = mUSB.mDevice->read(message, count, rxTimeout);
     const WipedAtEnd wiped(message.data(), count);
     if (result != platform::IoResult::done) return toStatus(result);
     if (count < kStatusSize || count == message.size()) return kBflBadFrame;

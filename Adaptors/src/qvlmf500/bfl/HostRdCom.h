@@ -80,18 +80,16 @@ class USBProtocol {
 
     /// Sends the command, waits for the reply and fills in status and data. @return 0; -1001 when the link failed or
     /// closed, -1027 after a time-out, -1012 for a reply without a status or longer than the buffer. What has come
-    /// before the command is dropped; after a time-out the last of several replies counts. A command in which the
-    /// reader itself waits for a tag has a minute more.
+    /// before the command is dropped. A command in which the reader itself waits for a tag has a minute more.
     virtual short SendCommand(CommandObject& command, std::uint32_t txTimeout, std::uint32_t rxTimeout);
+    /// Waits for a further reply, without a command; else as SendCommand. 0 takes only what is there.
+    virtual short ReceiveReply(CommandObject& command, std::uint32_t rxTimeout);
     virtual void SetRxTimeout(std::uint32_t timeout) { mRxTimeout = timeout; }
     virtual void SetTxTimeout(std::uint32_t timeout) { mTxTimeout = timeout; }
 
   private:
-    short receive(CommandObject& command, std::uint32_t timeout);
-    void dropLeftOvers(std::uint32_t quietMs);
-    void takeLastReply(CommandObject& command);
+    void dropLeftOvers();
 
     USB& mUSB;
     std::uint32_t mRxTimeout = 0, mTxTimeout = 0;
-    bool mIsReplyDue = false;  // the last command failed, and its reply may still come
 };

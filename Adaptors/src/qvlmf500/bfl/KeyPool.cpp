@@ -50,7 +50,9 @@ KeyValue rotateKey(const std::uint8_t* value) {
     return rotated;
 }
 
-std::int16_t nextRekeyInterval() {
-    std::minstd_rand random(platform::wallSeconds());
+std::int16_t nextRekeyInterval() { return rekeyIntervalAt(platform::wallSeconds()); }
+
+std::int16_t rekeyIntervalAt(std::uint32_t second) {
+    std::minstd_rand random(second);
     return static_cast<std::int16_t>(random() % kLongestInterval + 1);
 }

@@ -17,5 +17,6 @@ void nextKeyPoolValue(std::uint8_t* out);
 /// the input byte before it (the first byte by its own), to the right if its top bit is set, else to the left.
 KeyValue rotateKey(const std::uint8_t* value);
 
-/// The next interval between two key changes of a link, 1 to 168 commands.
+/// The interval between two key changes of a link that is chosen in this second, 1 to 168 commands.
+std::int16_t rekeyIntervalAt(std::uint32_t second);
 std::int16_t nextRekeyInterval();

@@ -1,69 +1,27 @@
 // Operations of an MF RC500 reader. All have one shape: `ask` sends a command and fetches its reply, the values of the
 // reply are read in order, `conclude` takes the key that a scrambling reader appends.
 
-#include "Mf500bfl.h"
-
-#include "CipherCommandObject.h"
 #include "HexText.h"
 #include "KeyPool.h"
 #include "LogService.h"
+#include "Mf500Command.h"
 
 #include <algorithm>
 #include <new>
 
 namespace {
 
-constexpr std::uint32_t kCommandTimeout = 6000;
 constexpr std::uint32_t kDefaultTimeout = 24000;
-constexpr std::uint8_t kKeySize = 16;
 constexpr std::uint8_t kFastestBaudrate = 3;
 constexpr std::size_t kMostUidBytes = 10;
 constexpr std::uint16_t kLongestVersion = 54;
 constexpr std::uint8_t kActivateIdleLoop = 0x49;
 
-void noteClearLink(const char* reason) { QVL_LOG(kLogState, "Mf500bfl: link in the clear, %s", reason); }
-
 bool isSelectCode(std::uint8_t code) { return code == 0x93 || code == 0x95 || code == 0x97; }
 
 }  // namespace
 
-/// What is fixed of a command. The failures are logged with one status each.
-struct Mf500bfl::Command {
-    const char* name;
-    std::uint8_t code;
-    const char* replyFailure = nullptr;
-    int failedLevel = kLogFailure;
-    bool isScrambled = true;
-    bool tellsNoMore = false;  ///< Whatever the reader's status, it becomes 1.
-};
-
-/// A parameter: number of 1, 2 or 4 bytes, or a run of bytes.
-struct Mf500bfl::Param {
-    Param(std::uint8_t value) : number(value), size(1) {}
-    Param(std::uint16_t value) : number(value), size(2) {}
-    Param(std::uint32_t value) : number(value), size(4) {}
-    Param(const std::uint8_t* data, std::uint32_t length) : isRun(true), bytes(data), size(length) {}
-
-    bool isMissing() const { return isRun && bytes == nullptr && size > 0; }
-    short addTo(CommandObject& command) const {
-        if (isRun) return size > 0 ? command.AddParam(bytes, size) : short{kBflOk};
-        if (size == 1) return command.AddParam(static_cast<std::uint8_t>(number));
-        return size == 2 ? command.AddParam(static_cast<std::uint16_t>(number)) : command.AddParam(number);
-    }
-
-    bool isRun = false;
-    const std::uint8_t* bytes = nullptr;
-    std::uint32_t number = 0;
-    std::uint32_t size;
-};
-
-/// A value of the reply and where it goes.
-struct Mf500bfl::Field {
-    std::uint8_t* out;
-    std::uint32_t length;
-};
-
-Mf500bfl::Mf500bfl() : mCommand(new CipherCommandObject) { seedKeyPool(); }
+Mf500bfl::Mf500bfl() : mLink(new Link) { seedKeyPool(); }
 
 Mf500bfl::~Mf500bfl() = default;
 
@@ -85,6 +43,9 @@ short Mf500bfl::interfaceOpen(std::uint32_t, std::uint32_t) {
     }
     mProtocol->SetRxTimeout(kDefaultTimeout);
     mProtocol->SetTxTimeout(kDefaultTimeout);
+    // Nothing comes from before; but a reader that keeps its key may have a new one.
+    mLink->isOutOfStep = mLink->isOutOfStep || mLink->isReplyDue;
+    mLink->isReplyDue = false;
     noteOpened();
     return kBflOpened;
 }
@@ -95,129 +56,6 @@ short Mf500bfl::interfaceClose() {
     if (mUSB) mUSB->CloseInterface();
     mUSB.reset();
     return kBflOk;
-}
-
-/// `sent` becomes false where nothing came back; the result is then the link's, 0 on a closed driver.
-short Mf500bfl::sendCommand(const char* operation, bool& sent) {
-    short status = kBflOk;
-    sent = false;
-    if (mProtocol && !mayAsk()) {
-        status = kBflDeviceTimedOut;
-    } else if (mProtocol && isOutOfStep()) {
-        status = kBflDeviceFailed;
-    } else if (mProtocol) {
-        status = mProtocol->SendCommand(*mCommand, kCommandTimeout, kCommandTimeout);
-        sent = status == kBflOk;
-        if (sent)
-            noteAnswer();
-        else if (status == kBflDeviceTimedOut)
-            noteTimeOut();
-        else
-            noteFailure(status == kBflDeviceFailed);
-        mIsKeyDue = !sent || mCommand->GetDataBufferLength() > 0;
-    }
-    if (!sent) QVL_LOG(kLogFailure, "Mf500bfl::%s send command failed %d", operation, status);
-    return sent ? static_cast<short>(mCommand->GetStatus()) : status;
-}
-
-Mf500bfl::Outcome Mf500bfl::ask(const Command& command, std::initializer_list<Param> sent) {
-    mCommand->ResetBuffers();
-    mCommand->SetCommand(command.code);
-    for (const Param& param : sent)
-        if (param.addTo(*mCommand) != kBflOk) return {false, kBflOutOfRange};
-    if (command.isScrambled) mCommand->encryptCommand();
-    bool hasReply = false;
-    short status = sendCommand(command.name, hasReply);
-    if (!hasReply) return {false, status};
-    if (status != kBflOk && command.tellsNoMore) status = 1;
-    if (status != kBflOk) QVL_LOG(command.failedLevel, "Mf500bfl::%s failed %d", command.name, status);
-    if (command.isScrambled) mCommand->decryptResponse();
-    return {true, status};
-}
-
-short Mf500bfl::conclude(const Outcome& outcome) {
-    processSecretKey();
-    return outcome.status;
-}
-
-void Mf500bfl::processSecretKey() {
-    if (!mIsQvlDevice) return;
-    KeyValue key;
-    if (mCommand->GetParam(key.data(), kKeySize) != kBflOk) return;
-    useKey(key.data());
-    mIsKeyDue = false;
-}
-
-void Mf500bfl::useKey(const std::uint8_t* key) {
-    mCommand->setKey(key);
-    if (!mCommand->hasKey()) noteClearLink("the reader gave out a zero key");
-}
-
-// Under another key the reader would find other parameters in a command: a write could hit any block, with any bytes.
-bool Mf500bfl::isOutOfStep() const { return mIsQvlDevice && mIsKeyDue && mCommand->hasKey(); }
-
-short Mf500bfl::run(const Command& command, std::initializer_list<Param> sent, std::initializer_list<Field> reply) {
-    const OperationLock lock = lockOperation();
-    const auto missing = [](const Field& field) { return field.out == nullptr; };
-    if (std::ranges::any_of(sent, &Param::isMissing) || std::ranges::any_of(reply, missing)) return kBflOutOfRange;
-    const Outcome outcome = ask(command, sent);
-    if (!outcome.hasReply) return outcome.status;
-    for (const Field& field : reply)
-        if (const short status = mCommand->GetParam(field.out, field.length); status != kBflOk) {
-            QVL_LOG(kLogFailure, command.replyFailure, status);
-            return outcome.status != kBflOk ? outcome.status : status;
-        }
-    return conclude(outcome);
-}
-
-short Mf500bfl::pcdConfig() {
-    const OperationLock lock = lockOperation();
-    KeyValue challenge;
-    nextKeyPoolValue(challenge.data());
-    mCommand->setKey(nullptr);
-    mIsQvlDevice = false;
-    const Outcome outcome = ask({"pcdConfig", 0x10, nullptr, kLogFailure, false}, {{challenge.data(), kKeySize}});
-    if (!outcome.hasReply || outcome.status != kBflOk) return outcome.status;
-    short status = kBflOk;
-    if (mCommand->GetDataBufferLength() != 0)
-        status = agreeKey(rotateKey(challenge.data()).data());
-    else
-        noteClearLink("the reader does not take part in the key agreement");
-    QVL_LOG(kLogProgress, "Mf500bfl::pcdConfig PCD Config OK  status = %d", status);
-    return status;
-}
-
-/// The reader has to know what follows from the challenge.
-short Mf500bfl::agreeKey(const std::uint8_t* expected) {
-    mCommand->setKey(expected);
-    mCommand->decryptResponse();
-    KeyValue confirmation, sessionKey;
-    std::uint8_t unused[4];
-    short status = mCommand->GetParam(confirmation.data(), kKeySize);
-    if (status == kBflOk) status = mCommand->GetParam(unused, sizeof unused);
-    if (status == kBflOk) status = mCommand->GetParam(sessionKey.data(), kKeySize);
-    if (status != kBflOk) {
-        QVL_LOG(kLogFailure, "Mf500bfl::pcdConfig get param failed %d", status);
-        return status;
-    }
-    if (!std::equal(confirmation.begin(), confirmation.end(), expected)) return kBflOutOfRange;
-    return pcdConfig2(confirmation.data(), sessionKey.data());
-}
-
-short Mf500bfl::pcdConfig2(std::uint8_t* confirmation, std::uint8_t* sessionKey) {
-    const OperationLock lock = lockOperation();
-    if (confirmation == nullptr || sessionKey == nullptr) return kBflOutOfRange;
-    mCommand->ResetBuffers();
-    useKey(sessionKey);
-    mCommand->SetCommand(0x09);
-    mCommand->AddParam(confirmation, kKeySize);
-    mCommand->encryptCommand();
-    bool hasReply = false;
-    const short status = sendCommand("pcdConfig2", hasReply);
-    if (hasReply && status != kBflOk) QVL_LOG(kLogFailure, "Mf500bfl::pcdConfig2 failed %d", status);
-    mIsQvlDevice = true;
-    mIsKeyDue = !hasReply;
-    return status;
 }
 
 short Mf500bfl::pcdGetRICVersion(std::uint8_t* version) {
@@ -236,17 +74,16 @@ short Mf500bfl::pcdGetFwVersion(std::uint8_t* version, std::uint16_t& versionLen
     const Outcome outcome = ask({"pcdGetFwVersion", 0x63}, {});
     if (!outcome.hasReply) return outcome.status;
     std::uint16_t length = 0;
-    if (const short status = mCommand->GetParam(length); status != kBflOk) {
+    if (const short status = mLink->command->GetParam(length); status != kBflOk) {
         QVL_LOG(kLogProgress, "Mf500bfl::pcdGetFwVersion get len param failed %d\n", status);
         return outcome.status != kBflOk ? outcome.status : status;
     }
-    versionLen = length;
+    if (length <= kLongestVersion) versionLen = length;
     QVL_LOG(kLogProgress, "Mf500bfl::pcdGetFwVersion get param  len=%d \n", length);
-    // A text that the host's buffer cannot hold counts as none that was read.
-    const short status = length > kLongestVersion ? short{kBflBadFrame} : mCommand->GetParam(version, length);
+    const short status = takeRun(version, kLongestVersion, length);
     if (status != kBflOk) {
         QVL_LOG(kLogProgress, "Mf500bfl::pcdGetFwVersion get version param failed %d  with len %d\n", status, length);
-        return outcome.status != kBflOk ? outcome.status : status;
+        return conclude({true, outcome.status != kBflOk ? outcome.status : status});
     }
     version[length] = 0;
     QVL_LOG(kLogProgress, "Mf500bfl::pcdGetFwVersion doesn't have FirmwareVersion or gets param  version=%s \n",
@@ -255,7 +92,7 @@ short Mf500bfl::pcdGetFwVersion(std::uint8_t* version, std::uint16_t& versionLen
 }
 
 short Mf500bfl::pcdRfReset(std::uint16_t ms) {
-    mIsTagAwake = false;
+    mLink->isTagAwake = false;
     return run({"pcdRfReset", 0x20}, {ms});
 }
 
@@ -270,7 +107,9 @@ short Mf500bfl::pcdSetAttrib(std::uint8_t dsi, std::uint8_t dri) {
     return run({"pcdSetAttrib", 0x46}, {dsi, dri});
 }
 
-short Mf500bfl::pcdSetDefaultAttrib() { return run({"pcdSetDefaultAttrib", 0x45}, {}); }
+short Mf500bfl::pcdSetDefaultAttrib() {
+    return run({.name = "pcdSetDefaultAttrib", .code = 0x45, .hasReplyData = false}, {});
+}
 
 short Mf500bfl::hostCodeKey(std::uint8_t* key, std::uint8_t* codedKey) {
     return run({"hostCodeKey", 0x16, "Mf500bfl::hostCodeKey get param coded failed %d"}, {{key, 6}}, {{codedKey, 12}});
@@ -280,7 +119,7 @@ short Mf500bfl::piccRequest(std::uint8_t reqCode, std::uint8_t* atq) {
     if (reqCode != 0x26 && reqCode != 0x52) return kBflOutOfRange;
     const short status =
         run({"piccRequest", 0x11, "Mf500bfl::piccRequest get param atq failed %d"}, {reqCode}, {{atq, 2}});
-    mIsTagAwake = status == kBflOk;
+    mLink->isTagAwake = status == kBflOk;
     return status;
 }
 
@@ -294,13 +133,13 @@ short Mf500bfl::piccCascSelect(std::uint8_t selCode, std::uint8_t* snr, std::uin
     if (!isSelectCode(selCode)) return kBflOutOfRange;
     const short status = run({"piccCascSelect", 0x42, "Mf500bfl::piccCascSelect get param sak failed %d"},
                              {selCode, {snr, 4}}, {{sak, 1}});
-    if (status == kBflOk) mIsTagAwake = true;
+    if (status == kBflOk) mLink->isTagAwake = true;
     return status;
 }
 
 short Mf500bfl::piccSelectKnown(std::uint8_t reqCode, const TagUID& tag, std::optional<std::uint8_t>& sak) {
     const OperationLock lock = lockOperation();
-    const bool wasTagAwake = mIsTagAwake;
+    const bool wasTagAwake = mLink->isTagAwake;
     std::uint8_t atq[2] = {};
     short status = piccRequest(reqCode, atq);
     if (status != kBflOk && !isDeviceLost(status) && wasTagAwake) status = piccRequest(reqCode, atq);
@@ -309,9 +148,18 @@ short Mf500bfl::piccSelectKnown(std::uint8_t reqCode, const TagUID& tag, std::op
     return status;
 }
 
+/// A run that is longer than the room for it counts as one that was not read, but what follows it can be.
+short Mf500bfl::takeRun(std::uint8_t* out, std::size_t capacity, std::uint16_t length) {
+    SecretBytes<CommandObject::kBufferSize> scrap;
+    const bool fits = length <= capacity;
+    const short status = mLink->command->GetParam(fits ? out : scrap.data(), length);
+    if (status != kBflOk) mLink->isKeyReadable = false;
+    return fits ? status : short{kBflBadFrame};
+}
+
 short Mf500bfl::takeUid(std::uint8_t* uid, std::uint8_t length) {
     std::uint8_t bytes[255];
-    if (const short status = mCommand->GetParam(bytes, length); status != kBflOk) return status;
+    if (const short status = mLink->command->GetParam(bytes, length); status != kBflOk) return status;
     std::copy_n(bytes, std::min<std::size_t>(length, kMostUidBytes), uid);
     return kBflOk;
 }
@@ -330,11 +178,11 @@ short Mf500bfl::runActivation(const Command& command, std::initializer_list<Para
         QVL_LOG(kLogFailure, "Mf500bfl::%s get %s param failed %d%s", name, what, status, end);
         return outcome.status != kBflOk ? outcome.status : status;
     };
-    if (const short status = mCommand->GetParam(atq, 2); status != kBflOk) return failed("atq", status);
+    if (const short status = mLink->command->GetParam(atq, 2); status != kBflOk) return failed("atq", status);
     QVL_LOG(kLogProgress, "Mf500bfl::%s get param  atq(Hex)=%x %x ", name, atq[0], atq[1]);
-    if (const short status = mCommand->GetParam(sak, 1); status != kBflOk) return failed("sak", status);
+    if (const short status = mLink->command->GetParam(sak, 1); status != kBflOk) return failed("sak", status);
     QVL_LOG(kLogProgress, "Mf500bfl::%s get param  sak(Hex)=%x %s", name, *sak, end);
-    if (const short status = mCommand->GetParam(uid_len, 1); status != kBflOk) return failed("uid_len", status);
+    if (const short status = mLink->command->GetParam(uid_len, 1); status != kBflOk) return failed("uid_len", status);
     QVL_LOG(kLogProgress, "Mf500bfl::%s get param  uid_len=%d %s", name, *uid_len, end);
     if (const short status = takeUid(uid, *uid_len); status != kBflOk) {
         QVL_LOG(kLogFailure, "Mf500bfl::%s %s uid param failed %d  with uid_len %d%s", name, isLoop ? "gets" : "get",
@@ -343,7 +191,7 @@ short Mf500bfl::runActivation(const Command& command, std::initializer_list<Para
     }
     QVL_LOG(kLogProgress, "Mf500bfl::%s doesn't have uid or gets param  uid=%s %s", name,
             HexLine(uid, std::min<std::size_t>(*uid_len, kMostUidBytes)).text(), end);
-    mIsTagAwake = outcome.status == kBflOk;
+    mLink->isTagAwake = outcome.status == kBflOk;
     return conclude(outcome);
 }
 
@@ -400,31 +248,33 @@ short Mf500bfl::piccExchangeBlock(std::uint8_t* sendData, std::uint16_t sendLen,
     const Outcome outcome = ask({"piccExchangeBlock", 0x48, nullptr, kLogFailure, false},
                                 {sendLen, append_crc, timeout, {sendData, sendLen}});
     if (!outcome.hasReply) return outcome.status;
-    const std::uint16_t capacity = *rec_bytelen;
     std::uint16_t length = 0;
     short kept = outcome.status;
-    if (const short status = mCommand->GetParam(length); status != kBflOk) {
+    if (const short status = mLink->command->GetParam(length); status != kBflOk) {
         QVL_LOG(kLogFailure, "Mf500bfl::piccExchangeBlock get param rec_bytelen failed %d", status);
         if (kept == kBflOk) kept = status;
         length = 0;
     }
-    *rec_bytelen = length;
-    const short status = length > capacity ? short{kBflBadFrame} : mCommand->GetParam(rec_data, length);
-    if (status != kBflOk) {
+    const std::uint16_t capacity = *rec_bytelen;
+    if (length <= capacity) *rec_bytelen = length;
+    // The key of a reader that is out of step counts only in a reply that is whole.
+    const bool isWhole = mLink->command->GetDataBufferLength() == sizeof length + length + LinkCipher::kKeySize;
+    if (isWhole) mLink->isKeyReadable = true;
+    if (const short status = takeRun(rec_data, capacity, length); status != kBflOk) {
         QVL_LOG(kLogFailure, "Mf500bfl::piccExchangeBlock get param rec_data failed %d", status);
-        return kept != kBflOk ? kept : status;
+        if (kept == kBflOk) kept = status;
     }
     return conclude({true, kept});
 }
 
 short Mf500bfl::piccHalt() {
-    const short status = run({"piccHalt", 0x1D}, {});
-    if (status == kBflOk) mIsTagAwake = false;
+    const short status = run({.name = "piccHalt", .code = 0x1D, .hasReplyData = false}, {});
+    if (status == kBflOk) mLink->isTagAwake = false;
     return status;
 }
 
 short Mf500bfl::switchLED(std::uint8_t, std::uint8_t, std::uint8_t) {
     const OperationLock lock = lockOperation();
-    mCommand->ResetBuffers();
+    mLink->command->ResetBuffers();
     return kBflOk;
 }

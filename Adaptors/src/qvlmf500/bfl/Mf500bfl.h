@@ -4,15 +4,16 @@
 
 #include <initializer_list>
 
-class CipherCommandObject;
 class USB;
 class USBProtocol;
 
 /// Driver of an MF RC500 reader. It finds its device by itself; a device name plays no part. Every operation is one
 /// command of the reader. What the reader says in a reply reaches the caller's buffers even when its status is not 0. A
 /// reader that takes part in the key agreement of pcdConfig scrambles from then on, under a key that comes anew with
-/// each reply. When a reply or its key is lost, all commands fail until pcdConfig brings the two back into step. An
-/// operation on a closed driver returns 0 and does nothing, apart from a log line.
+/// each reply. After a time-out the next operation first asks the reader for its number, until no late reply can be
+/// taken for another. When a key is lost, what would be scrambled fails with -1001 until pcdConfig or a block exchange,
+/// which is not scrambled, brings the two back into step. An operation on a closed driver returns 0 and does nothing,
+/// apart from a log line.
 class QVL_API Mf500bfl : public Qvl14443bfl {
   public:
     Mf500bfl();
@@ -70,29 +71,42 @@ class QVL_API Mf500bfl : public Qvl14443bfl {
     struct Command;
     struct Param;
     struct Field;
+    struct Link;
+    struct Identity;
+    class Deadline;
     /// How far a command has come.
     struct Outcome {
         bool hasReply;
         short status;  ///< Of the link, or the reader's own.
     };
 
+    // The link.
     QVL_INTERNAL Outcome ask(const Command& command, std::initializer_list<Param> sent);
-    QVL_INTERNAL short sendCommand(const char* operation, bool& sent);
     QVL_INTERNAL short run(const Command& command, std::initializer_list<Param> sent,
                            std::initializer_list<Field> reply = {});
     QVL_INTERNAL short conclude(const Outcome& outcome);
-    QVL_INTERNAL short runActivation(const Command& command, std::initializer_list<Param> sent, std::uint8_t* atq,
-                                     std::uint8_t* sak, std::uint8_t* uid, std::uint8_t* uid_len);
-    QVL_INTERNAL short takeUid(std::uint8_t* uid, std::uint8_t length);
+    QVL_INTERNAL short makeReady(bool verifies);
+    QVL_INTERNAL short exchange(const Command& command);
+    QVL_INTERNAL short resynchronise(bool verifies);
+    QVL_INTERNAL short askIdentity(const Identity& identity, bool verifies, const Deadline& deadline,
+                                   std::uint8_t* number);
+    QVL_INTERNAL bool takeIdentity(const Identity& identity, bool verifies, std::uint8_t* number);
+    QVL_INTERNAL void takeLateReply();
+    QVL_INTERNAL short noteResult(short status);
     QVL_INTERNAL short agreeKey(const std::uint8_t* expected);
     QVL_INTERNAL void processSecretKey();
     QVL_INTERNAL void useKey(const std::uint8_t* key);
-    QVL_INTERNAL bool isOutOfStep() const;
+    QVL_INTERNAL bool isKeyed() const;
+    QVL_INTERNAL bool maySend(const Command& command) const;
+
+    // What operations share.
+    QVL_INTERNAL short runActivation(const Command& command, std::initializer_list<Param> sent, std::uint8_t* atq,
+                                     std::uint8_t* sak, std::uint8_t* uid, std::uint8_t* uid_len);
+    QVL_INTERNAL short takeUid(std::uint8_t* uid, std::uint8_t length);
+    QVL_INTERNAL short takeRun(std::uint8_t* out, std::size_t capacity, std::uint16_t length);
 
     // Copies of a driver share these. The order is that of their destruction, backwards.
-    std::shared_ptr<USB> mUSB;                      // null until the interface is open
-    std::shared_ptr<USBProtocol> mProtocol;         // null until the interface is open
-    std::shared_ptr<CipherCommandObject> mCommand;  // reused for every command
-    bool mIsTagAwake = false;                       // it may have gone since
-    bool mIsKeyDue = false;                         // of a secured reader: it has a key that did not arrive
+    std::shared_ptr<USB> mUSB;               // null until the interface is open
+    std::shared_ptr<USBProtocol> mProtocol;  // null until the interface is open
+    std::shared_ptr<Link> mLink;
 };

@@ -98,10 +98,14 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
 
     // The link.
     QVL_INTERNAL short nfcWrite(const std::uint8_t* data, int len);
-    QVL_INTERNAL short nfcRead();
+    QVL_INTERNAL short nfcRead() { return nfcRead(mTimeout); }
+    QVL_INTERNAL short nfcRead(std::uint32_t timeout);
     QVL_INTERNAL short deviceReady() const;
     QVL_INTERNAL short deviceFailed();
     QVL_INTERNAL short deviceTimedOut();
+    QVL_INTERNAL short badFrame();
+    QVL_INTERNAL short resynchronise();
+    QVL_INTERNAL short drainUntilReply(std::uint8_t replyCode, int acks);
     QVL_INTERNAL std::size_t buildCommand(const char* caller, const std::uint8_t* cmd, int len,
                                           std::span<std::uint8_t> plain);
     QVL_INTERNAL short writeCommand(const std::uint8_t* plain, std::size_t size, bool scramble);
@@ -144,6 +148,14 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
     std::int16_t mRekeyInterval;  // the count at which the next key change happens
     bool mRelayMode;
 
-    bool mInputStale;  // what is pending belongs to an earlier command
-    bool mDeviceGone;  // until the next open
+    /// What may still come of commands that failed.
+    enum class Pending {
+        nothing,
+        frames,     ///< Of the last command, in the order of the key stream.
+        leftovers,  ///< Anything.
+    };
+    Pending mPending;
+    std::uint8_t mLastCode;    // of the command sent last
+    bool mIsLastAcknowledged;  // its ACK has come
+    bool mDeviceGone;          // until the next open
 };

@@ -1,7 +1,9 @@
 // The link of the TAMA driver: one command becomes a frame, goes out scrambled, and brings back an ACK and a reply,
 // which is unscrambled and checked. Both directions share one key stream, so a frame that only one side has seen puts
-// the link out of step until the next key agreement.
+// the link out of step until the next key agreement. What a failed command has left behind is cleared away before the
+// next one.
 
+#include "Clock.h"
 #include "HexText.h"
 #include "KeyPool.h"
 #include "LinkCipher.h"
@@ -23,6 +25,11 @@ using FrameBuffer = SecretBytes<tama::kBufferSize>;
 constexpr std::uint8_t kExchangeKey = 0x1C;
 constexpr std::uint8_t kConfirmKey = 0x1E;
 
+// Harmless commands with a reply of their own. Neither has data: they take nothing from the key stream, so that a late
+// reply before theirs is still unscrambled in its place.
+constexpr std::uint8_t kGetFirmwareVersion = 0x02;
+constexpr std::uint8_t kGetIdentity = 0x24;
+
 // Key replies: status, 16 bytes key or confirmation, and behind a challenge 6 unused bytes and the session key.
 constexpr std::size_t kKeySize = LinkCipher::kKeySize;
 constexpr std::size_t kReplyKey = tama::kData + 1;
@@ -39,15 +46,21 @@ std::span<const std::uint8_t> NfcTamaBfl::received() const {
 
 short NfcTamaBfl::deviceFailed() {
     mDeviceGone = mDevice->isGone();
-    mInputStale = true;
+    mPending = std::max(mPending, Pending::frames);
     noteFailure(mDeviceGone);
     return kBflDeviceFailed;
 }
 
 short NfcTamaBfl::deviceTimedOut() {
-    mInputStale = true;
+    mPending = std::max(mPending, Pending::frames);
     noteTimeOut();
     return kBflDeviceTimedOut;
+}
+
+short NfcTamaBfl::badFrame() {
+    mPending = std::max(mPending, Pending::frames);
+    noteFailure(false);
+    return kBflBadFrame;
 }
 
 // Told before anything is scrambled: a command that is not sent takes nothing from the key stream.
@@ -58,10 +71,8 @@ short NfcTamaBfl::deviceReady() const {
 }
 
 short NfcTamaBfl::nfcWrite(const std::uint8_t* data, int len) {
-    if (mInputStale) {
-        mDevice->discardInput();
-        mInputStale = false;
-    }
+    mLastCode = data[tama::kCode];
+    mIsLastAcknowledged = false;
     std::uint32_t written = 0;
     const std::int32_t result = mDevice->WriteBytesUnblocked(data, len, &written, mTimeout);
     if (result < 0) {
@@ -74,22 +85,60 @@ short NfcTamaBfl::nfcWrite(const std::uint8_t* data, int len) {
     return result == kDeviceTimedOut ? deviceTimedOut() : short{kBflOk};
 }
 
-short NfcTamaBfl::nfcRead() {
+short NfcTamaBfl::nfcRead(std::uint32_t timeout) {
     std::fill(std::begin(mDataInBuf), std::end(mDataInBuf), std::uint8_t{0});
     if (!mDevice) return kBflNoDevice;
     constexpr int kSize = sizeof mDataInBuf;
     std::uint32_t count = 0;
-    const std::int32_t result = mDevice->ReadBytesUnBlocked(mDataInBuf, kSize, &count, mTimeout);
+    const std::int32_t result = mDevice->ReadBytesUnBlocked(mDataInBuf, kSize, &count, timeout);
     if (result < 0) {
         QVL_LOG(kLogFailure,
                 "NfcTamaBfl::nfcRead - ReadBytesUnBlocked failed %d to read data from NFC TAMA device w/ n=%d "
                 "nDataInLen=%d timeout=%d",
-                kBflDeviceFailed, kSize, static_cast<int>(count), static_cast<int>(mTimeout));
+                kBflDeviceFailed, kSize, static_cast<int>(count), static_cast<int>(timeout));
         mDataInBufLen = 0;
         return deviceFailed();
     }
     mDataInBufLen = static_cast<std::int32_t>(count);
     return result == kDeviceTimedOut ? deviceTimedOut() : short{kBflOk};
+}
+
+/// Before a command that follows a failed one. A command with a reply of its own shape goes out, and frames are read
+/// until that reply has come: no late frame can then be taken for the next command's. On a link that is out of step the
+/// reply is noise, but it comes.
+short NfcTamaBfl::resynchronise() {
+    if (mPending == Pending::nothing) return kBflOk;
+    if (mPending == Pending::leftovers || !mLinkCipher->hasKey()) mDevice->discardInput();
+    const int acks = mIsLastAcknowledged ? 1 : 2;
+    const std::uint8_t code = mLastCode == kGetIdentity ? kGetFirmwareVersion : kGetIdentity;
+    std::uint8_t plain[tama::kFrameOverhead + 1];
+    short status = nfcWrite(plain, static_cast<int>(tama::buildFrame({&code, 1}, plain)));
+    if (status == kBflOk) status = drainUntilReply(static_cast<std::uint8_t>(code + 1), acks);
+    mPending = status == kBflOk ? Pending::nothing : Pending::leftovers;
+    return status;
+}
+
+/// Ends with the reply of this code, or with an ERROR frame that no earlier command can have caused: at most `acks`
+/// ACKs are due, the last of them before the reply.
+short NfcTamaBfl::drainUntilReply(std::uint8_t replyCode, int acks) {
+    constexpr int kMostFrames = 4096;  // a device that is never silent
+    platform::Clock& clock = platform::Clock::current();
+    const std::uint64_t start = clock.nowMs();
+    for (int frames = 0; frames < kMostFrames; ++frames) {
+        const std::uint64_t passed = clock.nowMs() - start;
+        if (passed >= mTimeout) break;
+        if (const short status = nfcRead(mTimeout - static_cast<std::uint32_t>(passed)); status != kBflOk)
+            return status;
+        if (tama::isAck(received())) {
+            --acks;
+            mIsLastAcknowledged = true;
+        }
+        if (tama::isError(received()) && acks <= 0) return kBflOk;
+        if (!tama::isInformation(received())) continue;
+        unscrambleReply();
+        if (mDataInBuf[tama::kCode] == replyCode) return kBflOk;
+    }
+    return deviceTimedOut();
 }
 
 std::size_t NfcTamaBfl::buildCommand(const char* caller, const std::uint8_t* cmd, int len,
@@ -104,6 +153,7 @@ std::size_t NfcTamaBfl::buildCommand(const char* caller, const std::uint8_t* cmd
 
 short NfcTamaBfl::writeCommand(const std::uint8_t* plain, std::size_t size, bool scramble) {
     if (const short status = deviceReady(); status != kBflOk) return status;
+    if (const short status = resynchronise(); status != kBflOk) return status;
     FrameBuffer frame;
     std::copy_n(plain, size, frame.begin());
     if (scramble) {
@@ -122,9 +172,9 @@ short NfcTamaBfl::readAck(const char* caller) {
         // What came may be a reply of an earlier command, with a key in it.
         QVL_LOG(kLogFailure, "NfcTamaBfl::%s - expecting an ACK frame, but 0x%s", caller,
                 HexLine(received().data(), received().size(), tama::kData).text());
-        mInputStale = true;
-        return kBflBadFrame;
+        return badFrame();
     }
+    mIsLastAcknowledged = true;
     ++mCommandCount;
     return kBflOk;
 }
@@ -134,8 +184,8 @@ short NfcTamaBfl::readReply(const char* caller) {
         QVL_LOG(kLogFailure, "NfcTamaBfl::%s - nfcRead failed %d to read TAMA response", caller, status);
         return status;
     }
-    noteAnswer();
     if (!tama::isError(received())) return kBflOk;
+    noteAnswer();
     QVL_LOG(kLogFailure, "NfcTamaBfl::%s - returned the ERROR frame 0x%s", caller,
             HexLine(received().data(), received().size()).text());
     return kBflErrorFrame;
@@ -161,8 +211,9 @@ short NfcTamaBfl::tamaCommand(std::uint8_t* cmd, int len) {
     const short pending = readReply(kCaller);
     if (pending == kBflOk) unscrambleReply();
     if (const short status = changeKeyWhenDue(); status != kBflOk) return status;
-    if (pending != kBflOk) return pending;
-    return checkTamaProtocol({plain.data(), size});
+    if (pending == kBflOk) return checkTamaProtocol({plain.data(), size});
+    if (pending != kBflErrorFrame) noteFailure(false);  // whatever the answer to a change of the key
+    return pending;
 }
 
 short NfcTamaBfl::tamaCommand1(std::uint8_t* cmd, int len, std::uint8_t* key) {
@@ -188,6 +239,7 @@ short NfcTamaBfl::checkTamaProtocol(std::span<const std::uint8_t> sent) {
     const std::uint8_t* in = mDataInBuf;
     const Fault fault =
         tama::checkReply({in, sizeof mDataInBuf}, static_cast<std::size_t>(mDataInBufLen), sent, !mRelayMode);
+    if (fault == Fault::none || fault == Fault::noStatus || fault == Fault::status) noteAnswer();
     switch (fault) {
     case Fault::none:
         return kBflOk;
@@ -218,14 +270,13 @@ short NfcTamaBfl::checkTamaProtocol(std::span<const std::uint8_t> sent) {
                 sent[tama::kCode]);
         return in[tama::kData];
     }
-    mInputStale = true;
-    return fault == Fault::start ? kBflBadStart : kBflBadFrame;
+    const short status = badFrame();
+    return fault == Fault::start ? short{kBflBadStart} : status;
 }
 
 short NfcTamaBfl::shortReply() {
     QVL_LOG(kLogFailure, "NfcTamaBfl::reply to command %02X is too short, LEN=%02X", mDataInBuf[tama::kCode] - 1,
             mDataInBuf[tama::kLen]);
-    mInputStale = true;
     return kBflBadFrame;
 }
 

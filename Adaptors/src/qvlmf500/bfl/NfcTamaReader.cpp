@@ -69,7 +69,8 @@ std::uint32_t takeBaudRate(char* name) {
 
 NfcTamaBfl::NfcTamaBfl()
     : mDataInBuf{}, mDataInBufLen(0), mTimeout(kDefaultTimeoutMs), mLinkCipher(std::make_shared<LinkCipher>()),
-      mCommandCount(0), mRekeyInterval(nextRekeyInterval()), mRelayMode(false), mInputStale(false), mDeviceGone(false) {
+      mCommandCount(0), mRekeyInterval(nextRekeyInterval()), mRelayMode(false), mPending(Pending::nothing),
+      mLastCode(0), mIsLastAcknowledged(false), mDeviceGone(false) {
     seedKeyPool();
     setDeviceName(reinterpret_cast<const std::uint8_t*>(kDefaultDeviceName));
 }
@@ -121,7 +122,7 @@ short NfcTamaBfl::interfaceOpen(std::uint32_t, std::uint32_t) {
     const OperationLock lock = lockOperation();
     interfaceClose();
     mFrameAssembler.reset();
-    mInputStale = false;
+    mPending = Pending::nothing;
     mDeviceGone = false;
 
     const std::int32_t result = openDevice();

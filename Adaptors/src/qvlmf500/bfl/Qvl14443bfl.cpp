@@ -6,11 +6,12 @@
 #include <cstring>
 
 Qvl14443bfl::Qvl14443bfl()
-    : mIsQvlDevice(false), mDeviceName{}, mOperationMutex(std::make_shared<std::recursive_mutex>()) {}
+    : mIsQvlDevice(std::make_shared<bool>(false)), mDeviceName{},
+      mOperationMutex(std::make_shared<std::recursive_mutex>()) {}
 
 Qvl14443bfl::~Qvl14443bfl() = default;
 
-bool Qvl14443bfl::isQvlDevice() { return mIsQvlDevice; }
+bool Qvl14443bfl::isQvlDevice() { return *mIsQvlDevice; }
 
 void Qvl14443bfl::setDeviceName(const std::uint8_t* name) {
     if (name == nullptr) return;

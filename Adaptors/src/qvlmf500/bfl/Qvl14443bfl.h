@@ -150,7 +150,7 @@ class QVL_API Qvl14443bfl {
     QVL_INTERNAL void noteFailure(bool isGone) const;
     QVL_INTERNAL void noteOpened() const;
 
-    bool mIsQvlDevice;
+    std::shared_ptr<bool> mIsQvlDevice;  // one for a driver and its copies
     std::uint8_t mDeviceName[256];
 
   private:

@@ -18,6 +18,14 @@ inline constexpr std::uint8_t kNak = 0x10;       // of an R-block
 inline constexpr std::uint8_t kDeselect = 0x00;  // of an S-block
 inline constexpr std::uint8_t kWtx = 0x30;       // of an S-block
 inline constexpr std::uint8_t kNadReserved = 0x88;
+inline constexpr std::uint8_t kCidReserved = 0x30;
+inline constexpr std::uint8_t kCidNumber = 0x0F;
+
+// What tells the blocks apart.
+inline constexpr std::uint8_t kIBlockMask = 0xC2;
+inline constexpr std::uint8_t kControlMask = 0xF4;  // of R- and S-blocks: all but CID, number and a fixed bit
+inline constexpr std::uint8_t kAckControl = 0xA0;
+inline constexpr std::uint8_t kWtxControl = 0xF0;
 
 // QvlTclInternalParams::flags
 inline constexpr std::uint8_t kNadInUse = 0x01;

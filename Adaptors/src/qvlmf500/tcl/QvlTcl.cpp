@@ -3,6 +3,7 @@
 
 #include "QvlTcl.h"
 
+#include "BlockFormat.h"
 #include "QvlTclUtil.h"
 #include "TclTimeouts.h"
 
@@ -51,6 +52,9 @@ short QvlTcl::reset(std::uint8_t maxTry) {
     if (maxTry == 0) return kTclBadArgument;
     for (std::uint8_t cid = 0; cid < kCards - 1; ++cid)
         QvlTclUtil::resetmPicc(this, cid);
+    // The last record stays, but the answer that it had begun to deliver is of another session.
+    mPicc[kCards - 1]->mFlags &= static_cast<std::uint8_t>(~kRestPending);
+    mPicc[kCards - 1]->mParams.block.reset();
     mAppend_crc = 1;
     mTimeout = kRatsTimeout;
     mMaxTry = maxTry;

@@ -7,6 +7,7 @@
 #include "LogService.h"
 #include "QvlTcl.h"
 #include "QvlTclUtil.h"
+#include "ReceiveRoom.h"
 #include "TclTimeouts.h"
 
 #include <algorithm>
@@ -54,11 +55,15 @@ short QvlTcl::requestAts(Qvl14443bfl& bfl, const PiccInfo& card, std::uint8_t ci
     }
     mTimeout = kRatsTimeout;
     std::fill_n(ats, *atsLen, std::uint8_t{0});
-    if (const short status = bfl.piccExchangeBlock(frame, length, ats, atsLen, mAppend_crc, mTimeout); status != kBflOk)
+    std::uint8_t answer[kMostReceiveRoom] = {};
+    std::uint16_t answerLen = receiveRoom(card, bfl.traits());
+    if (const short status = bfl.piccExchangeBlock(frame, length, answer, &answerLen, mAppend_crc, mTimeout);
+        status != kBflOk)
         return status;
-    if (mAppend_crc == 0) return kTclOk;
-    if (*atsLen < kCrcSize) return kTclBadAts;
-    *atsLen = static_cast<std::uint16_t>(*atsLen - kCrcSize);
+    const std::size_t crcSize = mAppend_crc != 0 ? kCrcSize : 0;
+    if (answerLen < crcSize || answerLen - crcSize > *atsLen) return kTclBadAts;
+    *atsLen = static_cast<std::uint16_t>(answerLen - crcSize);
+    std::copy_n(answer, *atsLen, ats);
     return kTclOk;
 }
 
@@ -181,13 +186,13 @@ short QvlTcl::TclPps(std::uint8_t cid, std::uint8_t dsi, std::uint8_t dri) {
     std::uint8_t frame[5] = {static_cast<std::uint8_t>(kPpss | cid), kPps0, static_cast<std::uint8_t>(dsi << 2 | dri)};
     if (mAppend_crc != 0) HostCalcCrc(0, 3, frame, frame + 3);
     mTimeout = kPpsTimeout;
-    std::uint8_t answer[3] = {};
-    std::uint16_t answerLen = sizeof answer;
+    std::uint8_t answer[kMostReceiveRoom] = {};
+    std::uint16_t answerLen = receiveRoom(card, bfl->traits());
     if (const short status = bfl->piccExchangeBlock(frame, sizeof frame, answer, &answerLen, mAppend_crc, mTimeout);
         status != kBflOk)
         return status;
     const std::size_t least = mAppend_crc != 0 ? 1 + kCrcSize : 1;
-    if (answerLen < least || answer[0] != frame[0]) return kTclPpsRefused;
+    if (answerLen < least || answerLen > 1 + kCrcSize || answer[0] != frame[0]) return kTclPpsRefused;
     card.mDSI = dsi;
     card.mDRI = dri;
     return kTclOk;

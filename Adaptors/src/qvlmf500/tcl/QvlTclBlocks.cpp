@@ -20,7 +20,7 @@ std::uint16_t putCid(QvlTclInternalParams& p, const std::uint8_t* cid, std::uint
 // PCB and CID of a received block. What its PCB announces has to be there.
 std::size_t headerOf(const QvlTclInternalParams& p) { return (p.block[0] & kPcbCid) != 0 ? 2 : 1; }
 
-bool isInformation(std::uint8_t pcb) { return (pcb & 0xC2) == kIBlock; }
+bool isInformation(std::uint8_t pcb) { return (pcb & kIBlockMask) == kIBlock; }
 
 // The NAD of a received I-block answers the one sent: its nibbles change places. The caller's byte becomes what came.
 int takeNad(QvlTclInternalParams& p) {
@@ -80,7 +80,7 @@ int QvlTclUtil::checkCid(const QvlTclInternalParams* p) {
     const bool inUse = (p->flags & kCidInUse) != 0;
     if ((p->block[0] & kPcbCid) == 0) return inUse ? kTclWrongAddress : kTclOk;
     const std::uint8_t cid = p->block[1];
-    return inUse && (cid & 0x30) == 0 && (cid & 0x0F) == p->cid ? kTclOk : kTclWrongAddress;
+    return inUse && (cid & kCidReserved) == 0 && (cid & kCidNumber) == p->cid ? kTclOk : kTclWrongAddress;
 }
 
 int QvlTclUtil::checkI(QvlTclInternalParams* p, std::uint16_t len) {
@@ -94,13 +94,15 @@ int QvlTclUtil::checkI(QvlTclInternalParams* p, std::uint16_t len) {
 }
 
 int QvlTclUtil::checkRAck(const QvlTclInternalParams* p, std::uint16_t len) {
-    if (len < 1 || len > 2 || (p->block[0] & 0xF4) != 0xA0 || len < headerOf(*p)) return kTclUnexpectedBlock;
+    const bool isAck = len >= 1 && len <= 2 && (p->block[0] & kControlMask) == kAckControl;
+    if (!isAck || len < headerOf(*p)) return kTclUnexpectedBlock;
     if ((p->block[0] & kPcbNumber) != p->blockNumber) return kTclWrongNumber;
     return checkCid(p) == kTclOk ? kTclOk : kTclWrongAddress;
 }
 
 int QvlTclUtil::checkSWtx(const QvlTclInternalParams* p, std::uint16_t len) {
-    if (len < 1 || len > 3 || (p->block[0] & 0xF4) != 0xF0 || len < headerOf(*p) + 1) return kTclUnexpectedBlock;
+    const bool isWtx = len >= 1 && len <= 3 && (p->block[0] & kControlMask) == kWtxControl;
+    if (!isWtx || len < headerOf(*p) + 1) return kTclUnexpectedBlock;
     return checkCid(p) == kTclOk ? kTclOk : kTclWrongAddress;
 }
 

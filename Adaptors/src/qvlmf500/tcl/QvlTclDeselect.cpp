@@ -5,6 +5,7 @@
 #include "LogService.h"
 #include "QvlTcl.h"
 #include "QvlTclUtil.h"
+#include "ReceiveRoom.h"
 #include "TclTimeouts.h"
 
 #include <new>
@@ -13,8 +14,6 @@ namespace {
 
 constexpr std::size_t kWorkArea = 256;
 constexpr std::uint8_t kBlockKindMask = 0xC0;
-
-constexpr std::size_t kLongestAnswer = 2 + kCrcSize;  // PCB and CID
 
 }  // namespace
 
@@ -43,8 +42,8 @@ short QvlTcl::deselectByBlock(Qvl14443bfl& bfl, std::uint8_t cid) {
             length = static_cast<std::uint16_t>(length + kCrcSize);
         }
         mTimeout = kBlockTimeout;
-        std::uint8_t answer[kLongestAnswer] = {};
-        std::uint16_t size = sizeof answer;
+        std::uint8_t answer[kMostReceiveRoom] = {};
+        std::uint16_t size = receiveRoom(card, bfl.traits());
         status = bfl.piccExchangeBlock(params.block.get(), length, answer, &size, mAppend_crc, mTimeout);
         if (status == kBflOk && (size == 0 || (answer[0] & kBlockKindMask) != kBlockKindMask))
             status = kTclUnexpectedBlock;

@@ -5,6 +5,7 @@
 #include "Clock.h"
 #include "QvlTcl.h"
 #include "QvlTclUtil.h"
+#include "ReceiveRoom.h"
 #include "TclTimeouts.h"
 
 #include <algorithm>
@@ -30,8 +31,6 @@ constexpr std::uint8_t kLast = 0;
 // Bounds on a card that never finishes, far above what lawful ones need: making a key on a card takes many extensions.
 constexpr std::uint32_t kLongestStandstillMs = 600000;
 constexpr int kMostEmptyBlocks = 255;
-
-constexpr std::uint16_t kLeastBlockBuffer = 256;
 
 void clear(std::uint8_t& flags, std::uint8_t bit) { flags &= static_cast<std::uint8_t>(~bit); }
 
@@ -93,7 +92,6 @@ class Exchange {
     void startAnswer();
     void toggleNumber() { p.blockNumber ^= 1; }
     const std::uint8_t* cid() const { return (p.flags & kCidInUse) != 0 ? &p.cid : nullptr; }
-    std::uint16_t bufferSize() const { return std::max(mCard.mFSD, kLeastBlockBuffer); }
     std::uint8_t* commandStart() const { return const_cast<std::uint8_t*>(mCommand.data); }
 
     QvlTcl& mTcl;
@@ -114,7 +112,7 @@ class Exchange {
 
 bool Exchange::takeBlockBuffer() {
     if (isRestPending()) return true;
-    p.block.reset(new (std::nothrow) std::uint8_t[bufferSize() + std::size_t{kCrcSize}]{});
+    p.block.reset(new (std::nothrow) std::uint8_t[receiveRoom(mCard, mBfl.traits())]{});
     return p.block != nullptr;
 }
 
@@ -231,9 +229,11 @@ Exchange::Step Exchange::receive() {
     if (mStatus == kTclWrongAddress) return {kEnd};
     switch (const int acknowledged = QvlTclUtil::checkRAck(&p, mLength); acknowledged) {
     case kTclWrongNumber:
-        return mStatus = acknowledged, Step{kResendI};
+        mStatus = acknowledged;
+        return {kResendI};
     case kTclWrongAddress:
-        return mStatus = acknowledged, Step{kEnd};
+        mStatus = acknowledged;
+        return {kEnd};
     default:
         return answerWtxOrEnd();
     }
@@ -343,13 +343,12 @@ void Exchange::exchangeBlock(std::uint16_t length) {
     }
     const ReaderTraits traits = mBfl.traits();
     const bool withCrc = mTcl.mAppend_crc != 0 && traits.blocksCarryCrc;
-    std::uint16_t received = bufferSize();
+    const std::uint16_t capacity = receiveRoom(mCard, traits);
+    std::uint16_t received = capacity;
     if (withCrc) {
         std::fill_n(p.block.get() + length, kCrcSize, std::uint8_t{0});
         length = static_cast<std::uint16_t>(length + kCrcSize);
-        received = static_cast<std::uint16_t>(received + kCrcSize);
     }
-    const std::uint16_t capacity = received;
     mTcl.mTimeout = kBlockTimeout;
     mStatus = mBfl.piccExchangeBlock(p.block.get(), length, p.block.get(), &received, mTcl.mAppend_crc, mTcl.mTimeout);
     // A closed MF RC500 driver says 0 and fills nothing in: what was sent is not the answer. No card fills all the

@@ -34,14 +34,8 @@ class TamaDevice {
     virtual std::int32_t ReadBytesUnBlocked(std::uint8_t* buffer, int size, std::uint32_t* count,
                                             std::uint32_t timeout) = 0;
 
-    /// Drops what an earlier command left over: input until none comes for half a second, two seconds at most. The
-    /// driver calls this before the command that follows a time-out or a bad frame, so that no late reply is taken for
-    /// the next one's.
+    /// Drops what has come and was not read. Waits for nothing, and ends even where input comes without end.
     virtual void discardInput() {}
     /// True once the other end is known to be gone: nothing more will come until the next open.
     virtual bool isGone() { return false; }
-
-  protected:
-    static constexpr std::uint32_t kQuietMs = 500;
-    static constexpr std::uint32_t kLongestDiscardMs = 2000;
 };

@@ -1,6 +1,5 @@
 #include "TamaFileDevice.h"
 
-#include "Clock.h"
 #include "Installation.h"
 
 std::int32_t TamaFileDevice::noted(platform::IoResult result) {
@@ -37,11 +36,9 @@ std::int32_t TamaFileDevice::ReadBytesUnBlocked(std::uint8_t* buffer, int size, 
 }
 
 void TamaFileDevice::discardInput() {
-    platform::Clock& clock = platform::Clock::current();
-    const std::uint64_t start = clock.nowMs();
+    constexpr int kMostMessages = 1024;
     std::uint8_t scrap[64];
     std::size_t got = 0;
-    while (clock.nowMs() - start < kLongestDiscardMs &&
-           mHandle.read(scrap, got, kQuietMs) == platform::IoResult::done) {
+    for (int i = 0; i < kMostMessages && mHandle.read(scrap, got, 0) == platform::IoResult::done; ++i) {
     }
 }

@@ -40,6 +40,12 @@ bool isAck(std::span<const std::uint8_t> frame) { return std::ranges::equal(fram
 
 bool isError(std::span<const std::uint8_t> frame) { return std::ranges::equal(frame, kError); }
 
+bool isInformation(std::span<const std::uint8_t> frame) {
+    return frame.size() > kData && frame[0] == 0x00 && frame[1] == 0x00 && frame[2] == 0xFF && frame[kLen] >= 2 &&
+           static_cast<std::uint8_t>(frame[kLen] + frame[kLcs]) == 0 && frame.size() == frame[kLen] + std::size_t{7} &&
+           frame[kTfi] == kToHost;
+}
+
 std::span<std::uint8_t> scrambledPart(std::span<std::uint8_t> frame) {
     if (frame.size() <= kData || frame[kLen] <= 2) return {};
     const std::size_t length = static_cast<std::size_t>(frame[kLen]) - 2;

@@ -31,6 +31,7 @@ inline constexpr std::size_t kCode = 6;
 inline constexpr std::size_t kData = 7;
 
 inline constexpr std::uint8_t kToReader = 0xD4;
+inline constexpr std::uint8_t kToHost = 0xD5;
 
 inline constexpr std::uint8_t kInDataExchange = 0x40;
 inline constexpr std::uint8_t kInJumpForDep = 0x56;
@@ -44,6 +45,8 @@ std::size_t buildFrame(std::span<const std::uint8_t> command, std::span<std::uin
 bool isAck(std::span<const std::uint8_t> frame);
 /// The frame that stands in place of a reply when the reader did not understand the command.
 bool isError(std::span<const std::uint8_t> frame);
+/// A whole frame of the reader with a command code; its data and DCS are not looked at.
+bool isInformation(std::span<const std::uint8_t> frame);
 
 /// The scrambled bytes of `frame`, as far as they have arrived; empty for a frame without data.
 std::span<std::uint8_t> scrambledPart(std::span<std::uint8_t> frame);

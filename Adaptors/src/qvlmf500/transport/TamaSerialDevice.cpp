@@ -77,9 +77,4 @@ void TamaSerialDevice::dropBuffered() {
     mSerialPort.read(scratch, kScratchSize, &got, nullptr, SerialPort::kNoLimit);
 }
 
-void TamaSerialDevice::discardInput() {
-    platform::Clock& clock = platform::Clock::current();
-    const std::uint64_t start = clock.nowMs();
-    while (clock.nowMs() - start < kLongestDiscardMs && mSerialPort.waitForByte(kQuietMs) == SerialPort::kSuccess)
-        dropBuffered();
-}
+void TamaSerialDevice::discardInput() { mSerialPort.purge(); }
