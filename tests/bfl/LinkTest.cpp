@@ -8,25 +8,17 @@
 #include "LinkWatch.h"
 #include "Md5.h"
 #include "NfcTamaBfl.h"
+#include "TamaFrame.h"
 
 #include <algorithm>
-#include <chrono>
+#include <functional>
 #include <string>
-#include <thread>
 
 namespace {
 
-/// The second of the day decides after how many commands the key changes: waits for one that leaves room for a script.
-std::shared_ptr<NfcTamaBfl> driverWithALongInterval() {
-    constexpr int kLongestScript = 12;
-    while (nextRekeyInterval() <= kLongestScript)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return NfcTamaBfl::acquire();
-}
-
 class Link : public ScriptedDriver {
   protected:
-    Link() : driver(driverWithALongInterval()) { driver->interfaceOpen(49, 0); }
+    Link() : driver(NfcTamaBfl::acquire()) { driver->interfaceOpen(49, 0); }
 
     short command(const std::string& text) {
         Bytes bytes = hex(text);
@@ -62,8 +54,6 @@ TEST(KeyPool, GivesANewValueEachTime) {
     nextKeyPoolValue(second);
     EXPECT_FALSE(std::ranges::equal(first, second));
     EXPECT_TRUE(std::ranges::equal(md5(first), second));
-    for (int i = 0; i < 100; ++i)
-        EXPECT_TRUE(nextRekeyInterval() >= 1 && nextRekeyInterval() <= 168);
 }
 
 TEST(LinkCipherTest, TheZeroKeyLeavesDataAlone) {
@@ -188,28 +178,61 @@ TEST_F(Link, GivesASilentReaderUpUntilTheNextOperation) {
     driver->watchLink(nullptr);
 }
 
-TEST_F(Link, DropsWhatIsLeftOverBeforeTheNextCommand) {
-    script->dialogue("4A 01 00", "4B 00");
-    EXPECT_EQ(command("4A 01 00"), kBflOk);
-    EXPECT_EQ(script->discarded, 0) << "a clean dialogue pays nothing";
-    for (int round = 1; round <= 4; ++round) {  // more than three in a row would make the driver give up
-        script->expects({}).readGives(kDeviceTimedOut).dialogue("4A 01 00", "4B 00");
-        EXPECT_EQ(command("4A 01 00"), kBflDeviceTimedOut);
-        EXPECT_EQ(command("4A 01 00"), kBflOk);
-        EXPECT_EQ(script->discarded, round);
+TEST_F(Link, AsksOnceForTheReadersNumberAfterAFailedCommand) {
+    const auto late = rsp("4B 01");
+    const struct {
+        std::function<void()> firstCommand;
+        std::vector<Bytes> frames;  ///< That come after the number was asked for.
+        short status = kBflOk;
+    } cases[] = {
+        {[] {}, {}},
+        {[&] { script->readGives(kDeviceTimedOut); }, {ack(), late, ack(), rsp("25 00")}},
+        {[&] { script->readGives(kDeviceTimedOut); }, {ack(), errorFrame(), ack(), errorFrame()}},
+        {[&] { script->readGives(kDeviceTimedOut); }, {hex("00 00 FF FF 00 00"), late, {}, ack(), rsp("25")}},
+        {[&] { script->answers(ack()).readGives(kDeviceTimedOut); }, {ack(), errorFrame()}},
+        {[&] { script->answers(ack()).readGives(kDeviceTimedOut); }, {late, ack(), rsp("25 14")}},
+        {[&] { script->answers(ack()).answers(rsp("99")); }, {Bytes(1024, 0xFF), ack(), rsp("25 00")}},
+        {[&] { script->answers(late); }, {late, ack(), rsp("25 00")}},
+    };
+    for (const auto& c : cases) {
+        script->expects({});
+        c.firstCommand();
+        const bool fails = !c.frames.empty();
+        if (!fails) script->answers(ack()).answers(rsp("4B 00"));
+        EXPECT_EQ(command("4A 01 00") != kBflOk, fails);
+        if (fails) script->expects(cmd("24"));
+        for (const Bytes& each : c.frames)
+            script->answers(each);
+        script->dialogue("4A 01 00", "4B 00");
+        EXPECT_EQ(command("4A 01 00"), kBflOk) << &c - cases;
+        EXPECT_EQ(script->discarded, &c - cases) << "a clean dialogue pays nothing";
     }
+    script->expects(cmd("24")).readGives(kDeviceTimedOut);
+    EXPECT_EQ(command("24"), kBflDeviceTimedOut);
+    script->expects(cmd("02")).readGives(kDeviceTimedOut);  // a late reply to 24 is not taken for its own
+    EXPECT_EQ(command("4A 01 00"), kBflDeviceTimedOut);
+    script->expects(cmd("24")).answers(rsp("03 04")).answers(rsp("25 00")).dialogue("4A 01 00", "4B 00");
+    EXPECT_EQ(command("4A 01 00"), kBflOk);
+}
+
+TEST(TheScrambledPart, EndsWithTheDataAndWithWhatHasCome) {
+    Bytes bytes = rsp("4B 01 02 03");
+    EXPECT_EQ(tama::scrambledPart(bytes).size(), 3u);
+    bytes.resize(9);
+    EXPECT_EQ(tama::scrambledPart(bytes).size(), 2u);
+    bytes[3] = 2;
+    EXPECT_TRUE(tama::scrambledPart(bytes).empty());
 }
 
 TEST_F(Link, GoesOnWithoutAKeyAfterARefusedAgreement) {
-    const char* const kConfig[] = {"32 01 01", "32 02 00 0B 0C", "32 04 05", "32 05 05 05 05", "12 0C"};
+    script->expects({}).answers(ack()).answers(errorFrame());
+    for (const std::string config : {"32 01 01", "32 02 00 0B 0C", "32 04 05", "32 05 05 05 05", "12 0C"})
+        script->dialogue(config, config < "2" ? "13" : "33");
+    EXPECT_EQ(driver->pcdConfig(), kBflOk);
     Bytes damaged = rsp("1D");
     damaged[damaged.size() - 2] ^= 1;
-    for (const bool isError : {true, false}) {
-        script->expects({}).answers(ack()).answers(isError ? errorFrame() : damaged);
-        for (const std::string config : kConfig)
-            script->expects(isError ? cmd(config) : Bytes{}).answers(ack()).answers(rsp(config < "2" ? "13" : "33"));
-        EXPECT_EQ(driver->pcdConfig(), kBflOk);
-    }
+    script->expects({}).answers(ack()).answers(damaged).writeFails(kDeviceFailed);
+    EXPECT_EQ(driver->pcdConfig(), kBflDeviceFailed) << "that of the step after it";
 }
 
 TEST(TheDriver, IsOneObjectForAllItsUsers) {
