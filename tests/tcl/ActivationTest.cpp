@@ -167,7 +167,8 @@ TEST_P(OnBothReaders, AnAtsIsDecodedIntoTheCardsRecord) {
 }
 
 TEST_P(OnBothReaders, AMalformedAtsLeavesTheCidFree) {
-    const std::vector<Bytes> cases = {{2, 0x70}, {2, 0x60}, {3, 0x70, 0x77}, {4, 0x05}, {3, 0x05}, {200, 0x05, 1}};
+    const std::vector<Bytes> cases = {{2, 0x70}, {2, 0x60},      {3, 0x70, 0x77}, {4, 0x05},
+                                      {3, 0x05}, {200, 0x05, 1}, {2, 0x05, 1}};
     for (const Bytes& bad : cases) {
         cardAnswers(bad);
         ASSERT_EQ(activate(), 0);
@@ -180,7 +181,7 @@ TEST_P(OnBothReaders, AMalformedAtsLeavesTheCidFree) {
     cardAnswers({6, 0x75, 0x77, 0x81, 0x02, 0x80});
     ASSERT_EQ(activate(), 0);
     std::ranges::fill(ats, std::uint8_t{0});
-    EXPECT_NE(getAts(2, 5), 0) << "longer than the caller's buffer";
+    EXPECT_EQ(getAts(2, 5), kTclBadAts) << "longer than the caller's buffer";
     EXPECT_EQ(ats[5], 0) << "and not a byte behind it";
 }
 
@@ -320,7 +321,7 @@ TEST_F(CardLayer, PpsChangesTheBitRateWithinWhatTheReaderCan) {
     const std::uint8_t refused[][3] = {{16, 0, 0}, {3, 3, 0}, {3, 0, 2}, {3, 4, 0}};
     for (const auto& r : refused)
         EXPECT_EQ(tcl.TclPps(r[0], r[1], r[2]), kTclPpsRefused);
-    for (const Bytes& wrong : {Bytes{0xD2, 0x11, 0x22}, Bytes{}, Bytes{0xD3, 0x11}}) {
+    for (const Bytes& wrong : {Bytes{0xD2, 0x11, 0x22}, Bytes{}, Bytes{0xD3, 0x11}, Bytes(9, 0xD3)}) {
         reader->reply = wrong;
         EXPECT_EQ(tcl.TclPps(3, 0, 0), kTclPpsRefused);
     }

@@ -195,6 +195,13 @@ TEST_P(Exchange, SpeaksWithoutACid) {
     EXPECT_EQ(exchange({0}), "0: 01 02");
 }
 
+TEST_P(Exchange, TakesALongerBlockThanTheReadersFrames) {
+    Bytes block(254, 0x90);
+    block[0] = 0x0A, block[1] = 5;
+    reader->card = [&](const Bytes&) -> CardReader::Reply { return {block, 0}; };
+    EXPECT_EQ(exchange({0}, 252), "0: " + hexOf(Bytes(252, 0x90)));
+}
+
 TEST_P(Exchange, RefusesNothingToSend) {
     EXPECT_EQ(exchange({}), "-21");
     EXPECT_EQ(tcl.TclExchange(16, 0, nullptr, 0, nullptr, nullptr, nullptr), -60);
@@ -326,6 +333,20 @@ TEST_F(FailedExchange, LeavesNoRestBehind) {
     overflow();
     script("> CA 05, < CA 05");
     EXPECT_EQ(tcl.TclDeselect(5), 0);
+    EXPECT_EQ(exchange({}), "-21");
+    for (const auto& [answer, status] :
+         {std::pair{"CA 05 01 02 03 04 05", 0}, std::pair{"0A 05 01 02 03 04 05", -23}}) {
+        activate();
+        script(std::string("> CA 05, < ") + answer);
+        EXPECT_EQ(tcl.TclDeselect(5), status);
+    }
+
+    activate();
+    overflow();
+    std::swap(tcl.mPicc[5], tcl.mPicc[15]);  // whose record a reset leaves alone
+    tcl.reset(1);
+    std::swap(tcl.mPicc[5], tcl.mPicc[15]);
+    EXPECT_TRUE(isActivated());
     EXPECT_EQ(exchange({}), "-21");
 
     overflow();
