@@ -1,26 +1,18 @@
-// The driver of the MF RC500 by the messages that it sends, against a scripted reader on a socket.
+// The driver of the MF RC500 by the messages that it sends, against a scripted reader.
 
 #include "Mf500bfl.h"
 
-#include "KeyPool.h"
 #include "Mf500Device.h"
-#include "Rc4.h"
 #include "ReaderClasses.h"
 #include "ScopedEnvironment.h"
 #include "TempDirectory.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -33,84 +25,55 @@ Bytes operator+(Bytes a, const Bytes& b) {
     return a;
 }
 
-/// A reader of the right interface class: says what `answer` makes of each message, closes on an empty one.
-class SocketReader {
+/// A reader that says the same to every message; nothing at all is the end of the line.
+struct Line {
+    Bytes reply{0, 0}, heard;
+    std::vector<std::uint32_t> limits;  ///< How long the driver has waited.
+    bool isSilent = false, knowsItsNumber = false;
+};
+
+class LineDevice : public Mf500Device {
   public:
-    using Answer = std::function<Bytes(const Bytes&)>;
-
-    SocketReader(const TempDirectory& root, int classIndex) {
-        const std::string directory = root.path() + "/" + kReaderClasses[static_cast<std::size_t>(classIndex)].guid;
-        std::filesystem::create_directories(directory);
-        const std::string path = directory + "/reader";
-        mListener = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::copy(path.begin(), path.end(), address.sun_path);
-        EXPECT_EQ(::bind(mListener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(::listen(mListener, 1), 0);
-        mThread = std::thread([this] { serve(); });
+    explicit LineDevice(Line& line) : mLine(line) {}
+    bool open() override { return mIsOpen = true; }
+    void close() override { mIsOpen = false; }
+    platform::IoResult write(std::span<const std::uint8_t> message, std::uint32_t) override {
+        if (!mIsOpen) return platform::IoResult::failed;
+        mLine.heard.assign(message.begin(), message.end());
+        mPending = mLine.knowsItsNumber && message[0] == 0x22 ? Bytes{0, 0, 1, 2, 3, 4} : mLine.reply;
+        mIsDue = !mLine.isSilent;
+        return platform::IoResult::done;
     }
-    ~SocketReader() {
-        ::shutdown(mListener, SHUT_RDWR);
-        mThread.join();
-        ::close(mListener);
+    platform::IoResult read(std::span<std::uint8_t> buffer, std::size_t& count, std::uint32_t timeoutMs) override {
+        if (timeoutMs > 0) mLine.limits.push_back(timeoutMs);
+        count = 0;
+        if (!std::exchange(mIsDue, false)) return platform::IoResult::timedOut;
+        count = std::min(mPending.size(), buffer.size());
+        std::copy_n(mPending.begin(), count, buffer.begin());
+        return mPending.empty() ? platform::IoResult::failed : platform::IoResult::done;
     }
-
-    void setAnswer(Answer next) {
-        const std::lock_guard lock(mMutex);
-        mAnswer = std::move(next);
-    }
-    /// The last message, once.
-    Bytes heard() {
-        const std::lock_guard lock(mMutex);
-        return std::exchange(mHeard, {});
-    }
-    /// While it holds this, a test may look at what the answers are made of.
-    std::unique_lock<std::mutex> lock() { return std::unique_lock(mMutex); }
 
   private:
-    void serve() {
-        for (int peer; (peer = ::accept(mListener, nullptr, nullptr)) >= 0; ::close(peer)) {
-            std::uint8_t buffer[8192];
-            for (ssize_t count; (count = ::recv(peer, buffer, sizeof buffer, 0)) > 0;) {
-                const auto held = lock();
-                mHeard.assign(buffer, buffer + count);
-                const Bytes reply = mAnswer(mHeard);
-                if (reply.empty()) break;
-                ::send(peer, reply.data(), reply.size(), MSG_NOSIGNAL);
-            }
-        }
-    }
-    std::mutex mMutex;
-    Answer mAnswer;
-    Bytes mHeard;
-    int mListener;
-    std::thread mThread;
+    Line& mLine;
+    Bytes mPending;
+    bool mIsOpen = false, mIsDue = false;
 };
 
 class Mf500 : public ::testing::Test {
   protected:
     Mf500() {
-        reply = {0, 0};
+        setMf500DeviceFactory([this] { return std::make_unique<LineDevice>(line); });
         EXPECT_EQ(driver.interfaceOpen(1, 2), kBflOpened);
     }
+    ~Mf500() override { setMf500DeviceFactory({}); }
     /// What the reader heard; the driver's status is `status`.
     Bytes heard(short wanted, short status) {
         EXPECT_EQ(status, wanted);
-        return reader.heard();
+        return std::exchange(line.heard, {});
     }
-    /// What the reader says to every message from now on.
-    struct Reply {
-        void operator=(const Bytes& bytes) {
-            reader.setAnswer([bytes](const Bytes&) { return bytes; });
-        }
-        SocketReader& reader;
-    };
 
-    const TempDirectory root;
-    const ScopedEnvironment environment{"QVL_DEVICE_ROOT", root.path().c_str()};
-    SocketReader reader{root, 4};
-    Reply reply{reader};
+    Line line;
+    Bytes& reply = line.reply;
     Mf500bfl driver;
     std::uint8_t out[64] = {}, sak = 0, length = 0;
 };
@@ -157,7 +120,7 @@ TEST_F(Mf500, SendsEachCommandAndReadsItsReply) {
 
 TEST_F(Mf500, RefusesArgumentsWithoutACommand) {
     std::uint16_t room = 1;
-    reader.heard();
+    line.heard.clear();
     for (const short status :
          {driver.pcdSetAttrib(4, 0), driver.pcdSetAttrib(0, 4), driver.piccRequest(0x27, out),
           driver.piccCascAnticoll(0x93, 33, out), driver.piccCascAnticoll(0x94, 0, out),
@@ -168,7 +131,7 @@ TEST_F(Mf500, RefusesArgumentsWithoutACommand) {
           driver.piccAuthKey(0x62, out, out, 0), driver.piccValue(0xC3, 0, out, 0), driver.piccRead(0, nullptr),
           driver.piccWrite(0, nullptr), driver.piccExchangeBlock(out, 5000, out, &room, 0, 0)})
         EXPECT_EQ(status, kBflOutOfRange);
-    EXPECT_TRUE(reader.heard().empty());
+    EXPECT_TRUE(line.heard.empty());
 }
 
 TEST_F(Mf500, LetsDataThroughBesideAStatusAndSaysWhichFailed) {
@@ -278,81 +241,9 @@ TEST_F(Mf500, CopiesABlockOnlyAsAWholeAndIntoRoomEnough) {
     }
 }
 
-/// The reader's half of the agreement. Its key stream runs on from the parameters of a command to its reply.
-class SecuredReader {
-  public:
-    Bytes answer(const Bytes& message) {
-        const std::uint8_t code = message[0];
-        const Bytes data(message.begin() + 1, message.end());
-        if (code == 0x10) {
-            Bytes confirmation = confirmationOf(data);
-            stream.setKey(confirmation);
-            if (isWrong) confirmation[3] ^= 1;
-            return Bytes{0, 0} + crypt(confirmation + Bytes(4, 0xEE) + Bytes(16, 0x51));
-        }
-        if (code == 0x09) stream.setKey(Bytes(16, 0x51));
-        const bool plain = code == 0x48;
-        heard = plain ? data : crypt(data);
-        if (code == 0x09) return {0, 0};
-        const Bytes next(16, ++counter);
-        const Bytes reply = plain ? Bytes{1, 0, 0x99} + next : crypt(Bytes(16, 0x5A) + next);
-        stream.setKey(next);
-        return Bytes{0, 0} + reply;
-    }
-    void loseStep() { stream.setKey(Bytes(16, 0xF1)); }
-
-    Bytes heard;
-    bool isWrong = false;
-
-  private:
-    static Bytes confirmationOf(const Bytes& challenge) {
-        Bytes out(16);
-        for (std::size_t i = 0; i < 16; ++i) {
-            const std::uint8_t turn = challenge[i == 0 ? 0 : i - 1] & 7, in = challenge[i];
-            out[i] = static_cast<std::uint8_t>((in & 0x80) != 0 ? in >> turn | in << (8 - turn)
-                                                                : in << turn | in >> (8 - turn));
-        }
-        return out;
-    }
-    Bytes crypt(Bytes bytes) {
-        stream.crypt(bytes);
-        return bytes;
-    }
-    Rc4 stream;
-    std::uint8_t counter = 0;
-};
-
-TEST_F(Mf500, ScramblesUnderAKeyThatComesAnewWithEachReply) {
-    SecuredReader secured;
-    reader.setAnswer([&](const Bytes& message) { return secured.answer(message); });
-    ASSERT_EQ(driver.pcdConfig(), 0);
-    EXPECT_TRUE(driver.isQvlDevice());
-    for (std::uint8_t block = 0; block < 5; ++block) {
-        EXPECT_EQ(driver.piccRead(block, out), 0);
-        EXPECT_EQ((reader.lock(), secured.heard), Bytes{block});
-        EXPECT_EQ(Bytes(out, out + 16), Bytes(16, 0x5A));
-        std::uint16_t count = 0;
-        EXPECT_EQ(driver.pcdGetSnr(out, count), 0) << "without parameters the reply begins the stream";
-        std::uint16_t room = 16;
-        EXPECT_EQ(driver.piccExchangeBlock(out, 3, out, &room, 1, 7), 0) << "plain, with a new key all the same";
-        EXPECT_EQ(out[0], 0x99);
-        EXPECT_EQ(driver.piccExchangeBlock(out, 3, out, &(room = 0), 1, 7), kBflBadFrame)
-            << "too long, but for the key";
-    }
-    (reader.lock(), secured.loseStep());  // out of step: what comes back is noise, until the next agreement
-    driver.piccRead(1, out);
-    EXPECT_NE(Bytes(out, out + 16), Bytes(16, 0x5A));
-    ASSERT_EQ(driver.pcdConfig(), 0);
-    EXPECT_EQ(driver.piccRead(1, out), 0);
-    EXPECT_EQ(Bytes(out, out + 16), Bytes(16, 0x5A));
-    (reader.lock(), secured.isWrong = true);
-    EXPECT_EQ(driver.pcdConfig(), kBflOutOfRange);
-    EXPECT_FALSE(driver.isQvlDevice());
-}
-
 TEST_F(Mf500, RunsInTheClearWithAReaderThatDoesNotTakePart) {
     EXPECT_EQ(driver.pcdConfig(), 0);
-    EXPECT_EQ(reader.heard().size(), 17u);
+    EXPECT_EQ(line.heard.size(), 17u);
     EXPECT_FALSE(driver.isQvlDevice());
     reply = {6, 0};
     EXPECT_EQ(driver.pcdConfig(), 6);
@@ -363,7 +254,7 @@ TEST_F(Mf500, RunsInTheClearWithAReaderThatDoesNotTakePart) {
 
 TEST_F(Mf500, SharesItsDeviceWithItsCopies) {
     Mf500bfl copy(driver);
-    reader.setAnswer([](const Bytes& message) { return message[0] == 0x22 ? Bytes{0, 0, 1, 2, 3, 4} : Bytes{0, 0}; });
+    line.knowsItsNumber = true;
     EXPECT_EQ(copy.piccHalt(), 0);
     driver.interfaceClose();
     EXPECT_EQ(copy.piccHalt(), kBflDeviceFailed) << "closed behind its back";
@@ -375,35 +266,13 @@ TEST_F(Mf500, SharesItsDeviceWithItsCopies) {
     EXPECT_EQ(driver.piccHalt(), 0);
 }
 
-/// A device that notes how long it is asked to wait, and is silent.
-class PatientDevice : public Mf500Device {
-  public:
-    explicit PatientDevice(std::vector<std::uint32_t>& limits) : mLimits(limits) {}
-    bool open() override { return true; }
-    void close() override {}
-    platform::IoResult write(std::span<const std::uint8_t>, std::uint32_t) override { return platform::IoResult::done; }
-    platform::IoResult read(std::span<std::uint8_t>, std::size_t& count, std::uint32_t timeoutMs) override {
-        if (timeoutMs > 500) mLimits.push_back(timeoutMs);
-        count = 0;
-        return platform::IoResult::timedOut;
-    }
-
-  private:
-    std::vector<std::uint32_t>& mLimits;
-};
-
-TEST(Mf500WithoutADevice, WaitsAsLongAsTheReaderMay) {
-    std::vector<std::uint32_t> limits;
-    std::uint8_t out[16];
-    setMf500DeviceFactory([&] { return std::make_unique<PatientDevice>(limits); });
-    Mf500bfl driver;
-    EXPECT_EQ(driver.interfaceOpen(0, 0), kBflOpened);
+TEST_F(Mf500, WaitsAsLongAsTheReaderMay) {
+    line.isSilent = true;
     EXPECT_EQ(driver.piccHalt(), kBflDeviceTimedOut);
     EXPECT_EQ(driver.interfaceOpen(0, 0), kBflOpened);
     EXPECT_EQ(driver.piccActivateIdleLoop(0, out, out, out, out, 60), kBflDeviceTimedOut);
     EXPECT_EQ(driver.piccHalt(), kBflDeviceTimedOut) << "no longer for a question before it";
-    EXPECT_EQ(limits, (std::vector<std::uint32_t>{6000, 66000, 6000}));
-    setMf500DeviceFactory({});
+    EXPECT_EQ(line.limits, (std::vector<std::uint32_t>{6000, 66000, 6000}));
 }
 
 TEST(Mf500WithoutADevice, DoesNotOpen) {

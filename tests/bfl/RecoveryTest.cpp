@@ -248,6 +248,9 @@ TEST_F(OfAnMf500, AnEarlySecondStageLeavesNoKeyDue) {
     EXPECT_EQ(driver->pcdConfig2(value, value), kBflOk);
     restart();
     EXPECT_EQ(number(), kBflOk);
+    reader->addFault("10 1 xor 2 01");
+    EXPECT_EQ(driver->pcdConfig(), kBflOutOfRange) << "a wrong confirmation";
+    EXPECT_FALSE(driver->isQvlDevice());
 }
 
 TEST(TheInterval, IsFromOneToOneHundredAndSixtyEight) {
