@@ -3,15 +3,21 @@
 #include "ScriptedDevice.h"
 
 #include "HexText.h"
+#include "HostRdCom.h"
 #include "KeyPool.h"
 #include "LinkCipher.h"
 #include "LinkWatch.h"
+#include "ManualClock.h"
 #include "Md5.h"
 #include "NfcTamaBfl.h"
+#include "PseudoTerminal.h"
+#include "Rc4.h"
 #include "TamaFrame.h"
+#include "TamaSerialDevice.h"
 
 #include <algorithm>
 #include <functional>
+#include <new>
 #include <string>
 
 namespace {
@@ -121,11 +127,17 @@ TEST_F(Link, RefusesWhatIsNoAckOrNoReply) {
         {"no status byte", ack(), rsp("41"), kBflBadFrame},
         {"the reader's status", ack(), rsp("41 14"), 0x14},
     };
+    LinkWatch watch;
+    driver->watchLink(&watch);
     for (const auto& bad : cases) {
         script->expects({}).answers(bad.ackFrame);
         if (bad.ackFrame == ack()) script->answers(bad.reply);
         EXPECT_EQ(command("40 01 30 04"), bad.status) << bad.what;
+        const bool isSound =
+            bad.status >= 0 || bad.status == kBflErrorFrame || bad.what == std::string("no status byte");
+        EXPECT_NE(watch.isBroken(), isSound) << bad.what;
     }
+    driver->watchLink(nullptr);
 }
 
 TEST_F(Link, CountsFramesAboveTheBufferOnlyAsBad) {
@@ -233,6 +245,38 @@ TEST_F(Link, GoesOnWithoutAKeyAfterARefusedAgreement) {
     damaged[damaged.size() - 2] ^= 1;
     script->expects({}).answers(ack()).answers(damaged).writeFails(kDeviceFailed);
     EXPECT_EQ(driver->pcdConfig(), kBflDeviceFailed) << "that of the step after it";
+}
+
+TEST(ASerialReader, IsPurgedAtItsOpeningAndNotGoneWhenItIsSilent) {
+    ManualClock clock;
+    clock.setMsPerLook(1000);
+    PseudoTerminal terminal;
+    SerialPort other;  // lets what is written stay
+    ASSERT_EQ(other.open(terminal.path().c_str(), 0, 0, true), SerialPort::kSuccess);
+    terminal.write("stale");
+    other.close();
+    TamaFrameAssembler assembler;
+    TamaSerialDevice device(assembler, 9600);
+    ASSERT_EQ(device.OpenInterface(terminal.path().c_str(), 0, 0), kDeviceOk);
+    std::uint8_t buffer[64];
+    std::uint32_t count = 0;
+    EXPECT_EQ(device.ReadBytesUnBlocked(buffer, sizeof buffer, &count, 0), kDeviceTimedOut);
+    EXPECT_EQ(count, 0u);
+    EXPECT_FALSE(device.isGone());
+}
+
+TEST(KeyMaterial, IsWipedAfterItsUse) {
+    const Bytes key(16, 0x5A);
+    CommandObject command;
+    command.SetDataBuffer(key.data(), 16);
+    command.AddParam(key.data(), 16);
+    command.ResetBuffers();
+    EXPECT_EQ(command.GetDataBuffer()[15] | command.GetCommandBuffer()[15], 0);
+    alignas(Rc4) std::uint8_t room[sizeof(Rc4)] = {};
+    Rc4* const stream = new (room) Rc4;
+    stream->setKey(key);
+    stream->~Rc4();
+    EXPECT_LT(std::accumulate(std::begin(room), std::end(room), 0), 1000);
 }
 
 TEST(TheDriver, IsOneObjectForAllItsUsers) {
