@@ -242,6 +242,12 @@ TEST_F(OfAnMf500, ALostKeyHoldsBackWhatIsScrambledUntilABlockExchangeBringsOne) 
     EXPECT_EQ(reader->commandCount(0x1A), 0u);
 }
 
+TEST_F(OfAnMf500, ACommandThatWasLostTakesNothingFromTheKeyStream) {
+    reader->addFault("43 1 no answer");
+    EXPECT_EQ(activate(*driver), kBflDeviceTimedOut);
+    EXPECT_EQ(activate(*driver), kBflOk);
+}
+
 TEST_F(OfAnMf500, AnEarlySecondStageLeavesNoKeyDue) {
     std::uint8_t value[16] = {1};
     driver->interfaceClose();
