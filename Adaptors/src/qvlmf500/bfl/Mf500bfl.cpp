@@ -119,7 +119,7 @@ short Mf500bfl::piccRequest(std::uint8_t reqCode, std::uint8_t* atq) {
     if (reqCode != 0x26 && reqCode != 0x52) return kBflOutOfRange;
     const short status =
         run({"piccRequest", 0x11, "Mf500bfl::piccRequest get param atq failed %d"}, {reqCode}, {{atq, 2}});
-    mLink->isTagAwake = status == kBflOk;
+    mLink->isTagAwake = status == kBflOk || isDeviceLost(status);  // a lost reply may be that of a tag
     return status;
 }
 

@@ -100,7 +100,7 @@ bool QvlMf500ReaderImpl::initReader() {
 }
 
 bool QvlMf500ReaderImpl::openAndConfigure() {
-    const ReaderLock lock(mReader);
+    const ReaderLock lock(mReader, ReaderLock::Purpose::start);
     mReader.mInitialised = false;
     const auto bfl = driver();
     if (!interfaceOpened(*bfl)) return false;

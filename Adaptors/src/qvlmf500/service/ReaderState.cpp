@@ -23,7 +23,7 @@ ReaderState::ReaderState(const QvlTcl& cards) : mCards(cards), mMutex(makeReader
         QVL_LOG(kLogFailure, "ReaderState: no lock file, other processes are not kept apart from this one");
 }
 
-ReaderLock::ReaderLock(ReaderState& reader) : mReader(reader) {
+ReaderLock::ReaderLock(ReaderState& reader, Purpose purpose) : mReader(reader), mPurpose(purpose) {
     static const platform::NamedMutex::LongWait tell = [](long holder) {
         QVL_LOG(kLogFailure, "ReaderLock: waits for the reader, which process %ld holds", holder);
     };
@@ -39,7 +39,7 @@ ReaderLock::~ReaderLock() {
     if (mWatched) {
         mWatched->watchLink(nullptr);
         const bool isLost = mWatch.isLost() || mWatch.isBroken();
-        if (isLost && mReader.isReady()) mReader.mLoss = ReaderState::Loss::noted;
+        if (isLost && mReader.isReady() && mPurpose == Purpose::operation) mReader.mLoss = ReaderState::Loss::noted;
     }
     mReader.mPendingCalls.fetch_sub(1);
     if (mReader.mMutex) mReader.mMutex->unlock();

@@ -37,13 +37,16 @@ class ReaderState {
 /// on its thread. The outermost one watches the link of the driver.
 class ReaderLock {
   public:
-    explicit ReaderLock(ReaderState& reader);
+    /// What a start of the reader meets is its own result: it is no loss for the next operation to act on.
+    enum class Purpose { operation, start };
+    explicit ReaderLock(ReaderState& reader, Purpose purpose = Purpose::operation);
     ~ReaderLock();
     ReaderLock(const ReaderLock&) = delete;
     ReaderLock& operator=(const ReaderLock&) = delete;
 
   private:
     ReaderState& mReader;
+    Purpose mPurpose;
     std::shared_ptr<Qvl14443bfl> mWatched;  // null if another operation watches
     LinkWatch mWatch;
 };
