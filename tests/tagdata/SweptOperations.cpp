@@ -304,6 +304,47 @@ std::vector<Operation> readingOperations() {
     };
 }
 
+std::vector<Operation> otherOperations() {
+    const Bytes own = ownTag();
+    const auto timed = [&own](const std::string& name, std::function<int(TagWorkplace&)> call) {
+        Operation op{.name = name, .before = own};
+        op.run = [call = std::move(call)](TagWorkplace& place) { return Outcome{.status = call(place)}; };
+        op.isTimedOnly = true;
+        return op;
+    };
+    const auto search = [](TagAppType kind, short app, bool halt) {
+        return [=](TagWorkplace& place) {
+            TagUID* tag = nullptr;
+            const int status = place.adaptor->getTagId(0, kind, app, tag, AuthKeyA, nullptr, halt);
+            place.adaptor->freeMemory(tag);
+            return status;
+        };
+    };
+    return {
+        timed("initReader", [](TagWorkplace& place) { return place.adaptor->initReader() ? kOk : kReaderFailed; }),
+        timed("pollTag", [](TagWorkplace& place) { return place.poll().empty() ? kNoTag : kOk; }),
+        timed("pollTag_forced", [](TagWorkplace& place) { return place.poll(true).empty() ? kNoTag : kOk; }),
+        timed("haltAllTag", [](TagWorkplace& place) { return place.adaptor->haltAllTag(true); }),
+        timed("getTagId", search(TagAppNone, 0, false)),
+        timed("getTagId_application", search(TagAppMad1, kId, true)),
+        timed("getAllTagId",
+              [](TagWorkplace& place) {
+                  short count = 0;
+                  TagUID* tags = nullptr;
+                  const int status = place.adaptor->getAllTagId(0, TagAppMad1, 0, AuthKeyA, nullptr, count, tags);
+                  place.adaptor->freeMemory(tags);
+                  return status;
+              }),
+        timed("getReaderId",
+              [](TagWorkplace& place) {
+                  std::uint8_t id[10];
+                  std::uint16_t length = 0;
+                  return place.adaptor->getReaderId(id, length);
+              }),
+        timed("switchReaderLED", [](TagWorkplace& place) { return place.adaptor->switchReaderLED(2, 1, 5); }),
+    };
+}
+
 std::vector<Operation> writingOperations() {
     constexpr short kData = 2051, kValue = 2052;
     const Bytes own = ownTag();

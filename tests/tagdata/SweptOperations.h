@@ -58,6 +58,7 @@ struct Operation {
     bool claims = false;           ///< Free sectors stand in for those that fail.
     bool goesOn = false;           ///< Repeated after success it does something more.
     bool findsTag = false;         ///< Works on whatever tag lies in the field.
+    bool isTimedOnly = false;      ///< Of the reader or of the field: only its length is judged.
 
     friend void PrintTo(const Operation& op, std::ostream* out) { *out << op.name; }
     bool touches(int sector) const { return std::find(sectors.begin(), sectors.end(), sector) != sectors.end(); }
@@ -65,6 +66,7 @@ struct Operation {
 
 std::vector<Operation> writingOperations();
 std::vector<Operation> readingOperations();
+std::vector<Operation> otherOperations();
 
 // ---- what must hold ----
 

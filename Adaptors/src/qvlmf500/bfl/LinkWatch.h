@@ -6,16 +6,20 @@
 /// it sends; the operation asks whether there is any use in waiting. Reached through the driver only, under its lock.
 class LinkWatch {
   public:
-    /// False once the reader has been silent so often in a row: each further command would cost a whole time-out.
-    bool mayAsk() const { return mTimeOuts < kMostTimeOuts; }
+    /// False once the reader has been silent so often: each further command would cost a whole time-out.
+    bool mayAsk() const { return mInARow < kMostInARow && mInAll < kMostInAll; }
     /// The reader is gone or silent; nothing more will come in this operation.
     bool isLost() const { return mIsGone || !mayAsk(); }
     /// The last exchange failed on the link: what the reader did with the command is unknown.
     bool isBroken() const { return mIsBroken; }
 
-    void answered() { *this = {}; }
+    void answered() {
+        mInARow = 0;
+        mIsBroken = false;
+    }
     void timedOut() {
-        ++mTimeOuts;
+        ++mInARow;
+        ++mInAll;
         mIsBroken = true;
     }
     void failed(bool isGone) {
@@ -24,14 +28,14 @@ class LinkWatch {
     }
     /// A reader that was opened anew gets one more chance to answer.
     void opened() {
-        mTimeOuts = std::min(mTimeOuts, kMostTimeOuts - 1);
+        mInARow = std::min(mInARow, kMostInARow - 1);
         mIsGone = mIsBroken = false;
     }
 
   private:
-    static constexpr int kMostTimeOuts = 3;
+    static constexpr int kMostInARow = 3, kMostInAll = 4;
 
-    int mTimeOuts = 0;  // in a row
+    int mInARow = 0, mInAll = 0;  // time-outs
     bool mIsGone = false;
     bool mIsBroken = false;
 };

@@ -93,6 +93,7 @@ void QvlMf500ReaderImpl::loadReaderConfig() {
 
 bool QvlMf500ReaderImpl::initReader() {
     return guarded("initReader", false, [this] {
+        const WatchedLink link(mReader, WatchedLink::Purpose::start);
         if (!openAndConfigure()) return false;
         restoreLeds();
         return true;
@@ -100,7 +101,7 @@ bool QvlMf500ReaderImpl::initReader() {
 }
 
 bool QvlMf500ReaderImpl::openAndConfigure() {
-    const ReaderLock lock(mReader, ReaderLock::Purpose::start);
+    const ReaderLock lock(mReader);
     mReader.mInitialised = false;
     const auto bfl = driver();
     if (!interfaceOpened(*bfl)) return false;

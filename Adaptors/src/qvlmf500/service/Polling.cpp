@@ -70,6 +70,7 @@ bool QvlMf500ReaderImpl::isReaderLost() const { return !mReader.isReady() || dri
 
 int QvlMf500ReaderImpl::haltAllTag(bool haltSelected) {
     return guarded("haltAllTag", int{kOk}, [&] {
+        const WatchedLink link(mReader);
         if (haltSelected) driver()->piccHalt();
         SearchLimit limit;
         TagUID tag;

@@ -23,24 +23,29 @@ ReaderState::ReaderState(const QvlTcl& cards) : mCards(cards), mMutex(makeReader
         QVL_LOG(kLogFailure, "ReaderState: no lock file, other processes are not kept apart from this one");
 }
 
-ReaderLock::ReaderLock(ReaderState& reader, Purpose purpose) : mReader(reader), mPurpose(purpose) {
-    static const platform::NamedMutex::LongWait tell = [](long holder) {
-        QVL_LOG(kLogFailure, "ReaderLock: waits for the reader, which process %ld holds", holder);
-    };
-    if (mReader.mMutex) mReader.mMutex->lock(tell);
-    mReader.mPendingCalls.fetch_add(1);
+WatchedLink::WatchedLink(ReaderState& reader, Purpose purpose) : mReader(reader), mPurpose(purpose) {
     auto driver = mReader.mCards.driver();
     if (!driver || driver->linkWatch() != nullptr) return;
     mWatched = std::move(driver);
     mWatched->watchLink(&mWatch);
 }
 
-ReaderLock::~ReaderLock() {
-    if (mWatched) {
-        mWatched->watchLink(nullptr);
-        const bool isLost = mWatch.isLost() || mWatch.isBroken();
-        if (isLost && mReader.isReady() && mPurpose == Purpose::operation) mReader.mLoss = ReaderState::Loss::noted;
-    }
-    mReader.mPendingCalls.fetch_sub(1);
-    if (mReader.mMutex) mReader.mMutex->unlock();
+WatchedLink::~WatchedLink() {
+    if (!mWatched) return;
+    mWatched->watchLink(nullptr);
+    const bool isLost = mWatch.isLost() || mWatch.isBroken();
+    if (isLost && mReader.isReady() && mPurpose == Purpose::operation) mReader.mLoss = ReaderState::Loss::noted;
+}
+
+ReaderLock::Held::Held(ReaderState& state) : reader(state) {
+    static const platform::NamedMutex::LongWait tell = [](long holder) {
+        QVL_LOG(kLogFailure, "ReaderLock: waits for the reader, which process %ld holds", holder);
+    };
+    if (reader.mMutex) reader.mMutex->lock(tell);
+    reader.mPendingCalls.fetch_add(1);
+}
+
+ReaderLock::Held::~Held() {
+    reader.mPendingCalls.fetch_sub(1);
+    if (reader.mMutex) reader.mMutex->unlock();
 }

@@ -27,26 +27,46 @@ class ReaderState {
 
   private:
     friend class ReaderLock;
+    friend class WatchedLink;
 
     const QvlTcl& mCards;
     std::unique_ptr<platform::NamedMutex> mMutex;  // null if it could not be made; all goes on without it
     std::atomic<std::int32_t> mPendingCalls{0};
 };
 
-/// One operation inside the reader lock: waits for it without limit, and gives it back at the end of the scope. Nests
-/// on its thread. The outermost one watches the link of the driver.
-class ReaderLock {
+/// One operation, as far as the link of the driver goes: how long it puts up with a silent reader, and whether it has
+/// lost one. The outermost scope counts.
+class WatchedLink {
   public:
     /// What a start of the reader meets is its own result: it is no loss for the next operation to act on.
     enum class Purpose { operation, start };
-    explicit ReaderLock(ReaderState& reader, Purpose purpose = Purpose::operation);
-    ~ReaderLock();
-    ReaderLock(const ReaderLock&) = delete;
-    ReaderLock& operator=(const ReaderLock&) = delete;
+    explicit WatchedLink(ReaderState& reader, Purpose purpose = Purpose::operation);
+    ~WatchedLink();
+    WatchedLink(const WatchedLink&) = delete;
+    WatchedLink& operator=(const WatchedLink&) = delete;
 
   private:
     ReaderState& mReader;
     Purpose mPurpose;
-    std::shared_ptr<Qvl14443bfl> mWatched;  // null if another operation watches
+    std::shared_ptr<Qvl14443bfl> mWatched;  // null if another scope watches
     LinkWatch mWatch;
+};
+
+/// One operation inside the reader lock: waits for it without limit, and gives it back at the end of the scope. Nests
+/// on its thread.
+class ReaderLock {
+  public:
+    explicit ReaderLock(ReaderState& reader) : mHeld(reader), mLink(reader) {}
+
+  private:
+    /// The lock itself: held longer than the link is watched.
+    struct Held {
+        explicit Held(ReaderState& state);
+        ~Held();
+        Held(const Held&) = delete;
+        Held& operator=(const Held&) = delete;
+        ReaderState& reader;
+    };
+    Held mHeld;
+    WatchedLink mLink;
 };
