@@ -23,6 +23,11 @@ void Qvl14443bfl::setDeviceName(const std::uint8_t* name) {
 
 std::uint8_t* Qvl14443bfl::getDeviceName() { return mDeviceName; }
 
+void Qvl14443bfl::operationBegins() {
+    const OperationLock lock = lockOperation();
+    if (mLinkWatch != nullptr) *mLinkWatch = {};
+}
+
 void Qvl14443bfl::watchLink(LinkWatch* watch) {
     const OperationLock lock = lockOperation();
     mLinkWatch = watch;

@@ -112,6 +112,8 @@ class QVL_API Qvl14443bfl {
     virtual short piccHalt();
     virtual short switchLED(std::uint8_t led, std::uint8_t ctrl, std::uint8_t dur);
 
+    /// A new operation of the user begins: the watch, if there is one, forgets what it has seen.
+    virtual void operationBegins();
     /// From here on the driver reports its exchanges to `watch`, and fails at once what the watch has given up. Null,
     /// the default: every command is sent. The watch stays the caller's.
     virtual void watchLink(LinkWatch* watch);
