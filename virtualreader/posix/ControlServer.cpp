@@ -57,8 +57,8 @@ class PrivateFiles {
 
 }  // namespace
 
-ControlServer::ControlServer(Simulator& simulator, bool endsWithInput)
-    : mSimulator(simulator), mEndsWithInput(endsWithInput), mPeers{{STDIN_FILENO, STDOUT_FILENO}} {
+ControlServer::ControlServer(LineCommands& commands, bool endsWithInput)
+    : mCommands(commands), mEndsWithInput(endsWithInput), mPeers{{STDIN_FILENO, STDOUT_FILENO}} {
     sigset_t ends;
     sigemptyset(&ends);
     sigaddset(&ends, SIGINT);
@@ -94,7 +94,7 @@ std::string ControlServer::listen(const std::string& path) {
 }
 
 void ControlServer::run() {
-    while (!mSimulator.hasQuit()) {
+    while (!mCommands.hasQuit()) {
         std::vector<pollfd> waiting{{mSignals.get(), POLLIN, 0}, {mListener.get(), POLLIN, 0}};
         for (const Peer& peer : mPeers) {
             waiting.push_back({peer.isOpen && peer.answers.size() < kMaxAnswers ? peer.in : -1, POLLIN, 0});
@@ -105,7 +105,7 @@ void ControlServer::run() {
         std::size_t next = 2;
         for (Peer& peer : mPeers) {
             const bool isReadable = waiting[next++].revents != 0, isWritable = waiting[next++].revents != 0;
-            if (!mSimulator.hasQuit()) serve(peer, isReadable, isWritable);
+            if (!mCommands.hasQuit()) serve(peer, isReadable, isWritable);
         }
         if (waiting[1].revents) acceptPeer();
         if (mEndsWithInput && mPeers.front().isDone()) return;
@@ -141,9 +141,9 @@ void ControlServer::readPeer(Peer& peer) {
 }
 
 void ControlServer::takeLines(Peer& peer) {
-    for (std::size_t end; !mSimulator.hasQuit() && (end = peer.pending.find('\n')) != std::string::npos;) {
+    for (std::size_t end; !mCommands.hasQuit() && (end = peer.pending.find('\n')) != std::string::npos;) {
         const std::string line = peer.pending.substr(0, end);
         peer.pending.erase(0, end + 1);
-        peer.answers += mSimulator.run(line);
+        peer.answers += mCommands.run(line);
     }
 }

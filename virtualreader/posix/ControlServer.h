@@ -1,7 +1,7 @@
 #pragma once
 
 #include "EndpointServer.h"
-#include "Simulator.h"
+#include "LineCommands.h"
 
 #include <cstddef>
 #include <list>
@@ -14,7 +14,7 @@
 class ControlServer {
   public:
     /// Blocks the two signals for the whole process, so make it before any thread starts.
-    ControlServer(Simulator& simulator, bool endsWithInput);
+    ControlServer(LineCommands& commands, bool endsWithInput);
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
@@ -40,7 +40,7 @@ class ControlServer {
     void takeLines(Peer& peer);
     void acceptPeer();
 
-    Simulator& mSimulator;
+    LineCommands& mCommands;
     const bool mEndsWithInput;
     std::string mPath;
     Descriptor mSignals;

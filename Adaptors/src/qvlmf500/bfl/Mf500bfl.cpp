@@ -5,6 +5,7 @@
 #include "KeyPool.h"
 #include "LogService.h"
 #include "Mf500Command.h"
+#include "TagSizes.h"
 
 #include <algorithm>
 #include <new>
@@ -13,7 +14,6 @@ namespace {
 
 constexpr std::uint32_t kDefaultTimeout = 24000;
 constexpr std::uint8_t kFastestBaudrate = 3;
-constexpr std::size_t kMostUidBytes = 10;
 constexpr std::uint16_t kLongestVersion = 54;
 constexpr std::uint8_t kActivateIdleLoop = 0x49;
 

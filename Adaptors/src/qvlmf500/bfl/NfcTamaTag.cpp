@@ -5,6 +5,7 @@
 #include "LogService.h"
 #include "NfcTamaBfl.h"
 #include "SecretBytes.h"
+#include "TagSizes.h"
 #include "TagUID.h"
 #include "TamaFrame.h"
 
@@ -30,8 +31,6 @@ constexpr std::uint8_t kMifareDecrement = 0xC0;
 constexpr std::uint8_t kMifareIncrement = 0xC1;
 constexpr std::uint8_t kMifareRestore = 0xC2;
 
-constexpr std::size_t kBlockSize = 16;
-constexpr std::size_t kMostUidBytes = 10;
 constexpr std::size_t kLongestBlockSent = 252;
 
 // Reply to an activation, as offsets into the frame.

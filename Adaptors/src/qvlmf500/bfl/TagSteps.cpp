@@ -3,6 +3,7 @@
 #include "ByteHelpers.h"
 #include "LogService.h"
 #include "Qvl14443bfl.h"
+#include "TagSizes.h"
 #include "TagUID.h"
 
 #include <algorithm>
@@ -10,7 +11,6 @@
 namespace {
 
 constexpr std::uint16_t kFieldResetMs = 20;
-constexpr std::size_t kMostUidBytes = 10;
 constexpr std::uint8_t kReqA = 0x26;
 constexpr std::uint8_t kFirstSelectCode = 0x93;
 constexpr std::uint8_t kUidIncomplete = 0x04;  // of the SAK

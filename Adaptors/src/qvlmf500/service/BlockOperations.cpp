@@ -3,13 +3,12 @@
 #include "BlockRun.h"
 #include "TagGeometry.h"
 #include "TagOperation.h"
+#include "TagSizes.h"
 
 #include <algorithm>
 #include <memory>
 
 namespace {
-
-constexpr int kBlockSize = 16;
 
 int checkRun(TagAppType appType, const TagUID& tag, short appId, int startBlock) {
     if (appType != TagAppNone) return checkAppId(appType, appId);
@@ -66,7 +65,8 @@ int QvlMf500ReaderImpl::setBlockData(int, TagAppType appType, const TagUID& tag,
     resultCount = 0;
     results = nullptr;
     if (const int status = checkTag(tag); status != kOk) return status;
-    if (dataLength < 0 || dataLength > blockCount * kBlockSize) return blockCount < 0 ? kOutOfRange : kDataTooLong;
+    if (dataLength < 0 || dataLength > blockCount * static_cast<int>(kBlockSize))
+        return blockCount < 0 ? kOutOfRange : kDataTooLong;
     if (startBlock < 0 || blockCount < 0) return kOutOfRange;
     if (const int status = checkRun(appType, tag, appId, startBlock); status != kOk) return status;
     if (data == nullptr && dataLength > 0) return kReaderFailed;

@@ -4,13 +4,13 @@
 #include "PromptWait.h"
 #include "QvlTclUtil.h"
 #include "SecretBytes.h"
+#include "TagSizes.h"
 
 #include <algorithm>
 #include <memory>
 
 namespace {
 
-constexpr std::uint32_t kMostUidBytes = 10;
 constexpr std::size_t kAnswerSize = 4096;
 constexpr std::uint8_t kBaudrate106 = 0;
 constexpr std::uint16_t kFieldResetMs = 5;

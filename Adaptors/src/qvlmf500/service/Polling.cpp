@@ -6,12 +6,12 @@
 #include "LogService.h"
 #include "QvlMf500ReaderImpl.h"
 #include "SearchLimit.h"
+#include "TagSizes.h"
 
 #include <memory>
 
 namespace {
 
-constexpr std::size_t kMostUidBytes = 10;
 constexpr std::uint8_t kLongestReportedUid = 9;
 constexpr short kBadUidLength = -3;
 

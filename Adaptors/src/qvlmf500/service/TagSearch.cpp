@@ -2,6 +2,7 @@
 
 #include "DirectoryImage.h"
 #include "LogService.h"
+#include "TagSizes.h"
 
 #include <algorithm>
 
@@ -34,7 +35,7 @@ bool TagSearch::mayGoOn(const char* operation) {
 // Without a key for its retries a read that fails once fails for good, and the search goes on with the next tag.
 // @return false when something failed on this tag.
 bool TagSearch::lookInto(SelectedTag& tag, const std::uint8_t* aid, bool& found) {
-    std::uint8_t trailer[mad::kBlockSize] = {};
+    std::uint8_t trailer[kBlockSize] = {};
     std::uint8_t directory[mad::kSize] = {};
     const KeyUse none{nullptr, mKey.mode};
     if (tag.authenticate(0, mKey) != kOk) return false;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TagSizes.h"
+
 #include <array>
 #include <cstdint>
 
@@ -18,7 +20,6 @@ inline constexpr std::uint16_t kDefect = 0x0001;
 inline constexpr std::uint16_t kFirstApplication = 0x0006;
 inline constexpr int kWords = 16;
 inline constexpr std::size_t kSize = 32;
-inline constexpr std::size_t kBlockSize = 16;
 }  // namespace mad
 
 /// Sector numbers in order; a tag has at most 40 sectors.
@@ -44,9 +45,7 @@ class DirectoryImage {
   public:
     std::uint8_t* data() { return mBytes.data(); }
     const std::uint8_t* data() const { return mBytes.data(); }
-    const std::uint8_t* block(int number) const {
-        return mBytes.data() + (number - 1) * static_cast<int>(mad::kBlockSize);
-    }
+    const std::uint8_t* block(int number) const { return mBytes.data() + (number - 1) * static_cast<int>(kBlockSize); }
     /// `word` 0 to 15; word 0 is CRC and info byte and never an entry.
     std::uint16_t word(int word) const;
     void setWord(int word, std::uint16_t value);

@@ -3,13 +3,10 @@
 #include "LogService.h"
 #include "SectorAccessBits.h"
 #include "TagGeometry.h"
+#include "TagSizes.h"
 #include "ValueBlock.h"
 
-namespace {
-
-constexpr std::size_t kBlockSize = 16;
-
-}  // namespace
+namespace {}  // namespace
 
 // 3100, 3124, 3127.
 int AccessRules::readConditions(const KeyUse& key, int sector, Trailer& trailer) {

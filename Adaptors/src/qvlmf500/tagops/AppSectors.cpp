@@ -5,13 +5,13 @@
 #include "SectorAccessBits.h"
 #include "TagDirectory.h"
 #include "TagGeometry.h"
+#include "TagSizes.h"
 
 #include <algorithm>
 
 namespace {
 
 constexpr std::size_t kSectorSize = 64;
-constexpr std::size_t kBlockSize = mad::kBlockSize;
 constexpr int kMostRecords = 39;
 
 // Refused before anything is read: a tag whose directory is never written, and what can be no application.

@@ -3,6 +3,7 @@
 #include "DirectoryImage.h"
 #include "SectorAccessBits.h"
 #include "TagGeometry.h"
+#include "TagSizes.h"
 
 #include <algorithm>
 
@@ -49,7 +50,7 @@ class BadSectors {
 int Formatter::writeSector0(const KeyUse& key, bool withCrc, const Trailer& trailer) {
     DirectoryImage empty;
     if (withCrc) empty.updateDirectoryCrc();
-    SecretBytes<mad::kSize + mad::kBlockSize> image;
+    SecretBytes<mad::kSize + kBlockSize> image;
     std::copy_n(empty.data(), mad::kSize, image.begin());
     std::ranges::copy(trailer, image.begin() + mad::kSize);
     return mTag.write({0, kFirstWritable, kDirectoryBlocks + 1}, key, Login::anew, image);

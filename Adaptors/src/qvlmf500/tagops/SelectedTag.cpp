@@ -7,6 +7,7 @@
 #include "HexText.h"
 #include "LogService.h"
 #include "TagGeometry.h"
+#include "TagSizes.h"
 
 #include <algorithm>
 
@@ -16,8 +17,6 @@ constexpr int kTries = 3;
 constexpr std::size_t kCodedKeySize = 12;
 constexpr std::size_t kAuthUidSize = 4;
 constexpr std::size_t kLargestSector = 256;
-constexpr std::size_t kTransferSize = 16;  // the reader moves 16 bytes, of pages too
-constexpr std::uint32_t kMostUidBytes = 10;
 constexpr std::uint8_t kIdleRequest = 0x26;
 constexpr std::uint8_t kWakeUpRequest = 0x52;
 
@@ -148,7 +147,7 @@ int SelectedTag::read(const SectorBlocks& blocks, const KeyUse& key, Login login
         }
     }
     const auto readOne = [&](int i, std::uint8_t address) {
-        SecretBytes<kTransferSize> scratch;
+        SecretBytes<kBlockSize> scratch;
         scratch.fill(0);
         const short status = mDriver->piccRead(address, scratch.data());
         if (status == kBflOk) std::copy_n(scratch.data(), size, blockOf(i));
@@ -167,7 +166,7 @@ int SelectedTag::write(const SectorBlocks& blocks, const KeyUse& key, Login logi
             return status;
         }
     }
-    SecretBytes<kLargestSector + kTransferSize> padded;
+    SecretBytes<kLargestSector + kBlockSize> padded;
     padded.fill(0);
     const std::size_t size = static_cast<std::size_t>(blocks.count) * blockSize();
     std::copy_n(data.begin(), std::min({data.size(), size, kLargestSector}), padded.begin());

@@ -4,6 +4,7 @@
 
 #include "LogService.h"
 #include "TagGeometry.h"
+#include "TagSizes.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ int TagDirectory::readKnown(Login login, DirectoryImage& image) {
 int TagDirectory::read(Login login, DirectoryImage& image) {
     // Block by block: a tag with pages delivers less than a block, and what is missing reads as free.
     for (int block = 0; block < kDirectoryBlocks; ++block) {
-        std::uint8_t* place = image.data() + static_cast<std::size_t>(block) * mad::kBlockSize;
+        std::uint8_t* place = image.data() + static_cast<std::size_t>(block) * kBlockSize;
         const Login each = block == 0 ? login : Login::asIs;
         if (mTag.read({0, kDirectoryBlock + block, 1}, mKey, each, place) != kOk) return kDirectoryNotRead;
     }
@@ -42,7 +43,7 @@ int TagDirectory::write(const DirectoryImage& image, const DirtyBlocks& dirty, L
     const int first = dirty.block1 ? 1 : 2;
     const int count = dirty.block1 && dirty.block2 ? 2 : 1;
     return mTag.write({0, first, count}, mKey, login,
-                      {image.block(first), static_cast<std::size_t>(count) * mad::kBlockSize});
+                      {image.block(first), static_cast<std::size_t>(count) * kBlockSize});
 }
 
 int TagDirectory::findSectors(std::uint16_t appId, SectorList& list) {

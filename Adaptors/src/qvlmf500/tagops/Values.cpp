@@ -5,11 +5,11 @@
 #include "LogService.h"
 #include "SectorAccessBits.h"
 #include "TagGeometry.h"
+#include "TagSizes.h"
 #include "ValueBlock.h"
 
 namespace {
 
-constexpr std::size_t kBlockSize = 16;
 constexpr int kSameBlock = -1;
 constexpr std::uint8_t kIncrement = 0xC1;
 constexpr std::uint8_t kDecrement = 0xC0;

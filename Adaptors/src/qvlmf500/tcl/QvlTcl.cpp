@@ -5,6 +5,7 @@
 
 #include "BlockFormat.h"
 #include "QvlTclUtil.h"
+#include "TagSizes.h"
 #include "TclTimeouts.h"
 
 #include <algorithm>
@@ -13,7 +14,6 @@
 
 namespace {
 
-constexpr std::uint8_t kMostUidBytes = 10;
 constexpr std::uint16_t kFieldResetMs = 5;
 
 }  // namespace

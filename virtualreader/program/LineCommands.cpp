@@ -1,4 +1,4 @@
-#include "Simulator.h"
+#include "LineCommands.h"
 
 #include "HexText.h"
 #include "TagImage.h"
@@ -39,32 +39,32 @@ const char* stateName(const VirtualField::Entry& entry) {
 
 }  // namespace
 
-struct Simulator::Command {
+struct LineCommands::Command {
     std::string_view word;
-    std::string (Simulator::*run)(const std::string& rest);
+    std::string (LineCommands::*run)(const std::string& rest);
     const char* help;
 };
 
-const Simulator::Command Simulator::kCommands[] = {
-    {"place", &Simulator::onPlace, "place FILE [as NAME]   lay a tag into the field; answers its name"},
-    {"remove", &Simulator::onRemove, "remove NAME            take a tag away for good"},
-    {"away", &Simulator::onAway, "away NAME              hold a tag away from the field, for \"back\" or a fault"},
-    {"back", &Simulator::onBack, "back NAME              bring it back"},
-    {"list", &Simulator::onList, "list                   the tags: name, kind, UID, state, origin"},
-    {"save", &Simulator::onSave, "save NAME [FILE]       write the image of a tag, to its own file or another"},
-    {"reader", &Simulator::onReader, "reader gone|back       pull the reader out, plug it in again"},
-    {"fault", &Simulator::onFault, "fault RULE             add a rule to the fault plan, e.g. fault 40 2 no reply"},
-    {"faults", &Simulator::onFaults, "faults clear           forget all rules"},
-    {"led", &Simulator::onLed, "led                    the LED byte that the host sent last"},
-    {"field", &Simulator::onField, "field                  whether the field is on"},
-    {"help", &Simulator::onHelp, "help                   this list"},
-    {"quit", &Simulator::onQuit, "quit                   end the program"},
+const LineCommands::Command LineCommands::kCommands[] = {
+    {"place", &LineCommands::onPlace, "place FILE [as NAME]   lay a tag into the field; answers its name"},
+    {"remove", &LineCommands::onRemove, "remove NAME            take a tag away for good"},
+    {"away", &LineCommands::onAway, "away NAME              hold a tag away from the field, for \"back\" or a fault"},
+    {"back", &LineCommands::onBack, "back NAME              bring it back"},
+    {"list", &LineCommands::onList, "list                   the tags: name, kind, UID, state, origin"},
+    {"save", &LineCommands::onSave, "save NAME [FILE]       write the image of a tag, to its own file or another"},
+    {"reader", &LineCommands::onReader, "reader gone|back       pull the reader out, plug it in again"},
+    {"fault", &LineCommands::onFault, "fault RULE             add a rule to the fault plan, e.g. fault 40 2 no reply"},
+    {"faults", &LineCommands::onFaults, "faults clear           forget all rules"},
+    {"led", &LineCommands::onLed, "led                    the LED byte that the host sent last"},
+    {"field", &LineCommands::onField, "field                  whether the field is on"},
+    {"help", &LineCommands::onHelp, "help                   this list"},
+    {"quit", &LineCommands::onQuit, "quit                   end the program"},
 };
 
-Simulator::Simulator(std::shared_ptr<VirtualReader> reader, TagQuirks quirks, bool saveTags)
+LineCommands::LineCommands(std::shared_ptr<VirtualReader> reader, TagQuirks quirks, bool saveTags)
     : mReader(std::move(reader)), mQuirks(quirks), mSaveTags(saveTags) {}
 
-std::string Simulator::run(std::string_view line) {
+std::string LineCommands::run(std::string_view line) {
     const auto [word, rest] = splitWord(trimmed(line));
     if (word.empty()) return {};
     const auto command = std::ranges::find(kCommands, word, &Command::word);
@@ -72,7 +72,7 @@ std::string Simulator::run(std::string_view line) {
     return (this->*command->run)(rest);
 }
 
-std::string Simulator::place(const std::string& pathOrSpec, const std::string& name) {
+std::string LineCommands::place(const std::string& pathOrSpec, const std::string& name) {
     MadeTag made = makeTag(pathOrSpec, mQuirks);
     if (!made.tag) return error(made.message);
     const std::string placed = mReader->field().place(std::move(made.tag), name);
@@ -81,7 +81,7 @@ std::string Simulator::place(const std::string& pathOrSpec, const std::string& n
     return ok(placed + (made.message.empty() ? "" : " " + made.message));
 }
 
-std::string Simulator::onPlace(const std::string& rest) {
+std::string LineCommands::onPlace(const std::string& rest) {
     constexpr std::string_view kAs = " as ";
     const std::size_t as = rest.rfind(kAs);
     const std::string file = trimmed(std::string_view(rest).substr(0, as));
@@ -91,7 +91,7 @@ std::string Simulator::onPlace(const std::string& rest) {
     return place(file, name);
 }
 
-std::string Simulator::onRemove(const std::string& name) {
+std::string LineCommands::onRemove(const std::string& name) {
     const auto tag = mReader->field().find(name);
     if (!tag || !mReader->field().remove(name)) return noSuchTag(name);
     const std::string failure = saveChanged(name, *tag);
@@ -99,15 +99,15 @@ std::string Simulator::onRemove(const std::string& name) {
     return failure.empty() ? ok() : error(failure);
 }
 
-std::string Simulator::setPresent(const std::string& name, bool present) {
+std::string LineCommands::setPresent(const std::string& name, bool present) {
     return mReader->field().setPresent(name, present) ? ok() : noSuchTag(name);
 }
 
-std::string Simulator::onAway(const std::string& name) { return setPresent(name, false); }
+std::string LineCommands::onAway(const std::string& name) { return setPresent(name, false); }
 
-std::string Simulator::onBack(const std::string& name) { return setPresent(name, true); }
+std::string LineCommands::onBack(const std::string& name) { return setPresent(name, true); }
 
-std::string Simulator::onList(const std::string&) {
+std::string LineCommands::onList(const std::string&) {
     std::string lines;
     const auto held = mReader->field().lock();
     for (const VirtualField::Entry& entry : mReader->field().list()) {
@@ -119,7 +119,7 @@ std::string Simulator::onList(const std::string&) {
     return lines + ok();
 }
 
-std::string Simulator::onSave(const std::string& rest) {
+std::string LineCommands::onSave(const std::string& rest) {
     const auto [name, file] = splitWord(rest);
     const auto tag = mReader->field().find(name);
     if (!tag) return noSuchTag(name);
@@ -132,7 +132,7 @@ std::string Simulator::onSave(const std::string& rest) {
     return failure.empty() ? ok(path) : error(failure);
 }
 
-std::string Simulator::onReader(const std::string& rest) {
+std::string LineCommands::onReader(const std::string& rest) {
     if (rest == "gone")
         mReader->vanish();
     else if (rest == "back")
@@ -143,38 +143,38 @@ std::string Simulator::onReader(const std::string& rest) {
     return wrong.empty() ? ok() : error(wrong);
 }
 
-std::string Simulator::onFault(const std::string& rest) {
+std::string LineCommands::onFault(const std::string& rest) {
     const std::string wrong = mReader->addFault(std::string_view(rest));
     return wrong.empty() ? ok() : error(wrong);
 }
 
-std::string Simulator::onFaults(const std::string& rest) {
+std::string LineCommands::onFaults(const std::string& rest) {
     if (rest != "clear") return error("\"faults\" takes \"clear\"");
     mReader->clearFaults();
     return ok();
 }
 
-std::string Simulator::onLed(const std::string&) {
+std::string LineCommands::onLed(const std::string&) {
     const std::uint8_t byte = mReader->ledByte();
     return ok(hexText(&byte, 1));
 }
 
-std::string Simulator::onField(const std::string&) { return ok(mReader->isFieldOn() ? "on" : "off"); }
+std::string LineCommands::onField(const std::string&) { return ok(mReader->isFieldOn() ? "on" : "off"); }
 
-std::string Simulator::onHelp(const std::string&) {
+std::string LineCommands::onHelp(const std::string&) {
     std::string lines;
     for (const Command& command : kCommands)
         lines += std::string(command.help) + "\n";
     return lines + ok();
 }
 
-std::string Simulator::onQuit(const std::string&) {
+std::string LineCommands::onQuit(const std::string&) {
     mQuit = true;
     return ok();
 }
 
 /// @return empty or what went wrong.
-std::string Simulator::saveChanged(const std::string& name, VirtualTag& tag) {
+std::string LineCommands::saveChanged(const std::string& name, VirtualTag& tag) {
     const auto source = mSources.find(name);
     if (!mSaveTags || source == mSources.end()) return {};
     const auto held = mReader->field().lock();
@@ -183,7 +183,7 @@ std::string Simulator::saveChanged(const std::string& name, VirtualTag& tag) {
     return path.empty() ? std::string() : saveTag(tag, path);
 }
 
-std::string Simulator::saveAll() {
+std::string LineCommands::saveAll() {
     std::string failures;
     for (const VirtualField::Entry& entry : mReader->field().list()) {
         const std::string failure = saveChanged(entry.name, *entry.tag);

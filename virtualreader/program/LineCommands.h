@@ -10,11 +10,11 @@
 #include <utility>
 
 /// The line commands that steer a virtual reader while it runs. Pure: whoever reads the lines hands them in here.
-class Simulator {
+class LineCommands {
   public:
     /// `quirks` hold for every tag that is placed. With `saveTags` the image of a tag is written back to its file when
     /// the tag leaves for good.
-    Simulator(std::shared_ptr<VirtualReader> reader, TagQuirks quirks, bool saveTags);
+    LineCommands(std::shared_ptr<VirtualReader> reader, TagQuirks quirks, bool saveTags);
 
     /// `settle` is called after the reader has gone or come back: it waits until hosts see that, and says what went
     /// wrong, if anything. Without one, nobody has to see it.

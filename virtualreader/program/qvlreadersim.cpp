@@ -2,8 +2,8 @@
 
 #include "ControlServer.h"
 #include "Devices.h"
+#include "LineCommands.h"
 #include "ReaderClasses.h"
-#include "Simulator.h"
 #include "SocketEndpoint.h"
 #include "TerminalEndpoint.h"
 #include "VirtualMf500Reader.h"
@@ -148,9 +148,9 @@ std::string addFaultFile(VirtualReader& reader, const std::string& path) {
 
 /// Publishes the reader, tells so, and serves the commands until the end.
 template <typename Endpoint>
-int serve(Endpoint& endpoint, Simulator& simulator, ControlServer& control, const Settings& settings) {
+int serve(Endpoint& endpoint, LineCommands& commands, ControlServer& control, const Settings& settings) {
     if (const std::string wrong = endpoint.start(); !wrong.empty()) return fail(wrong);
-    simulator.onReaderMoved([&endpoint] { return endpoint.settle(); });
+    commands.onReaderMoved([&endpoint] { return endpoint.settle(); });
     if (!settings.quiet) std::cout << "ready " << endpoint.name() << " at " << settings.root << std::endl;
     control.run();
     endpoint.stop();
@@ -159,12 +159,12 @@ int serve(Endpoint& endpoint, Simulator& simulator, ControlServer& control, cons
 
 template <typename Endpoint>
 int simulate(const Settings& settings, const std::shared_ptr<VirtualReader>& reader, Endpoint&& endpoint) {
-    Simulator simulator(reader, settings.quirks, settings.saveOnExit);
-    ControlServer control(simulator, settings.control.empty() && !settings.keepRunning);
+    LineCommands commands(reader, settings.quirks, settings.saveOnExit);
+    ControlServer control(commands, settings.control.empty() && !settings.keepRunning);
 
     if (const std::string wrong = addFaultFile(*reader, settings.faults); !wrong.empty()) return fail(wrong, kUsage);
     for (const std::string& tag : settings.tags) {
-        std::string answer = simulator.place(tag);
+        std::string answer = commands.place(tag);
         if (!answer.empty()) answer.pop_back();
         if (answer.starts_with("error: ")) return fail(answer.substr(7), kUsage);
         if (!settings.quiet && answer.find("warning") != std::string::npos) fail(answer.substr(3));
@@ -172,8 +172,8 @@ int simulate(const Settings& settings, const std::shared_ptr<VirtualReader>& rea
     if (!settings.control.empty())
         if (const std::string wrong = control.listen(settings.control); !wrong.empty()) return fail(wrong);
 
-    const int status = serve(endpoint, simulator, control, settings);
-    const std::string unsaved = simulator.saveAll();
+    const int status = serve(endpoint, commands, control, settings);
+    const std::string unsaved = commands.saveAll();
     return unsaved.empty() ? status : fail(unsaved.substr(0, unsaved.size() - 1));
 }
 
