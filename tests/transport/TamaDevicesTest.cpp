@@ -10,20 +10,19 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 
+using namespace std::string_literals;
 using namespace std::string_view_literals;
 
 constexpr auto kAck = "\x00\x00\xFF\x00\xFF\x00"sv;
 constexpr auto kReply = "\x00\x00\xFF\x03\xFD\xD5\x4B\x00\xE0\x00"sv;
 
-template <typename Device>
-std::string readFrame(Device& device, std::int32_t expected, std::uint32_t* counted = nullptr) {
+std::string readFrame(TamaDevice& device, std::int32_t expected, std::uint32_t* counted = nullptr) {
     std::uint8_t buffer[1024] = {};
     std::uint32_t count = 99;
     EXPECT_EQ(device.ReadBytesUnBlocked(buffer, sizeof buffer, &count, 200), expected);
@@ -31,116 +30,83 @@ std::string readFrame(Device& device, std::int32_t expected, std::uint32_t* coun
     return {reinterpret_cast<char*>(buffer), std::min<std::size_t>(count, sizeof buffer)};
 }
 
-class ASerialReader : public ::testing::Test {
-  protected:
-    ASerialReader() : device(assembler, 115200) {
-        EXPECT_EQ(device.OpenInterface(terminal.path().c_str(), 0, 0), kDeviceOk);
-    }
+TEST(ASerialReader, DeliversOneFramePerReadAndEndsABadOneAtOnce) {
+    ManualClock clock;
     PseudoTerminal terminal;
     TamaFrameAssembler assembler;
-    TamaSerialDevice device;
-};
-
-TEST_F(ASerialReader, DeliversOneFramePerRead) {
-    terminal.write(std::string(kAck) + std::string(kReply));
-    EXPECT_EQ(readFrame(device, kDeviceOk), kAck);
-    EXPECT_EQ(readFrame(device, kDeviceOk), kReply);
-    std::uint32_t written = 0;
-    EXPECT_EQ(device.WriteBytesUnblocked(reinterpret_cast<const std::uint8_t*>("abc"), 3, &written, 1000), kDeviceOk);
-    EXPECT_EQ(written, 3u);
+    TamaSerialDevice device(assembler, 115200);
+    ASSERT_EQ(device.OpenInterface(terminal.path().c_str(), 0, 0), kDeviceOk);
+    std::string oversized("\x00\x00\xFF\xFF\xFF\xF8\x03\x05"sv);  // Counted, and not copied.
+    oversized.resize(1026, 'x');
+    const struct {
+        std::string line, frames[2];
+    } kLines[] = {{std::string(kAck) + std::string(kReply), {std::string(kAck), std::string(kReply)}},
+                  {"\x00\x00\xFF\x05\xFA"s, {""}},
+                  {oversized, {std::string(1024, '\0')}},
+                  {std::string(kAck), {std::string(kAck)}}};
+    std::uint32_t count = 0;
+    for (const auto& each : kLines) {
+        terminal.write(each.line);
+        EXPECT_EQ(readFrame(device, kDeviceOk, &count), each.frames[0]);
+        EXPECT_EQ(count, each.line == oversized ? 1026u : each.frames[0].size());
+        if (!each.frames[1].empty()) {
+            EXPECT_EQ(readFrame(device, kDeviceOk), each.frames[1]);
+        }
+    }
+    EXPECT_EQ(device.WriteBytesUnblocked(reinterpret_cast<const std::uint8_t*>("abc"), 3, &count, 1000), kDeviceOk);
+    EXPECT_EQ(count, 3u);
     EXPECT_EQ(terminal.read(3), "abc");
-}
 
-TEST_F(ASerialReader, EndsABadFrameAtOnceAndStartsAnew) {
-    terminal.write("\x00\x00\xFF\x05\xFA"sv);
-    EXPECT_EQ(readFrame(device, kDeviceOk), "");
-    terminal.write(kAck);
-    EXPECT_EQ(readFrame(device, kDeviceOk), kAck);
-    // A frame above the buffer is counted and not copied.
-    std::string extended("\x00\x00\xFF\xFF\xFF\xE8\x03\x15"sv);
-    std::uint32_t counted = 0;
-    extended[5] = '\xF8', extended[7] = '\x05';
-    extended.resize(1026, 'x');
-    terminal.write(extended);
-    EXPECT_EQ(readFrame(device, kDeviceOk, &counted), std::string(1024, '\0'));
-    EXPECT_EQ(counted, 1026u);
-}
-
-TEST_F(ASerialReader, GivesASilentOneFourSecondsAtMost) {
-    ManualClock clock;
     clock.setMsPerLook(1000);
-    std::uint64_t start = clock.nowMs();
+    const std::uint64_t start = clock.nowMs();
     EXPECT_EQ(readFrame(device, kDeviceTimedOut), "");
-    EXPECT_LE(clock.nowMs() - start, 7000u) << "looks at the clock included";
+    EXPECT_LE(clock.nowMs() - start, 7000u) << "four seconds, looks at the clock included";
     terminal.write(kReply.substr(0, 7));
     EXPECT_EQ(readFrame(device, kDeviceTimedOut), kReply.substr(0, 7)) << "what came is delivered";
-    terminal.write(kReply);
-    EXPECT_EQ(readFrame(device, kDeviceOk), kReply) << "and nothing is carried over";
-}
-
-TEST_F(ASerialReader, DropsLateInputOnDemandAndAtItsEnd) {
-    terminal.write(std::string(kReply));
-    ASSERT_EQ(readFrame(device, kDeviceOk), kReply);
+    clock.setMsPerLook(0);
     terminal.write(std::string(kAck) + std::string(kReply));
     device.discardInput();
     terminal.write(kReply);
-    EXPECT_EQ(readFrame(device, kDeviceOk), kReply);
-    EXPECT_EQ(device.CloseInterface(), kDeviceOk);
-    EXPECT_EQ(readFrame(device, kDeviceFailed), "");
-}
+    EXPECT_EQ(readFrame(device, kDeviceOk), kReply) << "and nothing is carried over";
 
-TEST_F(ASerialReader, NoticesThatItIsGone) {
     terminal.write(kReply.substr(0, 4));
     terminal.closeMaster();
-    std::uint32_t count = 0;
-    std::uint8_t buffer[64];
-    EXPECT_EQ(device.ReadBytesUnBlocked(buffer, sizeof buffer, &count, 0), kDeviceFailed);
-    EXPECT_EQ(device.WriteBytesUnblocked(buffer, 8, &count, 100), kDeviceFailed);
+    EXPECT_EQ(readFrame(device, kDeviceFailed), "");
+    EXPECT_EQ(device.WriteBytesUnblocked(reinterpret_cast<const std::uint8_t*>("abc"), 3, &count, 100), kDeviceFailed);
     EXPECT_EQ(device.CloseInterface(), kDeviceOk);
+    EXPECT_EQ(readFrame(device, kDeviceFailed), "");
     EXPECT_EQ(device.OpenInterface(terminal.path().c_str(), 0, 0), kDeviceFailed);
 }
 
-class AMessageReader : public ::testing::Test {
-  protected:
-    AMessageReader() : path(directory / "reader"), listener(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        EXPECT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(::listen(listener, 1), 0);
-        EXPECT_EQ(device.OpenInterface(path.c_str(), 0, 0), kDeviceOk);
-        peer = ::accept(listener, nullptr, nullptr);
-    }
-    ~AMessageReader() override {
-        ::close(listener);
-        if (peer >= 0) ::close(peer);
-    }
-    void send(std::string_view message) const {
-        EXPECT_EQ(::send(peer, message.data(), message.size(), MSG_NOSIGNAL), static_cast<ssize_t>(message.size()));
-    }
-
-    TempDirectory directory;
-    std::string path;
-    int listener;
-    int peer = -1;
+TEST(AMessageReader, DeliversOneMessagePerReadUntilItsPeerIsGone) {
+    const TempDirectory directory;
+    const std::string path = directory / "reader";
+    const int listener = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener, 1), 0);
     TamaFileDevice device;
-};
-
-TEST_F(AMessageReader, DeliversOneMessagePerRead) {
-    send(kAck);
-    send("");
-    send(kReply);
+    ASSERT_EQ(device.OpenInterface(path.c_str(), 0, 0), kDeviceOk);
+    const int peer = ::accept(listener, nullptr, nullptr);
+    const auto send = [&](std::string_view message) {
+        EXPECT_EQ(::send(peer, message.data(), message.size(), 0), static_cast<ssize_t>(message.size()));
+    };
+    for (const std::string_view message : {kAck, ""sv, kReply})
+        send(message);
     EXPECT_EQ(readFrame(device, kDeviceOk), kAck);
     EXPECT_EQ(readFrame(device, kDeviceOk), "") << "an empty message is no closed peer";
     EXPECT_EQ(readFrame(device, kDeviceOk), kReply);
-    EXPECT_EQ(readFrame(device, kDeviceTimedOut), "") << "the given time-out holds";
+    EXPECT_EQ(readFrame(device, kDeviceTimedOut), "");
     send(std::string(1025, 'x'));
     EXPECT_EQ(readFrame(device, kDeviceOk).size(), 1024u) << "a message above the buffer comes cut";
     send(kAck);
     send(kReply);
     device.discardInput();
     EXPECT_EQ(readFrame(device, kDeviceTimedOut), "");
-    ::close(std::exchange(peer, -1));
+    ::close(peer);
+    ::close(listener);
     EXPECT_EQ(readFrame(device, kDeviceFailed), "") << "it is gone";
     std::uint32_t count = 0;
     EXPECT_EQ(device.WriteBytesUnblocked(reinterpret_cast<const std::uint8_t*>("x"), 1, &count, 100), kDeviceFailed);

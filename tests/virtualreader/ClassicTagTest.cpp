@@ -178,6 +178,8 @@ TEST(ClassicSession, EndsWithEveryErrorAndEveryChange) {
     ASSERT_TRUE(sector.login('A') && reader.authenticate('A', 8));
     EXPECT_EQ(reader.send("30 08").size(), 47u);
     EXPECT_EQ(reader.send("30 04"), "4") << "the other sector took over";
+    ASSERT_TRUE(reader.select() == "08" && reader.authenticate('A', 0));
+    EXPECT_EQ(reader.send("A0 00"), "4") << "the maker's block is never written";
     ASSERT_TRUE(sector.login('A'));
     EXPECT_EQ(reader.send("50 00"), "-");
     EXPECT_EQ(sector.tag.state(), VirtualTag::State::halted);

@@ -1,5 +1,6 @@
 // The commands of the virtual reader.
 
+#include "Dialogue.h"
 #include "TestHost.h"
 
 #include "MifareClassicTag.h"
@@ -10,15 +11,7 @@
 
 namespace {
 
-constexpr const char* kIdentity = "25 00 00 17 2A 00 00 01 CC 04 31 05 02 01 03";
-constexpr const char* kLogin = "40 01 60 04 FFFFFFFFFFFF DEADBEEF";
-const std::string kZeros = " 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00";
-
-struct Step {
-    const char* command;
-    std::string reply;
-    const char* why = "";
-};
+const std::string kLogin = "40 01 60 04 FFFFFFFFFFFF DEADBEEF";
 
 struct ReaderTest : ::testing::Test {
     ReaderTest() { host("32 05 05 05 05"); }
@@ -32,10 +25,7 @@ struct ReaderTest : ::testing::Test {
     std::shared_ptr<VirtualTag> card(const char* uid = "04A1B2C3D4E5F6") {
         return std::make_shared<SmartCard>(hex(uid), hex("7577810280"));
     }
-    void expect(const std::vector<Step>& dialogue) {
-        for (const Step& step : dialogue)
-            EXPECT_EQ(host(step.command), step.reply) << step.command << ' ' << step.why;
-    }
+    void speak(const std::string& dialogue) { ::speak(dialogue, host); }
     /// Raw bytes of both answers to a raw frame.
     std::string raw(const char* frame) {
         std::string all;
@@ -59,20 +49,12 @@ TEST_F(ReaderTest, PublishedFramesByteForByte) {
     reader->options().atqaHighByteFirst = true;
     EXPECT_EQ(raw("00 00 FF 04 FC D4 4A 01 00 E1 00"),
               "00 00 FF 00 FF 00 | 00 00 FF 0C F4 D5 4B 01 01 00 04 08 04 DE AD BE EF 96 00");
-    EXPECT_EQ(host("40 01 60 04 000000000000 DEADBEEF"), "41 14");
 }
 
 TEST_F(ReaderTest, CommandsOfTheReaderAndTheirLengths) {
-    expect({{"12 0C", "13"},
-            {"32 02 00 0B 0C", "33"},
-            {"32 04 05", "33"},
-            {"26 C0", "27 00"},
-            {"4A 01 01 00 FF FF 00 00", "4B 00"},
-            {"40 01 30 04", "41 27"},
-            {"42 30 04", "43 01"},
-            {"44 01", "45 27"},
-            {"54 01", "55 27"},
-            {"24", kIdentity}});
+    speak("12 0C > 13; 32 02 00 0B 0C > 33; 32 04 05 > 33; 26 C0 > 27 00; 4A 01 01 00 FF FF 00 00 > 4B 00; "
+          "40 01 30 04 > 41 27; 42 30 04 > 43 01; 44 01 > 45 27; 54 01 > 55 27; "
+          "24 > 25 00 00 17 2A 00 00 01 CC 04 31 05 02 01 03");
     for (const char* wrong : {"12", "32 05 05 05", "32 02 00", "32 07 00", "26", "26 C0 00", "24 00", "02 00", "4A 01",
                               "4A 00 00", "4A 03 00", "40 01", "42", "5E 00", "FF"})
         EXPECT_EQ(host(wrong), "ERROR") << wrong;
@@ -81,86 +63,63 @@ TEST_F(ReaderTest, CommandsOfTheReaderAndTheirLengths) {
 }
 
 TEST_F(ReaderTest, ListingReportsEachKindOfTag) {
-    struct {
+    const struct {
         std::shared_ptr<VirtualTag> tag;
         std::string head, uid, cascadedUid;
-    } const kTags[] = {
-        {classic("DEADBEEF", 320), "04 00 09", "04 DE AD BE EF", "04 DE AD BE EF"},
-        {classic("04112233445566"), "44 00 08", "07 04 11 22 33 44 55 66", "08 88 04 11 22 33 44 55 66"},
-        {ultralight(), "44 00 00", "07 04 11 22 33 44 55 66", "08 88 04 11 22 33 44 55 66"},
-        {card("01020304050607080910"), "84 03 20", "0A 01 02 03 04 05 06 07 08 09 10",
-         "0C 88 01 02 03 88 04 05 06 07 08 09 10"},
-    };
+    } kTags[] = {{classic("DEADBEEF", 320), "04 00 09", "04 DE AD BE EF", "04 DE AD BE EF"},
+                 {classic("04112233445566"), "44 00 08", "07 04 11 22 33 44 55 66", "08 88 04 11 22 33 44 55 66"},
+                 {ultralight(), "44 00 00", "07 04 11 22 33 44 55 66", "08 88 04 11 22 33 44 55 66"},
+                 {card("01020304050607080910"), "84 03 20", "0A 01 02 03 04 05 06 07 08 09 10",
+                  "0C 88 01 02 03 88 04 05 06 07 08 09 10"}};
     host("12 0C");
     for (const auto& each : kTags) {
-        const std::string name = field.place(each.tag);
-        const std::string plain = "4B 01 01 " + each.head + ' ' + each.uid;
-        EXPECT_EQ(host("4A 01 00"), plain);
+        const std::string name = field.place(each.tag), found = "4B 01 01 " + each.head + ' ';
         reader->options().cascadeTagInUid = true;
-        EXPECT_EQ(host("4A 01 00"), "4B 01 01 " + each.head + ' ' + each.cascadedUid);
+        speak("4A 01 00 > " + found + each.cascadedUid);
         reader->options().cascadeTagInUid = false;
-        EXPECT_EQ(host("44 01"), "45 00");
-        EXPECT_EQ(host("4A 01 00"), "4B 00") << "halted";
-        EXPECT_EQ(host("4A 01 00" + each.uid.substr(2)), plain);
-        EXPECT_EQ(host("4A 01 00" + each.cascadedUid.substr(2)), plain);
-        EXPECT_EQ(host("4A 01 00 11223344"), "4B 00");
-        EXPECT_EQ(host("4A 01 00 1122334455"), "4B 00") << "no UID has that length";
-        host("32 01 00");
-        EXPECT_EQ(host("4A 01 00"), plain) << "the field comes on by itself, and the halt is forgotten";
+        // Halted, it answers to its own UID only; once the field was off, to all.
+        speak("4A 01 00 > " + found + each.uid + "; 44 01 > 45 00; 4A 01 00 > 4B 00; 4A 01 00" + each.uid.substr(2) +
+              " > " + found + each.uid + "; 4A 01 00" + each.cascadedUid.substr(2) + " > " + found + each.uid +
+              "; 4A 01 00 11223344 > 4B 00; 4A 01 00 1122334455 > 4B 00; 32 01 00 > 33; 4A 01 00 > " + found +
+              each.uid);
         EXPECT_TRUE(field.remove(name));
     }
 }
 
 TEST_F(ReaderTest, AutomaticRatsAppendsTheAtsAndOpensTheBlockProtocol) {
     field.place(card());
-    host("12 1C");
     const std::string found = "4B 01 01 44 03 20 07 04 A1 B2 C3 D4 E5 F6 06 75 77 81 02 80";
-    expect({{"4A 01 00", found},
-            {"42 0A 05 00A40000", "43 00 0A 05 6D 00"},
-            {"40 01 30 00", "41 27", "not for a card in the protocol"},
-            {"4A 01 00", "4B 00", "which hears no requests"},
-            {"32 01 00", "33"},
-            {"4A 01 00", found, "the field was off"},
-            {"44 01", "45 00"},
-            {"44 01", "45 01", "already gone to rest"},
-            {"4A 01 00 04A1B2C3D4E5F6", found}});
+    // In the protocol it takes no block commands and hears no requests until the field was off.
+    speak("12 1C > 13; 4A 01 00 > " + found + "; 42 0A 05 00A40000 > 43 00 0A 05 6D 00; 40 01 30 00 > 41 27; " +
+          "4A 01 00 > 4B 00; 32 01 00 > 33; 4A 01 00 > " + found + "; 44 01 > 45 00; 44 01 > 45 01; " +
+          "4A 01 00 04A1B2C3D4E5F6 > " + found);
 }
 
 TEST_F(ReaderTest, TwoTargetsTakeTurns) {
     field.place(classic());
     field.place(ultralight());
-    expect({{"4A 02 00", "4B 02 01 44 00 08 04 DE AD BE EF 02 44 00 00 07 04 11 22 33 44 55 66", "answers overlaid"},
-            {"40 02 30 00", "41 00 04 11 22 BF 33 44 55 66 44 48 00 00 00 00 00 00"},
-            {kLogin, "41 00"},
-            {"40 01 30 04", "41 00" + kZeros},
-            {"40 02 30 04", "41 00" + kZeros},
-            {"40 01 30 04", "41 01", "the change of targets ended the authentication"},
-            {"40 03 30 04", "41 27"},
-            {"52 00", "53 00"},
-            {"40 01 30 04", "41 27", "released"}});
+    // The first answers are laid over each other; a change of targets ends the authentication.
+    speak("4A 02 00 > 4B 02 01 44 00 08 04 DE AD BE EF 02 44 00 00 07 04 11 22 33 44 55 66; "
+          "40 02 30 00 > 41 00 04 11 22 BF 33 44 55 66 44 48 00 00 00 00 00 00; " +
+          kLogin + " > 41 00; 40 01 30 04 > 41 00 {0*16}; 40 02 30 04 > 41 00 {0*16}; 40 01 30 04 > 41 01; " +
+          "40 03 30 04 > 41 27; 52 00 > 53 00; 40 01 30 04 > 41 27");
 }
 
 TEST_F(ReaderTest, RefusalsOfATagHaveTheirStatus) {
     field.place(classic());
-    host("4A 01 00");
-    expect({{kLogin, "41 00"},
-            {"40 01 A0 04 640000009BFFFFFF6400000005FA05FA", "41 00"},
-            {"40 01 C2 04", "41 00", "restore, the reader makes up the operand"},
-            {"40 01 B0 06", "41 00"},
-            {"40 01 30 06", "41 00 64 00 00 00 9B FF FF FF 64 00 00 00 05 FA 05 FA"},
-            {"40 01 A0 04 00", "41 13"},
-            {"40 01 30 08", "41 01", "another sector"},
-            {"40 01 30 04", "41 01", "dropped"},
-            {kLogin, "41 01"}});
-    reader->options().refusedStatus = 0x13;
-    for (const auto& [command, status] : {std::pair("40 01 30 04", "41 13"),  // the other model's NAK
-                                          std::pair("40 01 60 04 FFFFFFFFFFFF DEADBEEE", "41 14"),  // another UID
-                                          std::pair("40 01 60 04 FFFFFFFFFFFF", "41 13")}) {
+    const std::string value = "64 00 00 00 9B FF FF FF 64 00 00 00 05 FA 05 FA";
+    // The reader makes up the operand of a restore. A refused command in another sector drops the tag.
+    speak("4A 01 00 > 4B 01 01 04 00 08 04 DE AD BE EF; " + kLogin + " > 41 00; 40 01 A0 04 " + value +
+          " > 41 00; 40 01 C2 04 > 41 00; 40 01 B0 06 > 41 00; 40 01 30 06 > 41 00 " + value +
+          "; 40 01 A0 04 00 > 41 13; 40 01 30 08 > 41 01; 40 01 30 04 > 41 01; " + kLogin + " > 41 01");
+    reader->options().refusedStatus = 0x13;  // The other model's NAK.
+    for (const char* refused : {"40 01 30 04 > 41 13", "40 01 60 04 FFFFFFFFFFFF DEADBEEE > 41 14",
+                                "40 01 60 04 FFFFFFFFFFFF > 41 13", "40 01 60 04 000000000000 DEADBEEF > 41 14"}) {
         host("4A 01 00");
-        EXPECT_EQ(host(command), status) << command;
+        speak(refused);
     }
     field.setPresent("tag1", false);
-    EXPECT_EQ(host(kLogin), "41 01");
+    speak(kLogin + " > 41 01");
 }
 
 TEST_F(ReaderTest, EndlessSearchWaitsForATagOrTheHost) {
