@@ -14,13 +14,6 @@ namespace {
 constexpr std::uint32_t kNoLimit = SerialPort::kNoLimit, kLongMs = 20'000;
 
 struct APort : ::testing::Test {
-    /// Reads `length` bytes. @return what came, and the status if it is not 0.
-    std::string read(std::uint32_t length, std::uint32_t timeout = kNoLimit) {
-        std::uint32_t got = 99;
-        const std::uint32_t status = port.read(buffer, length, &got, nullptr, timeout);
-        return std::string(buffer, buffer + got) + (status == 0 ? "" : " " + std::to_string(status));
-    }
-
     PseudoTerminal terminal;
     SerialPort port;
     std::uint8_t buffer[64] = {};
@@ -61,20 +54,14 @@ TEST_F(APort, GivesTheStatusOfItsState) {
             EXPECT_EQ(c.call(), overlapped ? c.overlapped : c.plain) << &c - cases;
     }
     EXPECT_TRUE(done.isSet());
-}
 
-TEST_F(APort, ReadsAtOnceOrAllThatWasAskedFor) {
-    ASSERT_EQ(port.open(terminal.path().c_str(), 0, 0, true), 0u);
-    EXPECT_EQ(read(1), "");
-    terminal.write("abc");
-    EXPECT_EQ(port.waitForByte(kLongMs), 0u);
-    EXPECT_EQ(read(2), "ab");
-    EXPECT_EQ(read(9), "c");
+    std::uint32_t got = 0;
     EXPECT_EQ(port.setReadTimeouts(1), 0u);
-    terminal.write("de");
-    EXPECT_EQ(read(3, 20), "de 1460") << "what came is not lost";
+    terminal.write("ab");
+    EXPECT_EQ(port.read(buffer, 3, &got, nullptr, 20), SerialPort::kTimeout);
+    EXPECT_EQ(std::string(buffer, buffer + got), "ab") << "what came is not lost";
     terminal.closeMaster();
-    EXPECT_EQ(read(3, kLongMs), " " + std::to_string(EIO));
+    EXPECT_EQ(port.read(buffer, 3, &got, nullptr, kLongMs), std::uint32_t{EIO});
 }
 
 }  // namespace
