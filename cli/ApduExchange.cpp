@@ -34,7 +34,7 @@ Bytes withLe(const Bytes& command, std::uint8_t le) {
     const std::size_t position = positionOfLe(command);
     Bytes repeated(command.begin(), command.begin() + static_cast<std::ptrdiff_t>(position));
     const std::size_t size = command.size() - position;
-    // An extended Le keeps its form: two bytes, behind a zero where there is no Lc.
+    // An extended Le keeps its form: two bytes, after a zero where there is no Lc.
     for (std::size_t i = 1; i < size; ++i)
         repeated.push_back(le == 0 && i + 1 == size ? 1 : 0);
     repeated.push_back(le);

@@ -21,5 +21,5 @@ std::optional<std::vector<std::uint8_t>> commandFromLine(std::string_view line, 
 /// All commands of a script, one a line. @throws std::invalid_argument with file, line and place of a mistake.
 std::vector<std::vector<std::uint8_t>> commandsFromFile(const std::string& name, bool raw);
 
-/// Rows of up to 16 bytes in hexadecimal and as printable text, each behind `prefix`. No newline at the end.
+/// Rows of up to 16 bytes in hexadecimal and as printable text, each after `prefix`. No newline at the end.
 std::string dumpRows(std::string_view prefix, std::span<const std::uint8_t> bytes);

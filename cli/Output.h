@@ -17,10 +17,10 @@ class Output {
     explicit Output(bool json);
 
     bool isJson() const { return mJson; }
-    /// False once nobody can read any more, as behind "| head".
+    /// False once nobody can read any more, as after "| head".
     bool isOpen() const { return mOpen; }
 
-    /// A result: the object, or the text with a newline behind it.
+    /// A result: the object, or the text with a newline after it.
     void put(const Json& object, std::string_view text);
     /// A remark beside the results.
     void note(const std::string& text);

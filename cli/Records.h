@@ -22,7 +22,7 @@ class Records {
     int mCount = 0;
 };
 
-/// Complains about a status that is not success, behind a table of the records that were made, `unit` being what they
+/// Complains about a status that is not success, after a table of the records that were made, `unit` being what they
 /// number: "block", "sector". Partial success (3132) in which all failed for one reason is told as that reason.
 Outcome failWithRecords(Session& session, int status, const char* unit, std::span<const OpResultCode> records,
                         const std::string& where = {});

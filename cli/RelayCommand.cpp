@@ -27,7 +27,7 @@ struct RelayArguments {
 };
 
 /// The version in a reply to GetFirmwareVersion: code, version, revision; newer chips put their kind before these and
-/// what they support behind.
+/// what they support after it.
 std::optional<std::string> firmwareOf(const Bytes& command, const Bytes& reply) {
     constexpr std::size_t kShortReply = 3, kLongReply = 5;
     if (command != Bytes{kGetFirmwareVersion} || reply.empty() || reply[0] != kGetFirmwareVersion + 1)

@@ -43,7 +43,7 @@ class IniTable {
     IniTable(const IniTable&) = delete;
     IniTable& operator=(const IniTable&) = delete;
 
-    /// Appends behind the entries of the same bucket.
+    /// Appends after the entries of the same bucket.
     IniNode& insert(std::string name, IniType type);
     /// The first entry of this name, or null. The table keeps it.
     const IniNode* find(const char* name) const;

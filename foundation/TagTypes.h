@@ -38,5 +38,5 @@ QVL_API std::uint32_t tagTypeFromSak(std::uint8_t sak);
 QVL_API std::uint32_t tagTypeToWire(std::uint32_t type);
 QVL_API std::uint32_t wireToTagType(std::uint32_t wireCode);
 
-/// The select code of the next cascade level of ISO/IEC 14443-3: 0x95 behind 0x93, 0x97 behind 0x95, else -1.
+/// The select code of the next cascade level of ISO/IEC 14443-3: 0x95 after 0x93, 0x97 after 0x95, else -1.
 QVL_API int nextCascadeLevel(int selectCode);

@@ -54,6 +54,6 @@ class QVL_API TagUID final : public QVLParameter {
     std::uint8_t* mUid;
     std::uint32_t mUidLen;
     std::uint32_t mTagType;
-    std::uint32_t mOwned;        // bytes behind mUid
+    std::uint32_t mOwned;        // bytes at mUid
     std::uint8_t mShortUid[10];  // where mUid points for every UID that ISO/IEC 14443-3 knows
 };

@@ -9,7 +9,7 @@
 ///
 ///     00A40400* 9000                           anything that begins so
 ///     80CA??00 0102 wtx 10                     asks once for ten times the time, then answers
-///     80F0* echo 9000                          the whole command, and 90 00 behind it
+///     80F0* echo 9000                          the whole command, and 90 00 after it
 ///     80E0 count 3000 9000 wtx 2x5             3000 bytes 00 01 02 .., after five requests for time
 ///
 /// The first rule that matches answers; what none matches goes to the next application, or is refused with 6D 00.

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// What stands behind the words of an effect.
+/// What stands after the words of an effect.
 enum class Operands : std::uint8_t { none, number, smallNumber, byte, offsetAndByte, tagName };
 
 /// Which events an effect goes with.

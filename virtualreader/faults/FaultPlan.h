@@ -57,7 +57,7 @@ enum class FaultEffect : std::uint8_t {
     blockControlByte,   ///< With `value` as its first byte.
     cardAsksForTime,    ///< S(WTX) with `value` first. The block follows when the reader has granted it.
     emptyChain,         ///< Chaining and no data. The data follow in the next block.
-    cardDeaf,           ///< The card hears nothing behind this block until the field goes.
+    cardDeaf,           ///< The card hears nothing after this block until the field goes.
     cardStaysAwake,     ///< Answers the deselection and is not deselected.
 };
 
@@ -98,7 +98,7 @@ class FaultPlan {
 
     /// Adds one rule written as text. @return empty, or what is wrong with it; the plan is then unchanged.
     std::string addRule(std::string_view text);
-    /// Adds all lines of a plan; empty lines and everything behind # are skipped. @return empty, or "line N: cause";
+    /// Adds all lines of a plan; empty lines and everything after # are skipped. @return empty, or "line N: cause";
     /// the plan is then unchanged.
     std::string addText(std::string_view text);
 

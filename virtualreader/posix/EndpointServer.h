@@ -90,7 +90,7 @@ class EndpointServer : private ReaderSink, private ReaderWatcher {
     virtual void release() = 0;
     /// Opens and publishes; called by `start` and when the reader comes back. @return empty or what went wrong.
     virtual std::string publish() = 0;
-    /// Sends what is ready, hangs up on the host and the reader, takes the name away. Called by the thread, or behind
+    /// Sends what is ready, hangs up on the host and the reader, takes the name away. Called by the thread, or after
     /// it.
     virtual void unpublish() = 0;
     /// One round of service: does what is due, then waits for more.

@@ -25,7 +25,7 @@ std::string trimmed(std::string_view text) {
     return std::string(text.substr(begin, text.find_last_not_of(kBlank) - begin + 1));
 }
 
-/// The first word, and what stands behind it.
+/// The first word, and what stands after it.
 std::pair<std::string, std::string> splitWord(const std::string& text) {
     const std::size_t length = std::min(text.find_first_of(" \t"), text.size());
     return {text.substr(0, length), trimmed(std::string_view(text).substr(length))};

@@ -302,7 +302,7 @@ Mf500Status Mf500Firmware::changeValue(Bytes parameters, Values&) {
     return status == Mf500Status::refused ? Mf500Status::notWritten : status;
 }
 
-/// With the CRC appended the last two bytes sent stand in for it, and it comes back behind the answer. Without it the
+/// With the CRC appended the last two bytes sent stand in for it, and it comes back after the answer. Without it the
 /// bytes go and come as they are. The time-out is not waited for.
 Mf500Status Mf500Firmware::exchangeBlock(Bytes parameters, Values& values) {
     constexpr std::size_t kAppendCrcAt = 2, kHeadBytes = 7;

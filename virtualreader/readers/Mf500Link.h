@@ -41,6 +41,6 @@ class Mf500Link {
     const ReaderOptions& mOptions;
     LinkStream mStream;
     LinkKey mConfirmation{};
-    std::optional<LinkKey> mOffered;  ///< Session key that is in force behind the reply under way.
+    std::optional<LinkKey> mOffered;  ///< Session key that is in force after the reply under way.
     std::minstd_rand mRandom;
 };

@@ -133,7 +133,7 @@ LinkKey TamaFirmware::newKey() {
     return key;
 }
 
-/// With a challenge: answers what is derived from it, under that as key, and gives the session key behind six bytes
+/// With a challenge: answers what is derived from it, under that as key, and gives the session key after six bytes
 /// that nobody reads. Without one: gives the next key under the one in force.
 void TamaFirmware::linkKeyExchange(Bytes data, TamaReply& reply) {
     if (!mOptions.knowsLinkKey || (!data.empty() && data.size() != kLinkKeyBytes)) {

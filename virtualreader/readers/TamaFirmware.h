@@ -48,7 +48,7 @@ struct TamaReply {
     std::array<std::uint8_t, kMaxReplyData> data;
     bool hasNewKey = false;  ///< Two keys of the link go with the reply.
     LinkKey replyKey{};      ///< Zeros: the reply goes out under the key in force.
-    LinkKey nextKey{};       ///< In force behind the reply.
+    LinkKey nextKey{};       ///< In force after the reply.
 
     void clear() {
         kind = Kind::reply;

@@ -26,7 +26,7 @@ std::uint8_t sum(std::span<const std::uint8_t> bytes) {
 }  // namespace
 
 bool TamaLink::takeByte(std::uint8_t byte, HostFrame& frame) {
-    // Start code 00 FF behind any number of zeros; mReceived counts as if there had been one preamble byte.
+    // Start code 00 FF after any number of zeros; mReceived counts as if there had been one preamble byte.
     if (mReceived < 2) {
         mReceived = byte == 0x00 ? mReceived + 1 : 0;
         return false;

@@ -108,7 +108,7 @@ class VirtualReader : private VirtualField::Listener, private WritePower {
     const FaultRule* faultOf(std::uint8_t code) { return mFaults.isEmpty() ? nullptr : mFaults.onCommand(code); }
     /// What a fault does to the tags before the command.
     void moveTags(const FaultRule& fault);
-    /// Takes a tag away whose power a fault has cut in this command; to be called behind each command.
+    /// Takes a tag away whose power a fault has cut in this command; to be called after each command.
     void dropFallenTag();
 
     void send(Bytes frame, std::uint32_t delayMs = 0);

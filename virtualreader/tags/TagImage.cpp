@@ -289,7 +289,7 @@ std::string readNdef(const std::string& path, Bytes& file) {
            std::to_string(room) + " follow";
 }
 
-/// What answers the commands of the card: its rules, behind them the NDEF application; null for neither.
+/// What answers the commands of the card: its rules, after them the NDEF application; null for neither.
 std::string makeApplication(const Description& description, std::unique_ptr<CardApplication>& out) {
     if (!description.ndef.empty()) {
         Bytes file;

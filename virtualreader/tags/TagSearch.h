@@ -8,7 +8,7 @@
 #include <optional>
 #include <span>
 
-/// How a reader singles out a tag by ISO/IEC 14443-3. Called under the field's lock, behind a request.
+/// How a reader singles out a tag by ISO/IEC 14443-3. Called under the field's lock, after a request.
 
 /// A tag that was selected.
 struct FoundTag {

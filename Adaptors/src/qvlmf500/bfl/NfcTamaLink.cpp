@@ -30,7 +30,7 @@ constexpr std::uint8_t kConfirmKey = 0x1E;
 constexpr std::uint8_t kGetFirmwareVersion = 0x02;
 constexpr std::uint8_t kGetIdentity = 0x24;
 
-// Key replies: status, 16 bytes key or confirmation, and behind a challenge 6 unused bytes and the session key.
+// Key replies: status, 16 bytes key or confirmation, and after a challenge 6 unused bytes and the session key.
 constexpr std::size_t kKeySize = LinkCipher::kKeySize;
 constexpr std::size_t kReplyKey = tama::kData + 1;
 constexpr std::size_t kReplySessionKey = kReplyKey + kKeySize + 6;

@@ -46,9 +46,9 @@ constexpr std::uint16_t kFieldResetMs = 20;
 constexpr std::uint8_t kNoAtq = 0xFF;
 
 constexpr std::size_t kStatusReplyLen = 3;
-constexpr std::size_t kReplyData = 8;  // behind the status byte
+constexpr std::size_t kReplyData = 8;  // after the status byte
 
-// First offset behind the data of a frame with this LEN.
+// First offset after the data of a frame with this LEN.
 constexpr std::size_t endOfData(std::size_t len) { return len + tama::kTfi; }
 
 // The status byte of a relayed command is the caller's business.

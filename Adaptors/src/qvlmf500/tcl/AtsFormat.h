@@ -21,6 +21,6 @@ struct AtsFault {
     std::size_t index = 0;
 };
 
-/// Decodes `ats`, whose first byte TL equals its size, 2 or more. An interface byte that stands right behind the end
-/// reads as 0, and one further behind is a fault; no byte behind the end is used.
+/// Decodes `ats`, whose first byte TL equals its size, 2 or more. An interface byte that stands right after the end
+/// reads as 0, and one further on is a fault; no byte after the end is used.
 AtsFault decodeAts(std::span<const std::uint8_t> ats, Ats& out);

@@ -21,7 +21,7 @@ class QVL_API QvlTclUtil {
     /// Prints the record on the standard output.
     static void dumpPiccInfo(QvlTcl* tcl, std::uint8_t cid);
 
-    /// An I-block with as much of the data from `p->dataPos` on as fits, and `dataPos` moved behind it. `cid` and `nad`
+    /// An I-block with as much of the data from `p->dataPos` on as fits, and `dataPos` moved after it. `cid` and `nad`
     /// are null when not in use. The chaining bit stands when data remains or `moreFollows` is not 0. @return its
     /// length; 1, with nothing built, when the positions lie outside the data.
     static std::uint16_t buildIBlk(QvlTclInternalParams* p, const std::uint8_t* cid, const std::uint8_t* nad,
