@@ -78,7 +78,7 @@ int QvlMf500ReaderImpl::operateOnAny(const char* operation, TagUID*& tag, bool i
         auto found = std::make_unique<TagUID[]>(1);
         {
             const TagPromptScope searching(*this);
-            const int status = TagSearch(*this, budget, {}).waitForAny(found[0]);
+            const int status = FieldSearch(*this, budget, {}).waitForAny(found[0]);
             if (status != kOk) return status;
         }
         tag = found.release();

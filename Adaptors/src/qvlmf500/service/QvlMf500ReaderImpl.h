@@ -1,11 +1,11 @@
 #pragma once
 
 #include "DeviceScan.h"
+#include "FieldSearch.h"
 #include "Process.h"
 #include "QvlTcl.h"
 #include "ReaderImpl.h"
 #include "ReaderState.h"
-#include "TagSearch.h"
 
 #include <atomic>
 #include <cstdint>

@@ -1,11 +1,11 @@
 // Asking for a tag and waiting for it, and finding the tags that carry a directory or an application.
 
 #include "ByteHelpers.h"
+#include "FieldSearch.h"
 #include "Guarded.h"
 #include "PromptWait.h"
 #include "QvlMf500ReaderImpl.h"
 #include "TagPromptScope.h"
-#include "TagSearch.h"
 #include "TagUIDList.h"
 
 #include <memory>
@@ -44,7 +44,7 @@ int QvlMf500ReaderImpl::getTagId(int, TagAppType appType, short appId, TagUID*& 
             const TagPromptScope prompt(*this);
             PromptWait wait(mSuspendTime);
             WaitBudget budget(wait);
-            TagSearch search(*this, budget, directoryKey(key, keyMode));
+            FieldSearch search(*this, budget, directoryKey(key, keyMode));
             std::uint8_t aid[2] = {};
             if (appType == TagAppNone)
                 status = search.waitForAny(found[0]);
@@ -73,7 +73,7 @@ int QvlMf500ReaderImpl::getAllTagId(int, TagAppType appType, short appId, AuthKe
         const HaltAtEnd halt(*this);
         PromptWait wait(mSuspendTime);
         WaitBudget budget(wait);
-        TagSearch search(*this, budget, directoryKey(key, keyMode));
+        FieldSearch search(*this, budget, directoryKey(key, keyMode));
         const std::uint8_t* aid = wantsApp ? aidBytes : nullptr;
         count = 0;
         TagUIDList list;

@@ -19,10 +19,10 @@ class TagFinder {
 };
 
 /// One search of the host, through the tags in the field. Under the reader lock.
-class TagSearch {
+class FieldSearch {
   public:
     /// `directoryKey` opens sector 0 of the tags.
-    TagSearch(TagFinder& finder, WaitBudget& budget, const KeyUse& directoryKey)
+    FieldSearch(TagFinder& finder, WaitBudget& budget, const KeyUse& directoryKey)
         : mFinder(finder), mBudget(budget), mKey(directoryKey) {}
 
     /// Waits for any tag and leaves it selected; 3100, 3121, 3122.

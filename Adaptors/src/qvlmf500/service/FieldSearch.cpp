@@ -1,4 +1,4 @@
-#include "TagSearch.h"
+#include "FieldSearch.h"
 
 #include "DirectoryImage.h"
 #include "LogService.h"
@@ -20,13 +20,13 @@ bool hasEntry(const std::uint8_t* directory, const std::uint8_t* aid) {
 
 }  // namespace
 
-int TagSearch::waitForAny(TagUID& tag) {
+int FieldSearch::waitForAny(TagUID& tag) {
     return mBudget.wait(
         WaitBudget::Reading::afterPause, [&](std::uint32_t) { return mFinder.getTagIdOnce(tag, true) == kOk; },
         [this] { return mFinder.isReaderLost(); });
 }
 
-bool TagSearch::mayGoOn(const char* operation) {
+bool FieldSearch::mayGoOn(const char* operation) {
     if (mLimit.mayGoOn()) return true;
     QVL_LOG(kLogFailure, "QvlMf500ReaderImpl::%s gives up after %d tags", operation, mLimit.tags());
     return false;
@@ -34,7 +34,7 @@ bool TagSearch::mayGoOn(const char* operation) {
 
 // Without a key for its retries a read that fails once fails for good, and the search goes on with the next tag.
 // @return false when something failed on this tag.
-bool TagSearch::lookInto(SelectedTag& tag, const std::uint8_t* aid, bool& found) {
+bool FieldSearch::lookInto(SelectedTag& tag, const std::uint8_t* aid, bool& found) {
     std::uint8_t trailer[kBlockSize] = {};
     std::uint8_t directory[mad::kSize] = {};
     const KeyUse none{nullptr, mKey.mode};
@@ -46,7 +46,7 @@ bool TagSearch::lookInto(SelectedTag& tag, const std::uint8_t* aid, bool& found)
     return true;
 }
 
-int TagSearch::findWithDirectory(const std::uint8_t* aid, TagUID& tag, bool isFirst) {
+int FieldSearch::findWithDirectory(const std::uint8_t* aid, TagUID& tag, bool isFirst) {
     int status = isFirst ? waitForAny(tag) : mFinder.getTagIdOnce(tag, false);
     if (status != kOk) return status;
     while (mayGoOn("findAppTag")) {
