@@ -74,7 +74,7 @@ Option Options::addChoice(const char* name, std::function<void(int)> store, cons
                           bool ignoreCase, const std::string& description) {
     const CLI::CheckedTransformer transformer =
         ignoreCase ? CLI::CheckedTransformer(words, CLI::ignore_case) : CLI::CheckedTransformer(words);
-    return Option(*mApp.add_option_function<int>(name, store, description)->transform(transformer));
+    return Option(*mApp.add_option_function<int>(name, std::move(store), description)->transform(transformer));
 }
 
 void Options::footer(const char* text) { mApp.footer(text); }
