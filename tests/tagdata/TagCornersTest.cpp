@@ -1,91 +1,13 @@
-// Numbers and pointers that no host should hand in: refused, and the tag stays as it was.
+// Numbers and pointers that no host should hand in: refused, and the tag stays
+// as it was.
 
-#include "SweptOperations.h"
+#include "TagCalls.h"
 
 #include <climits>
 
 namespace {
 
-constexpr TagAppType kPlain = TagAppNone, kApp = TagAppMad1;
-constexpr short kId = static_cast<short>(kOwnApp);
-
-class TagCorners : public ::testing::Test {
-  protected:
-    using Pointer = const std::uint8_t*;
-
-    // Operations with one argument after the other in the hands of the test.
-    int add(TagAppType kind, short id, short sectors, Pointer a = kA.data(), Pointer b = kC.data()) {
-        int done = 0;
-        return ai.addAppSector(0, kind, id, kB.data(), kB.data(), 0, sectors, tag, a, b, AccData100, done, count,
-                               results);
-    }
-    int init(short id, short sectors, Pointer madKey = kB.data()) {
-        int done = 0;
-        return ai.initApp(0, kApp, id, madKey, kB.data(), 0, sectors, tag, kA.data(), kC.data(), AccData100, done,
-                          count, results);
-    }
-    int remove(TagAppType kind, short id, short start, short sectors, Pointer key = kC.data(),
-               Pointer newB = kC.data()) {
-        int statuses[40];
-        return ai.removeAppSector(0, kind, id, kB.data(), 0, start, sectors, tag, AuthKeyB, key, nullptr, newB,
-                                  statuses);
-    }
-    int read(TagAppType kind, short start, short blocks, Pointer key = kA.data()) {
-        std::uint8_t* bytes = nullptr;
-        int length = 0;
-        const int status = ai.getBlockData(0, kind, tag, kId, AuthKeyA, key, start, blocks, bytes, length, AuthKeyA,
-                                           nullptr, count, results);
-        ai.freeMemory(bytes);
-        return status;
-    }
-    int write(TagAppType kind, short start, short blocks, int length, std::uint8_t* bytes, Pointer key = kC.data()) {
-        return ai.setBlockData(0, kind, tag, kId, AuthKeyB, key, start, blocks, bytes, length, AuthKeyA, nullptr,
-                               nullptr, count, results);
-    }
-    int keys(short first, short sectors, Pointer key = kC.data()) {
-        return ai.setKey(0, kPlain, first, tag, AuthKeyB, key, kA.data(), kC.data(), sectors, AuthKeyA, nullptr, count,
-                         results);
-    }
-    int trailers(short first, short sectors, int access, Pointer a = kA.data()) {
-        return ai.setTrailerBlockType(0, kPlain, first, tag, AuthKeyB, a, kC.data(),
-                                      static_cast<DataAccControl>(access), AuthKeyA, nullptr, sectors, count, results);
-    }
-    int type(TagAppType kind, short block, int access, Pointer a = kA.data()) {
-        return ai.setDataBlockType(0, kind, kId, tag, a, kC.data(), block, 2051, static_cast<DataAccControl>(access), 5,
-                                   AuthKeyA, nullptr);
-    }
-    int value(TagAppType kind, int block, Pointer key = kA.data()) {
-        return ai.getValue(0, kind, tag, kId, AuthKeyA, key, block, count, AuthKeyA, nullptr);
-    }
-    int setValue(TagAppType kind, int block, Pointer key = kC.data()) {
-        return ai.setValue(0, kind, tag, kId, AuthKeyB, key, block, 1, AuthKeyA, nullptr);
-    }
-    int adjust(TagAppType kind, int block, int transfer, int operation = 0, Pointer key = kC.data()) {
-        return ai.adjustValue(0, kind, tag, kId, AuthKeyB, key, block, static_cast<ValueBlockOper>(operation), 1,
-                              transfer, AuthKeyA, nullptr);
-    }
-    int blockAccess(int block) {
-        return ai.getBlockAccessMode(0, kPlain, tag, kId, AuthKeyA, kMad.data(), block, codes[0], AuthKeyA, nullptr);
-    }
-    int sectorAccess(TagAppType kind, short id, short index, DataAccControl* out, Pointer key = kA.data()) {
-        return ai.getSectorAccessMode(0, kind, tag, id, AuthKeyA, key, index, out, AuthKeyA, nullptr);
-    }
-    void release() {
-        ai.freeMemory(results);
-        results = nullptr;
-    }
-
-    // Sectors 5, 7 and 8 are the application's; 1, 2, 4 and 9 belong to others, 3 is defect.
-    const Bytes layout = directoryTag(
-        {{1, 0x2211}, {2, 0x4433}, {3, 1}, {4, 0x2211}, {5, kOwnApp}, {7, kOwnApp}, {8, kOwnApp}, {9, 0x4433}});
-    TagWorkplace place;
-    ReaderImpl& ai = *place.adaptor;
-    TagUID& tag = place.tag;
-    DataAccControl codes[4] = {};
-    std::uint8_t buffer[64] = {};
-    int count = 0;
-    OpResultCode* results = nullptr;
-};
+using TagCorners = TagCalls;
 
 TEST_F(TagCorners, NumbersAreTestedInFullWidth) {
     struct Case {
@@ -130,7 +52,7 @@ TEST_F(TagCorners, NumbersAreTestedInFullWidth) {
             SCOPED_TRACE(at(c.what, number));
             place.setImage(layout);
             const int status = c.call(number);
-            release();
+            told(status);
             const bool isLawful = c.lawful.count(number) > 0, isDone = status == kOk || status == kPartial;
             EXPECT_EQ(isDone, isLawful) << status;
             EXPECT_TRUE(isLawful || place.image() == layout);
@@ -175,11 +97,12 @@ TEST_F(TagCorners, NullPointersAreRefused) {
     for (const auto& [what, call] : cases) {
         EXPECT_NE(call(), kOk) << what;
         EXPECT_EQ(place.image(), layout) << what;
-        release();
+        told(kOk);
     }
 }
 
-// Two tags of different type that show the same UID: what was worked out for the one must not reach the other.
+// Two tags of different type that show the same UID: what was worked out for
+// the one must not reach the other.
 TEST(TagOfAnotherType, EndsTheOperation) {
     for (const auto& [first, second] : {std::pair{1024, 4096}, std::pair{4096, 1024}}) {
         TagWorkplace place(static_cast<std::size_t>(first));
@@ -196,7 +119,8 @@ TEST(TagOfAnotherType, EndsTheOperation) {
     }
 }
 
-// Twice "already awake" leaves the type that the host remembers; the first selection that sees the tag corrects it.
+// Twice "already awake" leaves the type that the host remembers; the first
+// selection that sees the tag corrects it.
 TEST(TagOfAnotherType, IsNoStrangerWhileOnlyTheHostSaysItsType) {
     if (isMf500UnderTest()) GTEST_SKIP() << "it never reports a tag as awake already";
     TagWorkplace place;
