@@ -3,7 +3,6 @@
 #include "ScriptedDevice.h"
 
 #include "Mf500bfl.h"
-#include "NfcTamaBfl.h"
 
 #include <algorithm>
 #include <string>
@@ -12,12 +11,8 @@ namespace {
 
 class ReaderOperations : public ScriptedDriver {
   protected:
-    ReaderOperations() : driver(NfcTamaBfl::acquire()) { driver->interfaceOpen(49, 0); }
-
     void name(const char* text) { driver->setDeviceName(reinterpret_cast<const std::uint8_t*>(text)); }
     const char* name() { return reinterpret_cast<const char*>(driver->getDeviceName()); }
-
-    std::shared_ptr<NfcTamaBfl> driver;
 };
 
 TEST_F(ReaderOperations, OpenTakesTheBaudRateFromASerialName) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "NfcTamaBfl.h"
 #include "TamaDevice.h"
 #include "TamaDeviceFactory.h"
 
@@ -133,16 +134,18 @@ class ScriptedDevice : public TamaDevice {
 /// A driver on a scripted device, with its interface open.
 class ScriptedDriver : public ::testing::Test {
   protected:
-    ScriptedDriver() : script(std::make_shared<ScriptedDevice::Script>()) {
+    ScriptedDriver() {
         setTamaDeviceFactory([this](const TamaDeviceRequest& request) {
             script->baudRate = request.baudRate;
             return std::make_unique<ScriptedDevice>(script);
         });
+        driver->interfaceOpen(49, 0);
     }
     ~ScriptedDriver() override {
         setTamaDeviceFactory({});
         EXPECT_TRUE(script->finished()) << script->steps.size() << " steps of the script were not reached";
     }
 
-    std::shared_ptr<ScriptedDevice::Script> script;
+    std::shared_ptr<ScriptedDevice::Script> script = std::make_shared<ScriptedDevice::Script>();
+    std::shared_ptr<NfcTamaBfl> driver = NfcTamaBfl::acquire();
 };

@@ -2,8 +2,6 @@
 
 #include "ScriptedDevice.h"
 
-#include "NfcTamaBfl.h"
-
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -15,10 +13,7 @@ constexpr std::uint8_t kGuard = 0xA5;
 
 class TagOperations : public ScriptedDriver {
   protected:
-    TagOperations() : driver(NfcTamaBfl::acquire()) {
-        driver->interfaceOpen(49, 0);
-        clear();
-    }
+    TagOperations() { clear(); }
 
     void clear() {
         std::ranges::fill(uid, kGuard);
@@ -34,7 +29,6 @@ class TagOperations : public ScriptedDriver {
                        : driver->piccActivateWakeup(0, atq, &sak, bytes.data(), length);
     }
 
-    std::shared_ptr<NfcTamaBfl> driver;
     std::uint8_t atq[2], sak, uid[16], uidLen, ats[255], atsLen;
 };
 

@@ -23,46 +23,30 @@ class StandInReader : public Qvl14443bfl {
     explicit StandInReader(BflType type) : mType(type) {}
     BflType getBflType() override { return mType; }
 
+    using Out = std::uint8_t*;
     short interfaceOpen(std::uint32_t, std::uint32_t) override { return openStatus; }
     short pcdConfig() override { return configStatus; }
     short pcdRfReset(std::uint16_t ms) override { return rfResetMs = ms, rfStatus; }
-    short pcdGetAttrib(std::uint8_t* fsci, std::uint8_t* fsdi, std::uint8_t* piccDiv, std::uint8_t* pcdDiv,
-                       std::uint8_t* attrib) override {
-        *fsci = fsdiIndex, *fsdi = fsdiIndex, *piccDiv = 2, *pcdDiv = 1, *attrib = 0;
+    short pcdGetAttrib(Out fsci, Out fsdi, Out piccDiv, Out pcdDiv, Out attrib) override {
+        *fsci = *fsdi = 7, *piccDiv = 2, *pcdDiv = 1, *attrib = 0;
         return attribStatus;
     }
-    short pcdSetAttrib(std::uint8_t dsi, std::uint8_t dri) override {
-        attributes = {dsi, dri};
-        return setStatus;
-    }
+    short pcdSetAttrib(std::uint8_t dsi, std::uint8_t dri) override { return attributes = {dsi, dri}, setStatus; }
     short pcdSetDefaultAttrib() override { return defaultStatus; }
-    short piccActivateIdle(std::uint8_t, std::uint8_t*, std::uint8_t*, std::uint8_t* u, std::uint8_t* length,
-                           std::uint8_t* a, std::uint8_t* aLength) override {
-        if (mType == BflTypeMf500) return kBflNotImplemented;
-        std::ranges::copy(ats, a);
-        *aLength = static_cast<std::uint8_t>(ats.size());
+    short piccActivateIdle(std::uint8_t, Out, Out, Out u, Out length, Out a, Out aLength) override {
+        return mType == BflTypeMf500 ? short{kBflNotImplemented} : (tellAts(a, aLength), find(u, length));
+    }
+    short piccActivateIdle(std::uint8_t, Out, Out, Out u, Out length) override { return find(u, length); }
+    short piccActivateIdleLoop(std::uint8_t, Out, Out, Out u, Out length, std::uint8_t, Out a, Out aLength) override {
+        return tellAts(a, aLength), find(u, length);
+    }
+    short piccActivateIdleLoop(std::uint8_t, Out, Out, Out u, Out length, std::uint8_t) override {
         return find(u, length);
     }
-    short piccActivateIdle(std::uint8_t, std::uint8_t*, std::uint8_t*, std::uint8_t* u, std::uint8_t* length) override {
-        return find(u, length);
+    short piccActivateWakeup(std::uint8_t, Out, Out, Out, std::uint8_t, Out a, Out aLength) override {
+        return tellAts(a, aLength), short{kBflOk};
     }
-    short piccActivateIdleLoop(std::uint8_t b, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* u,
-                               std::uint8_t* length, std::uint8_t, std::uint8_t* a, std::uint8_t* aLength) override {
-        return piccActivateIdle(b, atq, sak, u, length, a, aLength);
-    }
-    short piccActivateIdleLoop(std::uint8_t b, std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* u,
-                               std::uint8_t* length, std::uint8_t) override {
-        return piccActivateIdle(b, atq, sak, u, length);
-    }
-    short piccActivateWakeup(std::uint8_t, std::uint8_t*, std::uint8_t*, std::uint8_t*, std::uint8_t, std::uint8_t* a,
-                             std::uint8_t* aLength) override {
-        std::ranges::copy(ats, a);
-        *aLength = static_cast<std::uint8_t>(ats.size());
-        return kBflOk;
-    }
-    short piccActivateWakeup(std::uint8_t, std::uint8_t*, std::uint8_t*, std::uint8_t*, std::uint8_t) override {
-        return kBflOk;
-    }
+    short piccActivateWakeup(std::uint8_t, Out, Out, Out, std::uint8_t) override { return kBflOk; }
     short piccExchangeBlock(std::uint8_t* data, std::uint16_t length, std::uint8_t* answer, std::uint16_t* capacity,
                             std::uint8_t, std::uint32_t timeout) override {
         sent.assign(data, data + length);
@@ -76,14 +60,17 @@ class StandInReader : public Qvl14443bfl {
 
     short openStatus = kBflOpened, configStatus = 0, rfStatus = 0, attribStatus = 0, setStatus = 0, defaultStatus = 0,
           exchangeStatus = 0;
-    std::uint8_t fsdiIndex = 7;
     std::uint16_t rfResetMs = 0;
     Bytes uid{1, 2, 3, 4}, ats, reply, sent, attributes;
     std::uint32_t sentTimeout = 0;
     int failuresFirst = 0, tries = 0;
 
   private:
-    short find(std::uint8_t* u, std::uint8_t* length) {
+    void tellAts(Out a, Out length) const {
+        std::ranges::copy(ats, a);
+        *length = static_cast<std::uint8_t>(ats.size());
+    }
+    short find(Out u, Out length) {
         if (++tries <= failuresFirst) return kBflNoTag;
         std::copy_n(uid.begin(), std::min<std::size_t>(uid.size(), 10), u);
         *length = static_cast<std::uint8_t>(uid.size());
@@ -131,53 +118,39 @@ class OnBothReaders : public CardLayer, public ::testing::WithParamInterface<Bfl
 INSTANTIATE_TEST_SUITE_P(Readers, OnBothReaders, ::testing::Values(BflTypeNfcTama, BflTypeMf500));
 
 TEST_P(OnBothReaders, AnAtsIsDecodedIntoTheCardsRecord) {
-    struct Case {
-        const char* what;
-        Bytes ats;
-        short status;
-        std::uint8_t fsci, fsi, fwi, sfgi, ta1, cid, nad, flags;
-        Bytes historical;
-    };
-    const std::vector<Case> cases = {
-        {"length byte alone", {1}, 0, 7, 0, 4, 0, 0, 1, 0, 0, {}},
-        {"T0 alone", {2, 0x05}, 0, 5, 5, 4, 0, 0, 1, 0, 2, {}},
-        {"everything", {6, 0x75, 0x77, 0x81, 0x02, 0x80}, 0, 5, 5, 8, 1, 0x77, 1, 0, 2, {0x80}},
-        {"NAD and no CID", {5, 0x48, 0x01, 0xAA, 0xBB}, 0, 8, 7, 4, 0, 0, 0, 1, 1, {0xAA, 0xBB}},
-        {"FSCI above 8", {2, 0x0F}, 0, 8, 7, 4, 0, 0, 1, 0, 2, {}},
-        {"FSCI below FSDI", {2, 0x02}, 0, 2, 2, 4, 0, 0, 1, 0, 2, {}},
-        {"TB1 behind the end reads as 0", {2, 0x25}, 0, 5, 5, 0, 0, 0, 1, 0, 2, {}},
-        {"TC1 behind the end reads as 0", {3, 0x55, 0x77}, 0, 5, 5, 4, 0, 0x77, 0, 0, 0, {}},
-    };
-    for (const Case& c : cases) {
+    const struct {
+        Bytes ats, record;  // FSCI, FSI, FWI, SFGI, TA1, CID, NAD, flags
+        Bytes historical = {};
+    } cases[] = {{{1}, {7, 0, 4, 0, 0, 1, 0, 0}},  // the length byte alone
+                 {{2, 0x05}, {5, 5, 4, 0, 0, 1, 0, 2}},
+                 {{6, 0x75, 0x77, 0x81, 0x02, 0x80}, {5, 5, 8, 1, 0x77, 1, 0, 2}, {0x80}},
+                 {{5, 0x48, 0x01, 0xAA, 0xBB}, {8, 7, 4, 0, 0, 0, 1, 1}, {0xAA, 0xBB}},
+                 {{2, 0x0F}, {8, 7, 4, 0, 0, 1, 0, 2}},            // FSCI above 8
+                 {{2, 0x02}, {2, 2, 4, 0, 0, 1, 0, 2}},            // FSCI below FSDI
+                 {{2, 0x25}, {5, 5, 0, 0, 0, 1, 0, 2}},            // TB1 behind the end reads as 0
+                 {{3, 0x55, 0x77}, {5, 5, 4, 0, 0x77, 0, 0, 0}}};  // and so does TC1
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
         cardAnswers(c.ats);
         ASSERT_EQ(activate(), 0);
         std::ranges::fill(ats, std::uint8_t{0xFF});  // what stands behind the ATS must not count
-        ASSERT_EQ(getAts(3), c.status) << c.what;
+        ASSERT_EQ(getAts(3), 0);
         const PiccInfo& p = card(3);
-        EXPECT_EQ(atsLen, c.ats.size()) << c.what;
-        EXPECT_EQ((Bytes{p.mFSCI, p.mFSI, p.mFWI, p.mSFGI, p.mTA1, cidSupp, nadSupp, p.mFlags}),
-                  (Bytes{c.fsci, c.fsi, c.fwi, c.sfgi, c.ta1, c.cid, c.nad, c.flags}))
-            << c.what;
-        EXPECT_EQ(historical, c.historical) << c.what;
-        EXPECT_EQ(p.mUidLen, 4);
-        EXPECT_EQ(p.mParams.flags, p.mFlags);
-        EXPECT_EQ(p.mParams.cid, 3);
-        EXPECT_EQ(p.mParams.fwi, p.mFWI);
+        EXPECT_EQ(atsLen, c.ats.size());
+        EXPECT_EQ((Bytes{p.mFSCI, p.mFSI, p.mFWI, p.mSFGI, p.mTA1, cidSupp, nadSupp, p.mFlags}), c.record);
+        EXPECT_EQ(historical, c.historical);
+        EXPECT_EQ((Bytes{p.mUidLen, p.mParams.flags, p.mParams.cid, p.mParams.fwi}), (Bytes{4, p.mFlags, 3, p.mFWI}));
     }
 }
 
 TEST_P(OnBothReaders, AMalformedAtsLeavesTheCidFree) {
-    const std::vector<Bytes> cases = {{2, 0x70}, {2, 0x60},      {3, 0x70, 0x77}, {4, 0x05},
-                                      {3, 0x05}, {200, 0x05, 1}, {2, 0x05, 1}};
-    for (const Bytes& bad : cases) {
+    for (const Bytes& bad : {Bytes{2, 0x70}, Bytes{2, 0x60}, Bytes{3, 0x70, 0x77}, Bytes{4, 0x05}, Bytes{3, 0x05},
+                             Bytes{200, 0x05, 1}, Bytes{2, 0x05, 1}, Bytes(130, 130)}) {
         cardAnswers(bad);
         ASSERT_EQ(activate(), 0);
         EXPECT_EQ(getAts(2), kTclBadAts) << int{bad[0]} << " " << int{bad[1]};
         EXPECT_EQ(card(2).mUidLen, 0);
     }
-    cardAnswers(Bytes(130, 130));
-    ASSERT_EQ(activate(), 0);
-    EXPECT_EQ(getAts(2), kTclBadAts) << "longer than the reader's frames";
     cardAnswers({6, 0x75, 0x77, 0x81, 0x02, 0x80});
     ASSERT_EQ(activate(), 0);
     std::ranges::fill(ats, std::uint8_t{0});
@@ -189,12 +162,8 @@ TEST_P(OnBothReaders, AMalformedAtsLeavesTheCidFree) {
 TEST(AnAts, IsNeverReadBehindItsEnd) {
     for (const std::size_t tl : {2u, 3u, 4u, 5u, 6u, 255u})
         for (unsigned t0 = 0; t0 < 256; ++t0) {
-            const Bytes exact = [&] {
-                Bytes bytes(tl, 0x12);
-                bytes[0] = static_cast<std::uint8_t>(tl);
-                bytes[1] = static_cast<std::uint8_t>(t0);
-                return bytes;
-            }();
+            Bytes exact(tl, 0x12);
+            exact[0] = static_cast<std::uint8_t>(tl), exact[1] = static_cast<std::uint8_t>(t0);
             Ats out;
             if (decodeAts(exact, out).interfaceByte != nullptr) continue;
             const std::size_t announced = 2 + (t0 >> 4 & 1) + (t0 >> 5 & 1) + (t0 >> 6 & 1);
@@ -348,14 +317,11 @@ TEST(TheCardLayer, WithoutAReaderFailsAndDoesNotFall) {
     EXPECT_EQ(QvlTclUtil::convertFSCI2FSC(255), 512) << "and stops at the end of its table";
     QvlTcl tcl;
     std::uint8_t b[10] = {}, n = 0;
-    EXPECT_EQ(tcl.TclInit(1), kBflNoDevice);
-    EXPECT_EQ(tcl.TclActivateIdle(0, b, b, b, &n), kBflNoDevice);
-    EXPECT_EQ(tcl.TclActivateWakeup(0, b, b, b, 4), kBflNoDevice);
-    EXPECT_EQ(tcl.TclPps(0, 0, 0), kBflNoDevice);
-    EXPECT_EQ(tcl.TclHalt(), kBflNoDevice);
-    char* text = tcl.TclMessage(-48);
-    EXPECT_STREQ(text, "Error Code = -48");
-    delete[] text;
+    for (const short status : {tcl.TclInit(1), tcl.TclActivateIdle(0, b, b, b, &n),
+                               tcl.TclActivateWakeup(0, b, b, b, 4), tcl.TclPps(0, 0, 0), tcl.TclHalt()})
+        EXPECT_EQ(status, kBflNoDevice);
+    const std::unique_ptr<char[]> text(tcl.TclMessage(-48));
+    EXPECT_STREQ(text.get(), "Error Code = -48");
 }
 
 TEST_F(CardLayer, DumpsARecord) {
@@ -367,10 +333,8 @@ TEST_F(CardLayer, DumpsARecord) {
     QvlTclUtil::dumpPiccInfo(&tcl, 1);
     QvlTclUtil::dumpPiccInfo(&tcl, 16);
     const std::string text = ::testing::internal::GetCapturedStdout();
-    for (const char* part : {"\nDump PiccInfo class BEGIN ==========================\n  mPicc[1] contains:\n",
-                             "   mFSDI = 0x07   mFSD = 128\n   mFWI  = 0x08   mWTX = 0x00\n",
-                             "   mUidLen = 0x04   mUid = 0x01020304\n  Global members\n"})
-        EXPECT_NE(text.find(part), std::string::npos) << part;
+    EXPECT_NE(text.find("   mFWI  = 0x08   mWTX = 0x00\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("   mUidLen = 0x04   mUid = 0x01020304\n  Global members\n"), std::string::npos) << text;
 }
 
 }  // namespace
