@@ -2,62 +2,39 @@
 
 #include "DeviceNode.h"
 #include "Files.h"
-#include "ForkedChild.h"
 #include "NamedMutex.h"
-#include "PseudoTerminal.h"
+#include "PlatformTest.h"
 #include "SerialLine.h"
-#include "TempDirectory.h"
 
-#include <cerrno>
 #include <fcntl.h>
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-
-namespace fs = std::filesystem;
-using namespace platform;
 
 namespace {
 
 constexpr int kMostDescriptors = 256;
 
-int openDescriptors() {
-    int count = 0;
+std::vector<bool> openDescriptors() {
+    std::vector<bool> open;
     for (int i = 0; i < kMostDescriptors; ++i)
-        count += ::fcntl(i, F_GETFD) >= 0;
-    return count;
+        open.push_back(::fcntl(i, F_GETFD) >= 0);
+    return open;
 }
 
 class DescriptorTest : public testing::Test {
   protected:
-    DescriptorTest() : mListener(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        mSocket.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(::bind(mListener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(::listen(mListener, 4), 0);
-        setNamedMutexDirectory(mDirectory.path().c_str());
-    }
-    ~DescriptorTest() override {
-        setNamedMutexDirectory(nullptr);
-        ::close(mListener);
-    }
+    DescriptorTest() { setNamedMutexDirectory(mDirectory.path().c_str()); }
+    ~DescriptorTest() override { setNamedMutexDirectory(nullptr); }
 
     TempDirectory mDirectory;
     const std::string mSocket = mDirectory / "socket";
     PseudoTerminal mFarEnd;
-    int mListener;
+    std::unique_ptr<Socket> mListener = serve(mDirectory.path(), "socket", SOCK_SEQPACKET, 4);
 };
 
 TEST_F(DescriptorTest, LeavesTheStandardOnesAloneAndIsNotInherited) {
     ForkedChild child([&] {
-        bool wasOpen[kMostDescriptors];
-        for (int i = 0; i < kMostDescriptors; ++i)
-            wasOpen[i] = ::fcntl(i, F_GETFD) >= 0;
-        ::close(0);
-        ::close(1);
-        ::close(2);
+        const auto wasOpen = openDescriptors();
+        for (int i : {0, 1, 2})
+            ::close(i);
         DeviceNode socket, file;
         SerialLine line;
         AppendFile log;
@@ -67,7 +44,8 @@ TEST_F(DescriptorTest, LeavesTheStandardOnesAloneAndIsNotInherited) {
         if (!mutex.isMachineWide()) return 3;
         for (int i = 0; i < kMostDescriptors; ++i) {
             const int flags = ::fcntl(i, F_GETFD);
-            if (i <= 2 ? flags >= 0 : flags >= 0 && !wasOpen[i] && (flags & FD_CLOEXEC) == 0) return 100 + i;
+            if (i <= 2 ? flags >= 0 : flags >= 0 && !wasOpen[static_cast<std::size_t>(i)] && (flags & FD_CLOEXEC) == 0)
+                return 100 + i;
         }
         return 0;
     });
@@ -79,13 +57,13 @@ TEST_F(DescriptorTest, CyclesOfOpenAndCloseLeakNothing) {
     SerialLine owner;
     PseudoTerminal taken;
     ASSERT_EQ(owner.open(taken.path().c_str()), 0);
-    const int before = openDescriptors();
+    const auto before = openDescriptors();
     for (int i = 0; i < 1000; ++i) {
         DeviceNode node, again;
         SerialLine line, refused;
         AppendFile log;
         EXPECT_TRUE(node.open(mSocket.c_str()));
-        ::close(::accept(mListener, nullptr, nullptr));
+        ::close(::accept(mListener->get(), nullptr, nullptr));
         EXPECT_TRUE(again.open("/dev/null"));
         EXPECT_FALSE(again.open((mDirectory / "link").c_str()));
         EXPECT_EQ(line.open(mFarEnd.path().c_str()), 0);

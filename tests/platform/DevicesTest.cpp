@@ -3,19 +3,10 @@
 #include "Devices.h"
 #include "DynamicLibrary.h"
 #include "Environment.h"
-#include "ScopedEnvironment.h"
-#include "TempDirectory.h"
+#include "PlatformTest.h"
 #include "UniqueId.h"
 
-#include <cerrno>
-#include <filesystem>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <set>
-#include <sys/stat.h>
-
-namespace fs = std::filesystem;
-using namespace platform;
 
 namespace {
 

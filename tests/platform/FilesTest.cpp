@@ -1,19 +1,9 @@
 // Files, and what others may have planted in their places.
 
 #include "Files.h"
+#include "PlatformTest.h"
 
-#include "ForkedChild.h"
-#include "TempDirectory.h"
-
-#include <cerrno>
-#include <csignal>
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-
-namespace fs = std::filesystem;
-using namespace platform;
 
 namespace {
 
@@ -71,18 +61,14 @@ TEST_F(FilesTest, ReadsAndReplacesWholeFilesUpToTheLimit) {
 
 TEST_F(FilesTest, NewEntriesBelongToOwnerAndGroupAtMost) {
     const mode_t former = ::umask(0);
-    AppendFile log;
-    EXPECT_EQ(log.open(at("log").c_str()), 0);
+    EXPECT_EQ(AppendFile().open(at("log").c_str()), 0);
     EXPECT_EQ(writeTextFile(at("text").c_str(), ""), 0);
-    EXPECT_EQ(makeDirectory(at("directory").c_str()), 0);
+    for (const auto& [name, error] :
+         {std::pair{"directory", 0}, {"directory", 0}, {"log", EEXIST}, {"absent/directory", ENOENT}})
+        EXPECT_EQ(makeDirectory(at(name).c_str()), error) << name;
     ::umask(former);
-    EXPECT_EQ(fs::status(at("log")).permissions(), fs::perms(0640));
-    EXPECT_EQ(fs::status(at("text")).permissions(), fs::perms(0640));
-    EXPECT_EQ(fs::status(at("directory")).permissions(), fs::perms(0750));
-
-    EXPECT_EQ(makeDirectory(at("directory").c_str()), 0);
-    EXPECT_EQ(makeDirectory(at("log").c_str()), EEXIST);
-    EXPECT_EQ(makeDirectory(at("absent/directory").c_str()), ENOENT);
+    for (const auto& [name, mode] : {std::pair{"log", 0640}, {"text", 0640}, {"directory", 0750}})
+        EXPECT_EQ(fs::status(at(name)).permissions(), fs::perms(mode)) << name;
 }
 
 TEST_F(FilesTest, AppendedFileIsFollowedThroughItsRenaming) {

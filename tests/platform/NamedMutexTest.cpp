@@ -2,27 +2,13 @@
 
 #include "NamedMutex.h"
 
-#include "ForkedChild.h"
 #include "LockDirectory.h"
-#include "TempDirectory.h"
+#include "PlatformTest.h"
 
 #include <array>
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <functional>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <thread>
-#include <vector>
-
-namespace fs = std::filesystem;
-using platform::NamedMutex;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -34,7 +20,19 @@ class NamedMutexTest : public testing::Test {
     NamedMutexTest() { platform::setNamedMutexDirectory(mDirectory.path().c_str()); }
     ~NamedMutexTest() override { platform::setNamedMutexDirectory(nullptr); }
 
+    /// A process that holds the lock until it is killed or released.
+    ForkedChild holder(int depth = 1) {
+        return ForkedChild([this, depth] {
+            NamedMutex mutex(kName);
+            for (int i = 0; i < depth; ++i)
+                mutex.lock();
+            mHeld.post();
+            return mRelease.await() ? 0 : 1;
+        });
+    }
+
     TempDirectory mDirectory;
+    Signpost mHeld, mRelease, mWaiting;
 };
 
 /// Memory that forked children share; new at each call, and kept.
@@ -68,71 +66,49 @@ TEST_F(NamedMutexTest, IsFreeAfterTheLastUnlockOnly) {
     EXPECT_EQ(ForkedChild([&] { return canTake(mutex); }).wait(), 1);
 }
 
-TEST_F(NamedMutexTest, OrdersThreadsThatNest) {
-    NamedMutex mutex(kName);
-    int inside = 0, total = 0;
-    bool overlapped = false;
-    std::array<std::thread, 8> threads;
-    for (std::thread& thread : threads)
-        thread = std::thread([&] {
-            for (int round = 0; round < 300; ++round) {
-                const std::lock_guard outer(mutex), inner(mutex);
-                overlapped = overlapped || ++inside != 1;
-                const std::lock_guard innermost(mutex);
-                ++total;
-                --inside;
-            }
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_FALSE(overlapped);
-    EXPECT_EQ(total, 8 * 300);
-}
-
-TEST_F(NamedMutexTest, OrdersProcesses) {
+TEST_F(NamedMutexTest, OrdersThreadsThatNestAndProcesses) {
     volatile int* counter = static_cast<volatile int*>(shared());
-    const auto countUp = [counter] {
-        NamedMutex mutex(kName);
-        for (int round = 0; round < 500; ++round) {
-            const std::lock_guard lock(mutex);
+    const auto countUp = [counter](NamedMutex& mutex) {
+        for (int round = 0; round < 300; ++round) {
+            const std::lock_guard outer(mutex), inner(mutex);
             const int seen = *counter;
             std::this_thread::yield();
+            const std::lock_guard innermost(mutex);
             *counter = seen + 1;
         }
+    };
+    const auto inChild = [&] {
+        NamedMutex own(kName);
+        countUp(own);
         return 0;
     };
-    {
-        ForkedChild children[] = {ForkedChild(countUp), ForkedChild(countUp), ForkedChild(countUp),
-                                  ForkedChild(countUp)};
-        for (ForkedChild& child : children)
-            EXPECT_EQ(child.wait(), 0);
-    }
-    EXPECT_EQ(*counter, 4 * 500);
+    ForkedChild children[] = {ForkedChild(inChild), ForkedChild(inChild), ForkedChild(inChild)};
+    NamedMutex mutex(kName);
+    std::array<std::thread, 5> threads;
+    for (std::thread& thread : threads)
+        thread = std::thread([&] { countUp(mutex); });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (ForkedChild& child : children)
+        EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(*counter, (3 + 5) * 300);
 }
 
 TEST_F(NamedMutexTest, KilledOwnerLeavesTheLockToThoseWhoWait) {
     for (const int depth : {1, 2, 3}) {
-        Signpost held, waiting;
-        ForkedChild owner([&] {
-            NamedMutex mutex(kName);
-            for (int i = 0; i < depth; ++i)
-                mutex.lock();
-            held.post();
-            return ::pause();
-        });
-        ASSERT_TRUE(held.await());
+        ForkedChild owner = holder(depth);
+        ASSERT_TRUE(mHeld.await());
+        NamedMutex mutex(kName);
         ForkedChild waiter([&] {
-            NamedMutex mutex(kName);
             if (mutex.try_lock()) return 1;
-            waiting.post();
+            mWaiting.post();
             ::alarm(1);
-            const std::lock_guard lock(mutex);
+            mutex.lock();
             return 0;
         });
-        ASSERT_TRUE(waiting.await());
+        ASSERT_TRUE(mWaiting.await());
         owner.kill();
         EXPECT_EQ(waiter.wait(), 0);
-        NamedMutex mutex(kName);
         EXPECT_TRUE(canTake(mutex));
     }
 }
@@ -140,11 +116,7 @@ TEST_F(NamedMutexTest, KilledOwnerLeavesTheLockToThoseWhoWait) {
 TEST_F(NamedMutexTest, ForkedChildNeverOwnsItWhateverThreadHoldsIt) {
     for (const bool heldByForker : {true, false}) {
         NamedMutex mutex(kName);
-        Signpost held, release, released, tried;
-        const auto hold = [&](auto meanwhile) {
-            const std::lock_guard lock(mutex), again(mutex);
-            meanwhile();
-        };
+        Signpost released, tried;
         std::unique_ptr<ForkedChild> child;
         const auto fork = [&] {
             child = std::make_unique<ForkedChild>([&] {
@@ -157,20 +129,21 @@ TEST_F(NamedMutexTest, ForkedChildNeverOwnsItWhateverThreadHoldsIt) {
             });
             EXPECT_TRUE(tried.await());
         };
+        const auto hold = [&] {
+            const std::lock_guard lock(mutex), again(mutex);
+            if (heldByForker) return fork();
+            mHeld.post();
+            mRelease.await();
+        };
+        std::thread owner(heldByForker ? [] {} : std::function<void()>(hold));
         if (heldByForker) {
-            hold(fork);
+            hold();
         } else {
-            std::thread owner([&] {
-                hold([&] {
-                    held.post();
-                    release.await();
-                });
-            });
-            EXPECT_TRUE(held.await());
+            EXPECT_TRUE(mHeld.await());
             fork();
-            release.post();
-            owner.join();
+            mRelease.post();
         }
+        owner.join();
         released.post();
         EXPECT_EQ(child->wait(), 0);
         EXPECT_TRUE(otherThreadCanTake(mutex));
@@ -179,19 +152,18 @@ TEST_F(NamedMutexTest, ForkedChildNeverOwnsItWhateverThreadHoldsIt) {
 
 TEST_F(NamedMutexTest, WaitsWhereTheSystemSeesACircle) {
     NamedMutex first(kName), second("second");
-    Signpost held, wanted;
     std::atomic<bool>& isFree = *new (shared()) std::atomic<bool>(false);
     first.lock();
     ForkedChild other([&] {
         second.lock();
-        held.post();
-        wanted.await();
+        mHeld.post();
+        mWaiting.await();
         first.lock();
         return isFree ? 0 : 1;
     });
-    ASSERT_TRUE(held.await());
+    ASSERT_TRUE(mHeld.await());
     std::thread waiter([&] {
-        wanted.post();
+        mWaiting.post();
         second.lock();
         second.unlock();
     });
@@ -204,7 +176,6 @@ TEST_F(NamedMutexTest, WaitsWhereTheSystemSeesACircle) {
 
 TEST_F(NamedMutexTest, LongWaitNamesTheHolderOnce) {
     NamedMutex mutex(kName);
-    Signpost held, release;
     std::vector<long> told;
     const auto wait = [&](auto free) {
         mutex.lock([&](long pid) {
@@ -216,25 +187,16 @@ TEST_F(NamedMutexTest, LongWaitNamesTheHolderOnce) {
     };
     mutex.lock([&](long) { told.push_back(-1); });
     platform::setNamedMutexLongWait(5ms);
-    Signpost tell;
-    std::thread waiter([&] { wait([&] { tell.post(); }); });
-    ASSERT_TRUE(tell.await());
+    std::thread waiter([&] { wait([&] { mWaiting.post(); }); });
+    ASSERT_TRUE(mWaiting.await());
     mutex.unlock();
     waiter.join();
     EXPECT_THAT(told, testing::ElementsAre(::getpid())) << "another thread has it";
 
-    ForkedChild owner([&] {
-        NamedMutex own(kName);
-        own.lock();
-        held.post();
-        release.await();
-        own.unlock();
-        return 0;
-    });
-    ASSERT_TRUE(held.await());
-    wait([&] { release.post(); });
-    EXPECT_EQ(told.size(), 2u);
-    EXPECT_EQ(told.back(), owner.id());
+    ForkedChild owner = holder();
+    ASSERT_TRUE(mHeld.await());
+    wait([&] { mRelease.post(); });
+    EXPECT_THAT(told, testing::ElementsAre(::getpid(), owner.id()));
     EXPECT_EQ(owner.wait(), 0);
     platform::setNamedMutexLongWait(2s);
     mutex.lock([&](long) { told.clear(); });
@@ -304,17 +266,14 @@ TEST_F(NamedMutexTest, GroupOfTheMachineComesFirst) {
 TEST_F(NamedMutexTest, IsSharedByUsersWhateverTheUmask) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs a second user";
     fs::permissions(mDirectory.path(), fs::perms::all);
-    const auto nobodySeesIt = [](const char* name) {
-        return ForkedChild([name] { return ::setuid(kNobody) == 0 && NamedMutex(name).isMachineWide(); }).wait();
+    const auto sees = [](uid_t user, const char* name) {
+        ::umask(0777);
+        return ::setuid(user) == 0 && NamedMutex(name).isMachineWide();
     };
-    EXPECT_EQ(ForkedChild([] {
-                  ::umask(0777);
-                  return NamedMutex(kName).isMachineWide();
-              }).wait(),
-              1);
-    EXPECT_EQ(nobodySeesIt(kName), 1);
+    EXPECT_EQ(ForkedChild([&] { return sees(0, kName); }).wait(), 1);
+    EXPECT_EQ(ForkedChild([&] { return sees(kNobody, kName); }).wait(), 1);
     fs::permissions(mDirectory.write("private", ""), fs::perms::owner_read);
-    EXPECT_EQ(nobodySeesIt("private"), 0);
+    EXPECT_EQ(ForkedChild([&] { return sees(kNobody, "private"); }).wait(), 0);
 }
 
 }  // namespace

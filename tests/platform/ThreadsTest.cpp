@@ -3,24 +3,15 @@
 #include "CancellationOff.h"
 #include "Clock.h"
 #include "CountedThreads.h"
-#include "ForkedChild.h"
 #include "ManualClock.h"
 #include "ManualResetEvent.h"
+#include "PlatformTest.h"
 #include "Process.h"
 
-#include <atomic>
-#include <chrono>
-#include <gtest/gtest.h>
 #include <memory>
 #include <pthread.h>
-#include <thread>
-
-using namespace platform;
-using namespace std::chrono_literals;
 
 namespace {
-
-constexpr std::uint32_t kLongMs = 20000;  // a wait that must not go to its end
 
 TEST(ClockTest, CanBeReplacedAndPutBack) {
     Clock& own = Clock::current();
