@@ -4,16 +4,22 @@
 #include "ReaderUnderTest.h"
 #include "TempDirectory.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <filesystem>
+#include <iomanip>
 #include <map>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
+
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::StartsWith;
 
 /// A machine without a reader, on which qvltag runs. It leaves nothing behind in the directory for temporary files.
 class QvltagTest : public ::testing::Test {
@@ -30,6 +36,18 @@ class QvltagTest : public ::testing::Test {
         // A serial port that no machine has.
         place.write("installed/data/conf/QVLReader.ini", "[READER]\nSERIAL_PORT=77\n[/READER]\n");
     }
+    static Words joined(Words words, const Words& more) {
+        words.insert(words.end(), more.begin(), more.end());
+        return words;
+    }
+    /// Words of a command line; what is quoted in "" is one.
+    static Words wordsOf(const std::string& line) {
+        Words words;
+        std::istringstream text(line);
+        for (std::string word; text >> std::quoted(word);)
+            words.push_back(word);
+        return words;
+    }
     void TearDown() override {
         EXPECT_TRUE(std::filesystem::is_empty(place / "tmp")) << "left behind in the temporary directory";
     }
@@ -39,8 +57,7 @@ class QvltagTest : public ::testing::Test {
         const auto virtualReader = std::ranges::find(arguments, "--virtual");
         if (isMf500UnderTest() && virtualReader != arguments.end() && !std::ranges::count(arguments, "--reader"))
             arguments.insert(virtualReader, {"--reader", readerUnderTest()});
-        arguments.insert(arguments.begin(), program);
-        return std::make_unique<ChildProgram>(arguments, environment);
+        return std::make_unique<ChildProgram>(joined({program}, arguments), environment);
     }
     Result run(const Words& arguments, const std::string& program = QVLTAG) {
         const auto child = start(arguments, program);
@@ -51,16 +68,12 @@ class QvltagTest : public ::testing::Test {
         return result;
     }
     /// The same with --json. Every line must be an object and nothing else may be said.
-    std::vector<Json> runJson(Words arguments, int status) {
-        arguments.insert(arguments.begin(), "--json");
-        const Result result = run(arguments);
+    std::vector<Json> runJson(const Words& arguments, int status) {
+        const Result result = run(joined({"--json"}, arguments));
         EXPECT_EQ(result.status, status) << result.out;
         EXPECT_EQ(result.err, "");
-        return objects(result.out);
-    }
-    static std::vector<Json> objects(const std::string& text) {
         std::vector<Json> all;
-        std::istringstream lines(text);
+        std::istringstream lines(result.out);
         for (std::string line; std::getline(lines, line);) {
             all.push_back(Json::parse(line, nullptr, false));
             EXPECT_TRUE(all.back().is_object()) << line;
