@@ -8,10 +8,6 @@
 
 namespace {
 
-std::span<const std::uint8_t> bytesOf(std::string_view text) {
-    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-
 template <typename Action>
 std::thread later(Action action) {
     return std::thread([action] {
@@ -45,8 +41,17 @@ class SerialLineTest : public testing::Test {
         return received;
     }
 
+    IoResult read() { return mLine.read({&mByte, 1}, mCount); }
+    IoResult write(const std::string& text, std::uint32_t ms = kLongMs) {
+        const std::vector<std::uint8_t> bytes(text.begin(), text.end());
+        return mLine.write(bytes, mCount, ms);
+    }
+
     PseudoTerminal mFarEnd;
     SerialLine mLine;
+    std::uint8_t mByte = 0;
+    std::size_t mCount = 9;
+    std::uint32_t mEvents = 0;
 };
 
 TEST_F(SerialLineTest, TakesAnyBaudRateAndRefusesWhatTheDriverDoesNotTake) {
@@ -72,9 +77,8 @@ TEST_F(SerialLineTest, CarriesEveryByteInBothDirections) {
         ASSERT_TRUE(mFarEnd.write(all));
         EXPECT_EQ(receive(all.size(), piece), all) << piece;
     }
-    std::size_t count = 0;
-    EXPECT_EQ(mLine.write(bytesOf(all), count, kLongMs), IoResult::done);
-    EXPECT_EQ(count, all.size());
+    EXPECT_EQ(write(all), IoResult::done);
+    EXPECT_EQ(mCount, all.size());
     EXPECT_EQ(mFarEnd.read(all.size()), all);
     ASSERT_TRUE(mFarEnd.write("some more"));
     EXPECT_EQ(receive(1), "s");
@@ -83,10 +87,8 @@ TEST_F(SerialLineTest, CarriesEveryByteInBothDirections) {
 }
 
 TEST_F(SerialLineTest, SilenceIsNoFailureAndEndsWithItsTime) {
-    std::uint8_t byte;
-    std::size_t count = 9;
-    EXPECT_EQ(mLine.read({&byte, 1}, count), IoResult::done);
-    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(read(), IoResult::done);
+    EXPECT_EQ(mCount, 0u);
     for (std::uint32_t ms : {0u, 20u, 130u}) {
         const auto start = SteadyClock::now();
         EXPECT_EQ(mLine.waitReadable(ms), IoResult::timedOut) << ms;
@@ -119,22 +121,18 @@ TEST_F(SerialLineTest, LostLineFailsAtOnceButDeliversWhatCameBefore) {
     EXPECT_EQ(receive(1), "l");
     mFarEnd.closeMaster();
     EXPECT_EQ(receive(100, 3), "ast words");
-    std::uint8_t byte;
-    std::size_t count;
-    EXPECT_EQ(mLine.read({&byte, 1}, count), IoResult::failed);
+    EXPECT_EQ(read(), IoResult::failed);
     EXPECT_NE(mLine.lastError(), 0);
     EXPECT_EQ(mLine.waitReadable(kLongMs), IoResult::failed);
-    EXPECT_EQ(mLine.write(bytesOf("x"), count, kLongMs), IoResult::failed);
-    std::uint32_t events;
-    EXPECT_EQ(mLine.waitEvent(kLineByteArrived, events, kLongMs), IoResult::failed);
+    EXPECT_EQ(write("x"), IoResult::failed);
+    EXPECT_EQ(mLine.waitEvent(kLineByteArrived, mEvents, kLongMs), IoResult::failed);
 }
 
 TEST_F(SerialLineTest, StuckPeerStopsNeitherWriteNorClose) {
     const std::string flood(1 << 20, 'x');
-    std::size_t count = 0;
-    EXPECT_EQ(mLine.write(bytesOf(flood), count, 30), IoResult::timedOut);
-    EXPECT_TRUE(count > 0 && count < flood.size());
-    EXPECT_EQ(mLine.write(bytesOf(flood), count, 0), IoResult::timedOut);
+    EXPECT_EQ(write(flood, 30), IoResult::timedOut);
+    EXPECT_TRUE(mCount > 0 && mCount < flood.size());
+    EXPECT_EQ(write(flood, 0), IoResult::timedOut);
     const auto start = SteadyClock::now();
     mLine.close();
     EXPECT_LT(SteadyClock::now() - start, 1s);
@@ -167,12 +165,11 @@ TEST_F(SerialLineTest, ForkedChildLeavesTheDialogueOfItsParentAlone) {
     EXPECT_EQ(receive(1), "a");  // the child inherits the rest in the buffer
     ASSERT_TRUE(mFarEnd.write("!"));
     const std::string flood(1 << 20, 'x');  // more than the far end holds: the rest is the line's to drop
-    std::size_t count = 0, sent = 0;
+    std::size_t sent = 0;
     EXPECT_EQ(mLine.write(bytesOf(flood), sent, 30), IoResult::timedOut);
     EXPECT_EQ(ForkedChild([&] {
-                  std::uint8_t byte;
-                  const bool isRefused = mLine.read({&byte, 1}, count) == IoResult::failed && mLine.purge() != 0 &&
-                                         mLine.write(bytesOf("x"), count, kLongMs) == IoResult::failed;
+                  const bool isRefused =
+                      read() == IoResult::failed && mLine.purge() != 0 && write("x") == IoResult::failed;
                   mLine.close();
                   return isRefused && !mLine.isOpen() ? 0 : 1;
               }).wait(),
@@ -183,15 +180,14 @@ TEST_F(SerialLineTest, ForkedChildLeavesTheDialogueOfItsParentAlone) {
 }
 
 TEST_F(SerialLineTest, ReportsTheEventsOfItsMask) {
-    std::uint32_t events = 0;
     mLine.setEventCharacter('!');
-    EXPECT_EQ(mLine.waitEvent(kLineByteArrived | kLineBreak | kLineError, events, 10), IoResult::timedOut);
+    EXPECT_EQ(mLine.waitEvent(kLineByteArrived | kLineBreak | kLineError, mEvents, 10), IoResult::timedOut);
     ASSERT_TRUE(mFarEnd.write("no"));
-    EXPECT_EQ(mLine.waitEvent(kLineByteArrived | kLineEventCharacter, events, kLongMs), IoResult::done);
-    EXPECT_EQ(events, kLineByteArrived);
-    EXPECT_EQ(mLine.waitEvent(kLineEventCharacter, events, 10), IoResult::timedOut);
+    EXPECT_EQ(mLine.waitEvent(kLineByteArrived | kLineEventCharacter, mEvents, kLongMs), IoResult::done);
+    EXPECT_EQ(mEvents, kLineByteArrived);
+    EXPECT_EQ(mLine.waitEvent(kLineEventCharacter, mEvents, 10), IoResult::timedOut);
     std::thread sender = later([&] { mFarEnd.write("w!"); });
-    EXPECT_EQ(mLine.waitEvent(kLineEventCharacter, events, kLongMs), IoResult::done);
+    EXPECT_EQ(mLine.waitEvent(kLineEventCharacter, mEvents, kLongMs), IoResult::done);
     sender.join();
     EXPECT_EQ(receive(4, 4), "now!");  // waiting takes nothing away
 }
