@@ -8,17 +8,12 @@
 #include "TerminalEndpoint.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <optional>
 #include <set>
 #include <thread>
-
-#include <unistd.h>
 
 namespace {
 
@@ -65,7 +60,7 @@ template <typename Condition>
 bool eventually(Condition condition) {
     for (const auto end = Clock::now() + std::chrono::milliseconds(kPatienceMs); Clock::now() < end;) {
         if (condition()) return true;
-        ::usleep(1000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return false;
 }
@@ -160,11 +155,10 @@ TEST_F(EndpointTest, SocketCarriesOneFrameAMessageToOneHostAtATime) {
     first.reset();
     EXPECT_EQ(TestHost::told(second.read(6)), "ACK");
     EXPECT_EQ(TestHost::told(second.read(10)), "27 00");
-    const std::pair<const char*, std::size_t> faults[] = {
-        {"26 1 extended 65545", 1024},  // cut by the host's buffer, not by the reader
-        {"26 1 overdue 30", 10},
-        {"26 1 endless", 100'000},
-    };
+    const std::pair<const char*, std::size_t> faults[] = {// The first is cut by the host's buffer, not by the reader.
+                                                          {"26 1 extended 65545", 1024},
+                                                          {"26 1 overdue 30", 10},
+                                                          {"26 1 endless", 100'000}};
     for (const auto& [rule, replyBytes] : faults) {
         const auto begin = Clock::now();
         reader->addFault(std::string_view(rule));

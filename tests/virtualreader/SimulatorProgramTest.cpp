@@ -7,16 +7,12 @@
 #include "MifareClassicTag.h"
 #include "Simulator.h"
 
-#include <gtest/gtest.h>
-
-#include <csignal>
 #include <filesystem>
+#include <regex>
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 namespace {
 
@@ -35,20 +31,14 @@ class Control {
     Control(const Control&) = delete;
     Control& operator=(const Control&) = delete;
 
-    /// One command. @return all lines up to the one that begins with "ok" or "error", joined by " | ".
+    /// One command. @return all lines up to the one that begins with "ok" or "error".
     std::string ask(const std::string& command) {
         EXPECT_TRUE(say(command));
-        std::string all, line;
-        for (char c = 0; ::recv(mSocket, &c, 1, 0) == 1;) {
-            if (c != '\n') {
-                line += c;
-                continue;
-            }
-            all += (all.empty() ? "" : " | ") + std::exchange(line, "");
-            const std::string last = all.substr(all.rfind("| ") == std::string::npos ? 0 : all.rfind("| ") + 2);
-            if (last.starts_with("ok") || last.starts_with("error")) return all;
-        }
-        return all + "end";
+        std::string all;
+        static const std::regex kWhole("(.*\n)*(ok|error).*\n");
+        for (char c = 0; !std::regex_match(all, kWhole) && ::recv(mSocket, &c, 1, 0) == 1;)
+            all += c;
+        return all;
     }
 
     /// Sends a command and leaves its answer. @return false if the program takes no more for now.
@@ -61,16 +51,15 @@ class Control {
     int mSocket;
 };
 
-/// The program under test.
-class Program : public ChildProgram {
-  public:
-    explicit Program(std::vector<std::string> arguments) : ChildProgram(withName(std::move(arguments))) {}
-
+struct Program : ChildProgram {
+    explicit Program(const std::vector<std::string>& arguments) : ChildProgram(withName(arguments)) {}
     static std::vector<std::string> withName(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), QVLREADERSIM);
         return arguments;
     }
 };
+
+bool isThere(const std::string& path) { return std::filesystem::exists(std::filesystem::symlink_status(path)); }
 
 std::string blank(const char* uid) {
     const auto image = MifareClassicTag::blankImage(1024, hex(uid));
@@ -91,7 +80,7 @@ TEST(SimulatorProgram, IsSteeredOverItsControlSocket) {
     Control deaf(socket), peer(socket), other(socket);
     while (deaf.say("help")) {
     }
-    const std::string tag1 = "tag1  Classic 1K  deadbeef  off  new:1k:DEADBEEF | ";
+    const std::string tag1 = "tag1  Classic 1K  deadbeef  off  new:1k:DEADBEEF\n";
     const std::pair<std::string, std::string> dialogue[] = {
         {"list", tag1 + "ok"},
         {"place " + image + " as mine", "ok mine"},
@@ -99,7 +88,7 @@ TEST(SimulatorProgram, IsSteeredOverItsControlSocket) {
         {"place", "error: a file is missing: place FILE [as NAME]"},
         {"place " + image + " as two words", "error: a name is one word: place FILE [as NAME]"},
         {"away mine", "ok"},
-        {"list", tag1 + "mine  Classic 1K  01020304  away  " + image + " | ok"},
+        {"list", tag1 + "mine  Classic 1K  01020304  away  " + image + "\nok"},
         {"back mine", "ok"},
         {"save mine " + (directory / "copy"), "ok " + (directory / "copy")},
         {"save mine", "ok " + image},
@@ -116,10 +105,10 @@ TEST(SimulatorProgram, IsSteeredOverItsControlSocket) {
         {"dance", "error: \"dance\" is no command; \"help\" lists them"},
     };
     for (const auto& [command, answer] : dialogue)
-        EXPECT_EQ(peer.ask(command), answer);
+        EXPECT_EQ(peer.ask(command), answer + "\n");
     for (const bool isBack : {false, true, false, true}) {
-        EXPECT_EQ(peer.ask(isBack ? "reader back" : "reader gone"), "ok");
-        EXPECT_EQ(std::filesystem::exists(directory / "COM3"), isBack);
+        EXPECT_EQ(peer.ask(isBack ? "reader back" : "reader gone"), "ok\n");
+        EXPECT_EQ(isThere(directory / "COM3"), isBack);
     }
     Program second({"--root", directory.path(), "--com", "3"});
     EXPECT_EQ(second.line(ChildProgram::errors),
@@ -128,36 +117,33 @@ TEST(SimulatorProgram, IsSteeredOverItsControlSocket) {
     EXPECT_EQ(second.wait(), 1);
     EXPECT_EQ(directory.read("copy"), directory.read("my tag.mfd"));
     EXPECT_NE(other.ask("help").find("place FILE"), std::string::npos);
-    EXPECT_EQ(other.ask("quit"), "ok");
+    EXPECT_EQ(other.ask("quit"), "ok\n");
     EXPECT_EQ(program.wait(), 0);
-    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(directory / "COM3")));
-    EXPECT_FALSE(std::filesystem::exists(socket));
+    EXPECT_FALSE(isThere(directory / "COM3") || isThere(socket));
 }
 
 TEST(SimulatorProgram, EndsWithItsInputOrASignalAndCleansUp) {
     const TempDirectory directory;
-    const auto isThere = [&](const std::string& name) {
-        return std::filesystem::exists(std::filesystem::symlink_status(directory / name));
-    };
-    Program byInput({"--root", directory.path(), "--socket", "usb#vid_04cc&pid_0531#1", "--class", kClass});
-    EXPECT_EQ(byInput.line(), "ready usb#vid_04cc&pid_0531#1 at " + directory.path());
-    EXPECT_TRUE(isThere(kClass + "/usb#vid_04cc&pid_0531#1"));
+    const std::string name = "usb#vid_04cc&pid_0531#1", entry = directory / (kClass + "/" + name);
+    Program byInput({"--root", directory.path(), "--socket", name, "--class", kClass});
+    EXPECT_EQ(byInput.line(), "ready " + name + " at " + directory.path());
+    EXPECT_TRUE(isThere(entry));
     byInput.say("led\n");
     EXPECT_EQ(byInput.line(), "ok 00");
     byInput.say("field");
     byInput.close(ChildProgram::input);
     EXPECT_EQ(byInput.line(), "ok off") << "the last line may lack its newline";
     EXPECT_EQ(byInput.wait(), 0);
-    EXPECT_FALSE(isThere(kClass + "/usb#vid_04cc&pid_0531#1"));
+    EXPECT_FALSE(isThere(entry));
 
     for (int number : {SIGTERM, SIGINT}) {
         Program bySignal({"--root", directory.path(), "--keep-running"});
         EXPECT_EQ(bySignal.line(), "ready COM1 at " + directory.path());
         bySignal.close(ChildProgram::input);
-        EXPECT_TRUE(isThere("COM1"));
+        EXPECT_TRUE(isThere(directory / "COM1"));
         bySignal.signalGroup(number);
         EXPECT_EQ(bySignal.wait(), 0);
-        EXPECT_FALSE(isThere("COM1"));
+        EXPECT_FALSE(isThere(directory / "COM1"));
     }
 }
 

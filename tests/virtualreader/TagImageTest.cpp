@@ -11,8 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 namespace {
 
 std::string asText(const std::vector<std::uint8_t>& bytes) { return {bytes.begin(), bytes.end()}; }
