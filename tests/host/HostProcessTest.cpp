@@ -1,5 +1,6 @@
 // A host as a process of its own: how it may end, and what raised rights take from its environment.
 
+#include "ForkedChild.h"
 #include "ReaderImpl.h"
 #include "ScopedEnvironment.h"
 #include "TempDirectory.h"
@@ -8,10 +9,7 @@
 
 #include <dlfcn.h>
 #include <filesystem>
-#include <functional>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -21,16 +19,13 @@ class Service : public QVLReaderServiceIntf {
     void readerMessage(int, const char*) override {}
 };
 
+/// How a process ends that does `work` and then, unless that ended it, what an ordinary end does.
 int statusOf(const std::function<void()>& work) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(30);
+    ForkedChild child([&]() -> int {
         work();
         std::exit(0);
-    }
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    return status;
+    });
+    return child.wait();
 }
 
 class AHost : public ::testing::Test {
@@ -38,8 +33,7 @@ class AHost : public ::testing::Test {
     AHost() : path("QVL_PATH", directory.path().c_str()), root("QVL_DEVICE_ROOT", directory.path().c_str()) {
         directory.write("data/conf/QVLReader.ini",
                         "[LOGSERVICE]\nLOGENABLE=1\nLOGLEVEL=5\nLOGPATH=" + directory.path() +
-                            "/log\n[/LOGSERVICE]\n[READER]\nSERIAL_PORT=77\nWAITTIME=4711\n"
-                            "[/READER]\n");
+                            "/log\n[/LOGSERVICE]\n[READER]\nSERIAL_PORT=77\nWAITTIME=4711\n[/READER]\n");
     }
     TempDirectory directory;
     ScopedEnvironment path, root;

@@ -1,12 +1,10 @@
 // Where blocks, sectors and trailers lie, checked against a walk over the whole tag.
 
-#include "TagGeometry.h"
-
 #include "ServiceStatus.h"
+#include "TagGeometry.h"
 
 #include <gtest/gtest.h>
 
-#include <string>
 #include <vector>
 
 namespace {
@@ -35,23 +33,20 @@ TEST(Geometry, EveryBlockHasItsPlace) {
             const Place& p = places[b];
             int sector = -1, offset = -1;
             EXPECT_EQ(blockToSector(type, block, sector, offset), kOk);
-            EXPECT_EQ(sector, p.sector);
-            EXPECT_EQ(offset, p.offset);
+            EXPECT_EQ(std::pair(sector, offset), std::pair(p.sector, p.offset));
             EXPECT_EQ(firstBlockOfSector(type, p.sector) + p.offset, block);
             const bool reserved = p.trailer || (type == kTagUltralight && block < 2);
             EXPECT_EQ(checkUserBlock(type, block), reserved ? int{kReservedBlock} : int{kMemoryOk}) << block;
             int trailer = -1;
-            const int status = getTrailerOffset(type, p.sector, trailer);
-            if (p.trailer && type != kTagProX) {
-                EXPECT_EQ(status, kOk);
-                EXPECT_EQ(trailer, p.offset);
-            }
+            if (!p.trailer || type == kTagProX) continue;
+            EXPECT_EQ(getTrailerOffset(type, p.sector, trailer), kOk);
+            EXPECT_EQ(trailer, p.offset);
         }
         const int end = static_cast<int>(places.size());
-        EXPECT_EQ(checkUserBlock(type, end), kOutOfRange);
-        EXPECT_EQ(checkUserBlock(type, -1), kOutOfRange);
         int sector = 0, offset = 0;
         EXPECT_EQ(blockToSector(type, -1, sector, offset), kOutOfRange);
+        for (const int outside : {-1, end})
+            EXPECT_EQ(checkUserBlock(type, outside), kOutOfRange);
         EXPECT_EQ(blockToSector(type, end, sector, offset), type == kTagUltralight ? int{kOk} : int{kOutOfRange});
         const int last = type == kTag4K ? 40 : 16;
         EXPECT_TRUE(isSectorInRange(type, true, last - 1));
@@ -62,10 +57,10 @@ TEST(Geometry, EveryBlockHasItsPlace) {
     }
     EXPECT_EQ(checkUserBlock(kTagDesFire, 5), kNotAllowedHere);
     int offset = 7;
-    EXPECT_EQ(getTrailerOffset(kTag4K, 40, offset), kNoSuchSector);
-    EXPECT_EQ(getTrailerOffset(kTag4K, -1, offset), kNoSuchSector);
-    EXPECT_EQ(getTrailerOffset(kTagUltralight, 0, offset), kNoTrailers);
-    EXPECT_EQ(getTrailerOffset(kTagProX, 0, offset), kNoTrailers);
+    for (const int sector : {40, -1})
+        EXPECT_EQ(getTrailerOffset(kTag4K, sector, offset), kNoSuchSector);
+    for (const std::uint32_t type : {kTagUltralight, kTagProX})
+        EXPECT_EQ(getTrailerOffset(type, 0, offset), kNoTrailers);
     EXPECT_EQ(offset, 7);
 }
 

@@ -5,10 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;

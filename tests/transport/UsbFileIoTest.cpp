@@ -10,9 +10,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
-#include <string>
-#include <utility>
 
 namespace {
 
@@ -31,8 +28,7 @@ class TheScan : public ::testing::Test {
         IniManager::instance().loadAndReplace("settings.ini");
     }
     std::string device(int index, const std::string& name) {
-        std::filesystem::create_directories(root / kGuids[index]);
-        std::filesystem::create_symlink("/dev/null", root / kGuids[index] + "/" + name);
+        root.makeDevice(kGuids[index] + ("/" + name));
         return root / kGuids[index] + "/" + name;
     }
     std::string entry(std::size_t index) const {
@@ -101,6 +97,9 @@ TEST_F(TheScan, RecyclesTheFirstEntryWhenTheTableIsFull) {
     EXPECT_EQ(used(), USBFileIO::kEntries);
     EXPECT_EQ(std::string(scanner.deviceInfo[0].path), root / (std::string(kGuids[0]) + "/device199"));
     EXPECT_STREQ(scanner.deviceInfo[31].instanceId, "device131");
+    std::filesystem::remove_all(root / kGuids[0]);
+    EXPECT_EQ(scanner.scanForDevices(), 0);
+    EXPECT_EQ(entry(0) + scanner.deviceInfo[0].instanceId, "COM1;9600 present tama") << "a port has no instance id";
 }
 
 TEST_F(TheScan, SkipsPathsThatDoNotFitAndReportsAClassThatCannotBeRead) {
