@@ -166,7 +166,8 @@ TEST_F(SerialLineTest, ForkedChildLeavesTheDialogueOfItsParentAlone) {
     ASSERT_TRUE(mFarEnd.write("!"));
     const std::string flood(1 << 20, 'x');  // more than the far end holds: the rest is the line's to drop
     std::size_t sent = 0;
-    EXPECT_EQ(mLine.write(bytesOf(flood), sent, 30), IoResult::timedOut);
+    EXPECT_EQ(mLine.write({reinterpret_cast<const std::uint8_t*>(flood.data()), flood.size()}, sent, 30),
+              IoResult::timedOut);
     EXPECT_EQ(ForkedChild([&] {
                   const bool isRefused =
                       read() == IoResult::failed && mLine.purge() != 0 && write("x") == IoResult::failed;
