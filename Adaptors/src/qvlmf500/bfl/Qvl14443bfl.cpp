@@ -25,35 +25,40 @@ std::uint8_t* Qvl14443bfl::getDeviceName() { return mDeviceName; }
 
 void Qvl14443bfl::operationBegins() {
     const OperationLock lock = lockOperation();
-    if (mLinkWatch != nullptr) *mLinkWatch = {};
+    if (mUsers.watch != nullptr) *mUsers.watch = {};
 }
 
 void Qvl14443bfl::watchLink(LinkWatch* watch) {
     const OperationLock lock = lockOperation();
-    mLinkWatch = watch;
+    mUsers.watch = watch;
+}
+
+LinkWatch* Qvl14443bfl::linkWatch() {
+    const OperationLock lock = lockOperation();
+    return mUsers.watch;
 }
 
 bool Qvl14443bfl::isReaderLost() {
     const OperationLock lock = lockOperation();
-    return mLinkWatch != nullptr && mLinkWatch->isLost();
+    return mUsers.watch != nullptr && mUsers.watch->isLost();
 }
 
-bool Qvl14443bfl::mayAsk() const { return mLinkWatch == nullptr || mLinkWatch->mayAsk(); }
+bool Qvl14443bfl::mayAsk() const { return mUsers.watch == nullptr || mUsers.watch->mayAsk(); }
 
 void Qvl14443bfl::noteAnswer() const {
-    if (mLinkWatch != nullptr) mLinkWatch->answered();
+    if (mUsers.watch != nullptr) mUsers.watch->answered();
 }
 
 void Qvl14443bfl::noteTimeOut() const {
-    if (mLinkWatch != nullptr) mLinkWatch->timedOut();
+    if (mUsers.watch != nullptr) mUsers.watch->timedOut();
 }
 
 void Qvl14443bfl::noteFailure(bool isGone) const {
-    if (mLinkWatch != nullptr) mLinkWatch->failed(isGone);
+    if (mUsers.watch != nullptr) mUsers.watch->failed(isGone);
 }
 
 void Qvl14443bfl::noteOpened() const {
-    if (mLinkWatch != nullptr) mLinkWatch->opened();
+    if (mUsers.watch != nullptr) mUsers.watch->opened();
 }
 
 // Unless a driver knows better, a reader goes by single steps and leaves the protocol of cards to its host.

@@ -130,10 +130,10 @@ class QVL_API Qvl14443bfl {
     virtual short pcdRelay(std::uint8_t* cmd, int len, std::uint8_t*& reply, int& replyLen);
 
     /// Held by each user that has opened the reader, so that nobody closes it under another one.
-    std::shared_ptr<void> openShare() const { return mOpenShare; }
-    bool isOpenForOthers() const { return mOpenShare.use_count() > 1; }
+    std::shared_ptr<void> openShare() const { return mUsers.openShare; }
+    bool isOpenForOthers() const { return mUsers.openShare.use_count() > 1; }
 
-    LinkWatch* linkWatch() const { return mLinkWatch; }
+    LinkWatch* linkWatch();
     /// The reader is gone or silent, as the watch has it; false without a watch.
     bool isReaderLost();
 
@@ -157,6 +157,13 @@ class QVL_API Qvl14443bfl {
 
   private:
     std::shared_ptr<std::recursive_mutex> mOperationMutex;
-    std::shared_ptr<void> mOpenShare = std::make_shared<char>();
-    LinkWatch* mLinkWatch = nullptr;
+    /// A copy of a driver has users of its own.
+    struct Users {
+        Users() = default;
+        Users(const Users&) {}
+        Users& operator=(const Users&) { return *this; }
+        LinkWatch* watch = nullptr;
+        std::shared_ptr<void> openShare = std::make_shared<char>();
+    };
+    Users mUsers;
 };
