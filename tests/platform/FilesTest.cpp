@@ -24,8 +24,7 @@ TEST_F(FilesTest, PlantedEntriesAreNotOpened) {
     for (const char* name : {"link", "dangling", "hardlink", "directory", "fifo", "absent/file"}) {
         AppendFile log;
         EXPECT_NE(log.open(at(name).c_str()), 0) << name;
-        EXPECT_FALSE(log.isOpen());
-        EXPECT_FALSE(log.append("x"));
+        EXPECT_FALSE(log.isOpen() || log.append("x"));
         EXPECT_NE(writeTextFile(at(name).c_str(), "x"), 0) << name;
     }
     EXPECT_FALSE(pathExists(at("new").c_str()));
@@ -74,15 +73,13 @@ TEST_F(FilesTest, NewEntriesBelongToOwnerAndGroupAtMost) {
 TEST_F(FilesTest, AppendedFileIsFollowedThroughItsRenaming) {
     mDirectory.write("log", "old\n");
     AppendFile log, second;
-    ASSERT_EQ(log.open(at("log").c_str()), 0);
-    ASSERT_EQ(second.open(at("log").c_str()), 0);
+    ASSERT_EQ(log.open(at("log").c_str()) + second.open(at("log").c_str()), 0);
     EXPECT_TRUE(log.append("one\n") && second.append("two\n") && log.append("three\n"));
     EXPECT_EQ(mDirectory.read("log"), "old\none\ntwo\nthree\n");
     EXPECT_EQ(log.size(), 18u);
     EXPECT_TRUE(renameFile(at("log").c_str(), at("log.1").c_str()));
     EXPECT_FALSE(log.isDeleted()) << "under another name it is still there";
-    EXPECT_TRUE(removeFile(at("log.1").c_str()));
-    EXPECT_FALSE(removeFile(at("log.1").c_str()));
+    EXPECT_TRUE(removeFile(at("log.1").c_str()) && !removeFile(at("log.1").c_str()));
     EXPECT_TRUE(log.isDeleted());
     log.close();
     EXPECT_EQ(log.size(), 0u);

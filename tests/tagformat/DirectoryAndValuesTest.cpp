@@ -21,8 +21,7 @@ TEST(ADirectory, HasItsChecksumAndByteOrder) {
     image.updateDirectoryCrc();
     EXPECT_EQ(image.data()[0], 0xCE);
     image.setWord(1, 0x1234);
-    EXPECT_EQ(image.data()[2], 0x34);
-    EXPECT_EQ(image.data()[3], 0x12);
+    EXPECT_TRUE(image.data()[2] == 0x34 && image.data()[3] == 0x12);
     for (int w = 1; w < 16; ++w)
         image.setWord(w, 0xE103);
     image.data()[1] = 1;
@@ -44,14 +43,12 @@ TEST(ADirectory, ListsClaimsAndClears) {
     EXPECT_EQ(image.lastAppEntry(7), 9);
     EXPECT_EQ(image.lastAppEntry(0xFFFF), 1);
     int word = 0;
-    EXPECT_TRUE(image.nextFreeEntry(3, word));
-    EXPECT_EQ(word, 6);
+    EXPECT_TRUE(image.nextFreeEntry(3, word) && word == 6);
     EXPECT_FALSE(image.nextFreeEntry(16, word));
 
     DirtyBlocks dirty;
     EXPECT_EQ(told(image.claimFreeEntries(0x22, 3, 0, dirty)), "1 2 6");
-    EXPECT_TRUE(dirty.block1);
-    EXPECT_FALSE(dirty.block2);
+    EXPECT_TRUE(dirty.block1 && !dirty.block2);
     EXPECT_EQ(told(image.claimFreeEntries(0x33, 99, 9, dirty)), "10 11 12 13 14 15");
     EXPECT_TRUE(dirty.block2);
     EXPECT_EQ(image.word(5), mad::kDefect) << "a defect sector is never given out";
