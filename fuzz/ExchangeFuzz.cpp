@@ -2,13 +2,9 @@
 // bytes choose how the card was activated, the size of the command and of the buffer; then each answer of the card is a
 // length byte and that many bytes, the highest length being no answer.
 
-#include "Clock.h"
-#include "QvlTcl.h"
+#include "Fuzz.h"
+#include "ManualClock.h"
 #include "QvlTclUtil.h"
-
-#include <algorithm>
-#include <cstdlib>
-#include <vector>
 
 namespace {
 
@@ -21,16 +17,6 @@ struct Input {
     std::uint8_t next() { return size > 0 ? --size, *bytes++ : std::uint8_t{0xFF}; }
 };
 
-/// Time passes with every look, so that a card that asks for time without end comes to one.
-struct HastyClock : platform::Clock {
-    HastyClock() { replace(this); }
-    ~HastyClock() override { replace(nullptr); }
-    std::uint64_t nowMs() override { return mNow += 1000; }
-    void pauseMs(std::uint32_t ms) override { mNow += ms; }
-    bool waitFor(platform::ManualResetEvent&, std::uint32_t) override { return false; }
-    std::uint64_t mNow = 1;
-};
-
 class InputReader : public Qvl14443bfl {
   public:
     BflType getBflType() override { return BflTypeMf500; }
@@ -38,9 +24,8 @@ class InputReader : public Qvl14443bfl {
     short piccExchangeBlock(std::uint8_t* block, std::uint16_t length, std::uint8_t* answer, std::uint16_t* capacity,
                             std::uint8_t, std::uint32_t) override {
         constexpr std::uint8_t kSilence = 0xFF;
-        if (length < 3 || length > 258) std::abort();
-        volatile std::uint8_t last = block[length - 1];
-        static_cast<void>(last);
+        require(length >= 3 && length <= 258);
+        touch(block, length);
         const std::uint8_t count = input->next();
         if (count == kSilence) return kBflNoTag;
         if (count > *capacity) return kBflBadFrame;
@@ -67,7 +52,8 @@ void activate(QvlTcl& tcl, const std::uint8_t* head) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static HastyClock clock;
+    static ManualClock clock;
+    clock.setMsPerLook(1000);  // a card that asks for time without end comes to one
     if (size < kHead) return 0;
     Input input{data + kHead, size - kHead};
     const auto reader = std::make_shared<InputReader>();
@@ -77,16 +63,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     tcl.reset(static_cast<std::uint8_t>(1 + (data[2] & 3)));
     activate(tcl, data);
     const std::uint8_t cid = data[0] & 0x0F;
-    std::vector<std::uint8_t> command(data[3] * 3u, 0x5A);
+    Bytes command(data[3] * 3u, 0x5A);
     for (int call = 0; call < 4 && (call == 0 || input.size > 0); ++call) {
-        std::vector<std::uint8_t> answer(data[4] * std::size_t{1u + (data[5] & 7)});
+        Bytes answer(data[4] * std::size_t{1u + (data[5] & 7)});
         auto length = static_cast<std::uint32_t>(answer.size());
         const short status =
             tcl.TclExchange(cid, data[2] >> 2, command.data(), static_cast<std::uint32_t>(command.size()), nullptr,
                             answer.data(), &length);
         constexpr short kDocumented[] = {0, -21, -50, -52, -53};
-        if (std::ranges::find(kDocumented, status) == std::end(kDocumented)) std::abort();
-        if (length > answer.size()) std::abort();
+        require(std::ranges::count(kDocumented, status) == 1 && length <= answer.size());
         if (status == -52 || status == -53) activate(tcl, data);
     }
     return 0;

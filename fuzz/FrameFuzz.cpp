@@ -2,19 +2,14 @@
 // pick them apart. The first byte of an input says whether lengths and checksums are put right, so that the fuzzer gets
 // behind them.
 
+#include "Fuzz.h"
 #include "NfcTamaBfl.h"
 #include "TamaDeviceFactory.h"
 #include "TamaFrameAssembler.h"
 
-#include <algorithm>
-#include <memory>
 #include <numeric>
-#include <span>
-#include <vector>
 
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
 
 /// A reader that sends what is left of the input.
 class InputDevice : public TamaDevice {
@@ -68,46 +63,25 @@ Bytes soundDialogue(std::span<const std::uint8_t> input, std::uint8_t code) {
     return out;
 }
 
-void useEverything(NfcTamaBfl& driver, int operation) {
+void useEverything(NfcTamaBfl& driver, std::size_t operation) {
     std::uint8_t a[2], sak, uid[10], uidLen = 0, ats[255], atsLen = 0, data[300] = {}, key[6] = {};
     std::uint16_t length = sizeof data;
     std::uint8_t* reply = nullptr;
     int replyLen = 0;
-    switch (operation % 11) {
-    case 0:
-        driver.piccActivateIdle(0, a, &sak, uid, &uidLen);
-        break;
-    case 1:
-        driver.piccActivateIdle(0, a, &sak, uid, &uidLen, ats, &atsLen);
-        break;
-    case 2:
-        driver.piccActivateWakeup(0, a, &sak, key, 4);
-        break;
-    case 3:
-        driver.piccActivateWakeup(0, a, &sak, key, 4, ats, &atsLen);
-        break;
-    case 4:
-        driver.piccRead(4, data);
-        break;
-    case 5:
-        driver.piccExchangeBlock(data, 5, data, &length, 1, 0);
-        break;
-    case 6:
-        driver.pcdGetFwVersion(data, length);
-        break;
-    case 7:
-        driver.pcdGetSnr(data, length);
-        break;
-    case 8:
-        driver.pcdConfig();
-        break;
-    case 9:
-        driver.relayNFCCmd(data, 3, reply, replyLen);
-        break;
-    default:
-        driver.piccHalt();
-        break;
-    }
+    const std::function<void()> operations[] = {
+        [&] { driver.piccActivateIdle(0, a, &sak, uid, &uidLen); },
+        [&] { driver.piccActivateIdle(0, a, &sak, uid, &uidLen, ats, &atsLen); },
+        [&] { driver.piccActivateWakeup(0, a, &sak, key, 4); },
+        [&] { driver.piccActivateWakeup(0, a, &sak, key, 4, ats, &atsLen); },
+        [&] { driver.piccRead(4, data); },
+        [&] { driver.piccExchangeBlock(data, 5, data, &length, 1, 0); },
+        [&] { driver.pcdGetFwVersion(data, length); },
+        [&] { driver.pcdGetSnr(data, length); },
+        [&] { driver.pcdConfig(); },
+        [&] { driver.relayNFCCmd(data, 3, reply, replyLen); },
+        [&] { driver.piccHalt(); },
+    };
+    operations[operation % std::size(operations)]();
     delete[] reply;
 }
 
@@ -116,7 +90,7 @@ void useEverything(NfcTamaBfl& driver, int operation) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     constexpr std::uint8_t kReplyCodes[] = {0x4B, 0x4B, 0x4B, 0x4B, 0x41, 0x43, 0x25, 0x25, 0x1D, 0x01, 0x45};
     if (size < 2) return 0;
-    const int operation = data[1] % 11;
+    const std::size_t operation = data[1] % 11;
     const std::span<const std::uint8_t> rest{data + 2, size - 2};
     const Bytes sound =
         data[0] % 2 == 0 ? soundDialogue(rest, kReplyCodes[operation]) : Bytes(rest.begin(), rest.end());

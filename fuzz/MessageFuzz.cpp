@@ -1,13 +1,11 @@
 // Whatever an MF RC500 may say: messages into the driver, whose operations then pick them apart. The first byte of an
 // input chooses whether the link is scrambled, the second the operation; each message has its length in front.
 
+#include "Fuzz.h"
 #include "Mf500Device.h"
 #include "Mf500bfl.h"
 
-#include <algorithm>
 #include <array>
-#include <memory>
-#include <span>
 
 namespace {
 
@@ -41,7 +39,7 @@ struct Room {
     operator std::uint8_t*() { return bytes->data(); }
 };
 
-void useEverything(Mf500bfl& driver, int operation) {
+void useEverything(Mf500bfl& driver, std::size_t operation) {
     Room<1> sak, uidLen, byte;
     Room<2> atq;
     Room<10> uid;
@@ -49,44 +47,21 @@ void useEverything(Mf500bfl& driver, int operation) {
     Room<16> block;
     Room<55> version;
     std::uint16_t length = 16;
-    switch (operation % 12) {
-    case 0:
-        driver.piccActivateIdle(0, atq, sak, uid, uidLen);
-        break;
-    case 1:
-        driver.piccActivateIdleLoop(0, atq, sak, uid, uidLen, 1);
-        break;
-    case 2:
-        driver.piccActivateWakeup(0, atq, sak, uid, 4);
-        break;
-    case 3:
-        driver.piccRead(4, block);
-        break;
-    case 4:
-        driver.piccExchangeBlock(uid, 5, block, &length, 1, 0);
-        break;
-    case 5:
-        driver.pcdGetFwVersion(version, length);
-        break;
-    case 6:
-        driver.pcdGetSnr(uid, length);
-        break;
-    case 7:
-        driver.pcdConfig();
-        break;
-    case 8:
-        driver.pcdGetAttrib(sak, uidLen, byte, atq, uid);
-        break;
-    case 9:
-        driver.hostCodeKey(uid, key);
-        break;
-    case 10:
-        driver.piccCascAnticoll(0x93, 0, uid);
-        break;
-    default:
-        driver.piccHalt();
-        break;
-    }
+    const std::function<void()> operations[] = {
+        [&] { driver.piccActivateIdle(0, atq, sak, uid, uidLen); },
+        [&] { driver.piccActivateIdleLoop(0, atq, sak, uid, uidLen, 1); },
+        [&] { driver.piccActivateWakeup(0, atq, sak, uid, 4); },
+        [&] { driver.piccRead(4, block); },
+        [&] { driver.piccExchangeBlock(uid, 5, block, &length, 1, 0); },
+        [&] { driver.pcdGetFwVersion(version, length); },
+        [&] { driver.pcdGetSnr(uid, length); },
+        [&] { driver.pcdConfig(); },
+        [&] { driver.pcdGetAttrib(sak, uidLen, byte, atq, uid); },
+        [&] { driver.hostCodeKey(uid, key); },
+        [&] { driver.piccCascAnticoll(0x93, 0, uid); },
+        [&] { driver.piccHalt(); },
+    };
+    operations[operation % std::size(operations)]();
 }
 
 }  // namespace
@@ -101,9 +76,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::array<std::uint8_t, 16> confirmation{}, sessionKey{};
     sessionKey[0] = data[0] % 2;
     if (data[0] % 2 == 1) driver.pcdConfig2(confirmation.data(), sessionKey.data());
-    for (int i = 0; i < 4 && !input.empty(); ++i) {
+    for (std::size_t i = 0; i < 4 && !input.empty(); ++i)
         useEverything(driver, data[1] + (data[0] > 127 ? i : 0));
-    }
     driver.interfaceClose();
     return 0;
 }

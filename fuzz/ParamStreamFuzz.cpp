@@ -1,18 +1,12 @@
 // A stream from outside, read by a program that also comes from outside: the first half of the input says what is asked
 // for, the second half is the stream.
 
+#include "Fuzz.h"
 #include "QVLParamCollection.h"
 #include "ServiceStatus.h"
 #include "TagUID.h"
 
-#include <cstdlib>
-#include <memory>
-
 namespace {
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 void step(std::uint8_t what, QVLParamCollection& stream) {
     std::uint16_t shortValue = 0;
@@ -22,52 +16,36 @@ void step(std::uint8_t what, QVLParamCollection& stream) {
     char* text = nullptr;
     std::uint8_t* bytes = nullptr;
     TagUID tag;
-    switch (what % 12) {
-    case 0:
-        stream.getShort(shortValue);
-        break;
-    case 1:
-        stream.getLong(longValue);
-        break;
-    case 2:
-        stream.getByte(byteValue);
-        break;
-    case 3:
-        stream.getString(text);
-        break;
-    case 4:
-        stream.getBytes(length, bytes);
-        require((bytes != nullptr) == (length > 0));
-        break;
-    case 5:
-        stream.getParameter(tag);
-        require((tag.getUid() != nullptr) == (tag.getUidLen() > 0));
-        stream.addParameter(tag);
-        break;
-    case 6:
-        stream.peekType(byteValue);
-        stream.addByte(byteValue);
-        break;
-    case 7:
-        stream.rewind();
-        break;
-    case 8:
-        stream.addBytes(stream.getSize() / 2, stream.getData());
-        break;
-    case 9: {
-        QVLParamCollection copy(stream);
-        copy.addShort(1);
-        stream.addLong(2);
-        stream = what & 0x80 ? copy : stream;
-        break;
-    }
-    case 10:
-        stream.seekEnd();
-        break;
-    default:
-        stream.setData(stream.getSize() / 2, stream.getData());
-        break;
-    }
+    const std::function<void()> operations[] = {
+        [&] { stream.getShort(shortValue); },
+        [&] { stream.getLong(longValue); },
+        [&] { stream.getByte(byteValue); },
+        [&] { stream.getString(text); },
+        [&] {
+            stream.getBytes(length, bytes);
+            require((bytes != nullptr) == (length > 0));
+        },
+        [&] {
+            stream.getParameter(tag);
+            require((tag.getUid() != nullptr) == (tag.getUidLen() > 0));
+            stream.addParameter(tag);
+        },
+        [&] {
+            stream.peekType(byteValue);
+            stream.addByte(byteValue);
+        },
+        [&] { stream.rewind(); },
+        [&] { stream.addBytes(stream.getSize() / 2, stream.getData()); },
+        [&] {
+            QVLParamCollection copy(stream);
+            copy.addShort(1);
+            stream.addLong(2);
+            stream = what & 0x80 ? copy : stream;
+        },
+        [&] { stream.seekEnd(); },
+        [&] { stream.setData(stream.getSize() / 2, stream.getData()); },
+    };
+    operations[what % std::size(operations)]();
     delete[] text;
     delete[] bytes;
     require(stream.getSize() <= stream.getCapacity());

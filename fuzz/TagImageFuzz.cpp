@@ -6,12 +6,7 @@
 #include "MifareClassicTag.h"
 #include "UltralightTag.h"
 
-#include <algorithm>
-#include <vector>
-
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t kHead = 10;
 constexpr std::uint8_t kKey[] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
@@ -46,70 +41,43 @@ std::shared_ptr<VirtualTag> makeTag(const std::uint8_t* head, const std::uint8_t
     return std::make_shared<MifareClassicTag>(std::move(image), std::span(kUid).first(4));
 }
 
-/// What an operation gave out must be there to be read.
-void touch(const void* data, std::size_t size) {
-    volatile std::uint8_t sum = 0;
-    for (std::size_t i = 0; i < size; ++i)
-        sum = static_cast<std::uint8_t>(sum + static_cast<const std::uint8_t*>(data)[i]);
-}
-
 struct Arguments {
     TagAppType kind;
-    short appId;
-    short first;
-    short count;
+    short appId, first, count;
     AuthKeyMode mode;
 };
 
-void readBlocks(ReaderImpl& adaptor, const TagUID& tag, const Arguments& a, bool whole) {
-    std::uint8_t* bytes = nullptr;
-    OpResultCode* results = nullptr;
-    int length = 0, records = 0;
-    if (whole)
-        adaptor.getAppData(0, a.kind, tag, a.appId, a.mode, kKey, bytes, length, AuthKeyA, kKey, records, results);
-    else
-        adaptor.getBlockData(0, a.kind, tag, a.appId, a.mode, kKey, a.first, a.count, bytes, length, AuthKeyA, kKey,
-                             records, results);
-    touch(bytes, bytes != nullptr ? static_cast<std::size_t>(length) : 0);
-    touch(results, results != nullptr ? static_cast<std::size_t>(records) * sizeof *results : 0);
-    adaptor.freeMemory(bytes);
-    adaptor.freeMemory(results);
-}
-
-void use(ReaderImpl& adaptor, const TagUID& tag, int operation, const Arguments& a) {
+void use(ReaderImpl& adaptor, const TagUID& tag, std::size_t operation, const Arguments& a) {
     short count = 0, words[16], *ids = nullptr;
     int value = 0;
     DataAccControl code = AccInvalid, codes[4];
     TagUID* found = nullptr;
-    switch (operation) {
-    case 0:
-        adaptor.getAllAppId(0, a.kind, tag, count, ids, a.mode, kKey);
-        touch(ids, static_cast<std::size_t>(count) * sizeof(short));
-        adaptor.freeMemory(ids);
-        break;
-    case 1:
-        adaptor.getAppIdDir(0, a.kind, tag, words, a.mode, kKey);
-        break;
-    case 2:
-        readBlocks(adaptor, tag, a, false);
-        break;
-    case 3:
-        readBlocks(adaptor, tag, a, true);
-        break;
-    case 4:
-        adaptor.getValue(0, a.kind, tag, a.appId, a.mode, kKey, a.first, value, AuthKeyA, kKey);
-        break;
-    case 5:
-        adaptor.getBlockAccessMode(0, a.kind, tag, a.appId, a.mode, kKey, a.first, code, AuthKeyA, kKey);
-        break;
-    case 6:
-        adaptor.getSectorAccessMode(0, a.kind, tag, a.appId, a.mode, kKey, a.first, codes, AuthKeyA, kKey);
-        break;
-    default:
-        adaptor.getTagId(0, a.kind, a.appId, found, AuthKeyA, kKey, true);
-        adaptor.freeMemory(found);
-        break;
-    }
+    std::uint8_t* bytes = nullptr;
+    OpResultCode* results = nullptr;
+    int length = 0, records = 0;
+    const std::function<void()> operations[] = {
+        [&] { adaptor.getAllAppId(0, a.kind, tag, count, ids, a.mode, kKey); },
+        [&] { adaptor.getAppIdDir(0, a.kind, tag, words, a.mode, kKey); },
+        [&] {
+            adaptor.getBlockData(0, a.kind, tag, a.appId, a.mode, kKey, a.first, a.count, bytes, length, AuthKeyA, kKey,
+                                 records, results);
+        },
+        [&] {
+            adaptor.getAppData(0, a.kind, tag, a.appId, a.mode, kKey, bytes, length, AuthKeyA, kKey, records, results);
+        },
+        [&] { adaptor.getValue(0, a.kind, tag, a.appId, a.mode, kKey, a.first, value, AuthKeyA, kKey); },
+        [&] { adaptor.getBlockAccessMode(0, a.kind, tag, a.appId, a.mode, kKey, a.first, code, AuthKeyA, kKey); },
+        [&] { adaptor.getSectorAccessMode(0, a.kind, tag, a.appId, a.mode, kKey, a.first, codes, AuthKeyA, kKey); },
+        [&] { adaptor.getTagId(0, a.kind, a.appId, found, AuthKeyA, kKey, true); },
+    };
+    operations[operation % std::size(operations)]();
+    touch(ids, ids != nullptr ? static_cast<std::size_t>(count) * sizeof(short) : 0);
+    touch(bytes, bytes != nullptr ? static_cast<std::size_t>(length) : 0);
+    touch(results, results != nullptr ? static_cast<std::size_t>(records) * sizeof *results : 0);
+    adaptor.freeMemory(ids);
+    adaptor.freeMemory(found);
+    adaptor.freeMemory(bytes);
+    adaptor.freeMemory(results);
 }
 
 short word(const std::uint8_t* at) { return static_cast<short>(at[0] | at[1] << 8); }
@@ -125,8 +93,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     machine.reader->field().place(placed);
     const Arguments arguments{static_cast<TagAppType>(data[3] % 3), word(data + 4), word(data + 6), word(data + 8),
                               data[3] & 0x80 ? AuthKeyB : AuthKeyA};
-    use(*machine.adaptor, tag, data[2] % 8, arguments);
-    if (placed->memory()->writeCount() != 0 || !std::ranges::equal(before, placed->memory()->bytes())) std::abort();
+    use(*machine.adaptor, tag, data[2], arguments);
+    require(placed->memory()->writeCount() == 0 && std::ranges::equal(before, placed->memory()->bytes()));
     machine.reader->field().clear();
     return 0;
 }
