@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-
 namespace {
 
 constexpr const char* kChallenge = "41 81 03 81 41 80 07 FF 00 12 34 56 78 9A BC DE";
