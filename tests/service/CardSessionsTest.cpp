@@ -10,17 +10,22 @@ const Bytes kOther{0x08, 4, 5, 6};
 const Bytes kHello{0x80, 0x01, 0x00};
 const Bytes kHelloBack{0x80, 0x01, 0x00, 0x90, 0x00};
 
-class CardSession : public OnALine {
+/// A reader that is ready, and the door to the cards before it.
+class AtTheDoor {
   protected:
-    CardSession() : place(GetParam()), adaptor(place.start()), door(adaptor) {
+    explicit AtTheDoor(Line line = Line::inProcess) : place(line), adaptor(place.start()), door(adaptor) {
         EXPECT_TRUE(adaptor.initReader());
         adaptor.setTagPromptFlag(false);
-        card = place.reader->field().place(scriptedCard(kUid));
     }
+    std::string placeCard(const Bytes& uid = kUid) { return place.reader->field().place(scriptedCard(uid)); }
     Workplace place;
     ReaderImpl& adaptor;
     CommandDoor door;
-    std::string card;
+};
+class Door : public ::testing::Test, protected AtTheDoor {};
+class CardSession : public OnALine, protected AtTheDoor {
+  protected:
+    CardSession() : AtTheDoor(GetParam()) { placeCard(); }
 };
 INSTANTIATE_TEST_SUITE_P(Over, CardSession, ::testing::ValuesIn(kLines), [](const auto& line) {
     return line.param == Line::inProcess ? "Process" : line.param == Line::terminal ? "Terminal" : "Socket";
@@ -29,6 +34,7 @@ INSTANTIATE_TEST_SUITE_P(Over, CardSession, ::testing::ValuesIn(kLines), [](cons
 TEST_P(CardSession, RunsFromTheWaitToTheDeselection) {
     EXPECT_EQ(door.wait(), kOk);
     EXPECT_EQ(Bytes(door.tag.getUid(), door.tag.getUid() + door.tag.getUidLen()), kUid);
+    EXPECT_EQ(door.tag.getTagType(), kTagDesFire);
     EXPECT_EQ(door.cid, isMf500UnderTest()) << "the first number";
     EXPECT_EQ(door.ats, (Bytes{0x06, 0x75, 0x77, 0x81, 0x02, 0x80}));
     EXPECT_EQ(place.poll(), "") << "polling is suspended";
@@ -36,11 +42,10 @@ TEST_P(CardSession, RunsFromTheWaitToTheDeselection) {
     EXPECT_EQ(door.answer, kHelloBack);
     EXPECT_EQ(door.sendRaw(kUid, {0x80, 0x02}), kOk);
     EXPECT_EQ(door.answer, (Bytes{0x90, 0x02})) << "after two requests for time";
-    Bytes longCommand(500, 0x42), echo;
-    longCommand[0] = 0x80, longCommand[1] = 0x01;
-    echo = longCommand;
+    Bytes echo(500, 0x42);
+    echo[0] = 0x80, echo[1] = 0x01;
+    EXPECT_EQ(door.send(kUid, echo), kOk);
     echo.insert(echo.end(), {0x90, 0x00});
-    EXPECT_EQ(door.send(kUid, longCommand), kOk);
     EXPECT_EQ(door.answer, echo) << "chains both ways";
     EXPECT_EQ(door.deselect(kUid), kOk);
     EXPECT_EQ(place.poll(true), "08010203 2005") << "and polling goes on";
@@ -62,50 +67,26 @@ TEST_P(CardSession, RelaysTheReadersOwnCommands) {
     EXPECT_LT(door.relay({0x02}), -1000);
 }
 
-class Door : public ::testing::Test {
-  protected:
-    Door() : adaptor(place.start()), door(adaptor) {
-        EXPECT_TRUE(adaptor.initReader());
-        adaptor.setTagPromptFlag(false);
-    }
-    std::string place1(const Bytes& uid = kUid) { return place.reader->field().place(scriptedCard(uid)); }
-    Workplace place;
-    ReaderImpl& adaptor;
-    CommandDoor door;
-};
-
 TEST_F(Door, RefusesStreamsThatDoNotFit) {
     using Stream = QVLParamCollection;
     const auto tag = [](Stream& in) { CommandDoor::addTag(in, kUid); };
     const auto data = [](Stream& in) { CommandDoor::addBytes(in, kHello); };
-    struct Case {
-        int id;
-        CommandDoor::Fill fill;
-        const char* said;
-    };
-    const Case cases[] = {
-        {40, [](Stream&) {}, "-21 -"},
-        {40, [&](Stream& in) { tag(in), data(in), in.addByte(0), in.addByte(0); }, "-21 -"},
-        {40, [&](Stream& in) { tag(in), in.addByte(0), data(in); }, "-21 -"},
-        {40, [&](Stream& in) { in.addByte(0), tag(in), data(in), in.addByte(0); }, "-21 -"},
-        {41, [&](Stream& in) { tag(in), data(in), in.addByte(0); }, "-21 -"},
-        {41, [&](Stream& in) { tag(in), data(in), in.addLong(0); }, "-21 -"},
-        {42, [](Stream&) {}, "-21 -"},
-        {42, [&](Stream& in) { tag(in), in.addByte(1); }, "-21 -"},
-        {43, [](Stream&) {}, "-21 -"},
-        {43, [](Stream& in) { in.addLong(9); }, "-21 -"},
-        {44, [](Stream&) {}, "3100 0"},
-        {44, [](Stream& in) { in.addString("x"); }, "3100 0"},
-        {46, [](Stream&) {}, "-21 -"},
-        {46, [](Stream& in) { in.addString("\x02"); }, "-21 -"},
-        {39, tag, "3101 0"},
-        {45, tag, "3101 0"},
-        {47, tag, "3101 0"},
-        {-1, tag, "3101 0"},
-        {0x7FFFFFFF, tag, "3101 0"},
-    };
-    for (const Case& c : cases)
-        EXPECT_EQ(door.raw(c.id, c.fill), c.said) << c.id << " #" << &c - cases;
+    const auto byte = [](Stream& in) { in.addByte(0); };
+    const std::pair<CommandDoor::Fill, std::vector<int>> refused[] = {
+        {[](Stream&) {}, {40, 42, 43, 46}},
+        {[&](Stream& in) { tag(in), data(in), byte(in), byte(in); }, {40}},
+        {[&](Stream& in) { tag(in), byte(in), data(in); }, {40}},
+        {[&](Stream& in) { byte(in), tag(in), data(in), byte(in); }, {40}},
+        {[&](Stream& in) { tag(in), data(in), byte(in); }, {41}},
+        {[&](Stream& in) { tag(in), data(in), in.addLong(0); }, {41}},
+        {[&](Stream& in) { tag(in), in.addByte(1); }, {42}},
+        {[](Stream& in) { in.addLong(9); }, {43}},
+        {[](Stream& in) { in.addString("\x02"); }, {46}}};
+    for (const auto& [fill, ids] : refused)
+        for (const int id : ids)
+            EXPECT_EQ(door.raw(id, fill), "-21 -") << id;
+    for (const int unknown : {39, 45, 47, -1, 0x7FFFFFFF})
+        EXPECT_EQ(door.raw(unknown, tag), "3101 0");
     const Stream whole = [&] {
         Stream in;
         tag(in), in.addByte(0), data(in), in.addByte(0);
@@ -113,12 +94,13 @@ TEST_F(Door, RefusesStreamsThatDoNotFit) {
     }();
     for (std::uint32_t length = 0; length < whole.getSize(); ++length)
         EXPECT_EQ(door.raw(40, [&](Stream& in) { in.setData(length, whole.getData()); }), "-21 -") << length;
+    EXPECT_EQ(door.raw(44, [](Stream& in) { in.addString("x"); }), "3100 0");
     adaptor.stopReader();
     EXPECT_EQ(door.raw(44, [](Stream&) {}), "3100 0") << "needs no reader";
 }
 
 TEST_F(Door, TakesUidsOfAnyLength) {
-    place1();
+    placeCard();
     Bytes uid(300, 0x11);
     std::copy(kUid.begin(), kUid.end(), uid.begin());
     for (const std::size_t length : {0u, 1u, 3u, 5u, 7u, 10u, 11u, 255u, 256u, 260u, 300u}) {
@@ -156,9 +138,14 @@ TEST_F(Door, WaitsAsLongAsItIsTold) {
     EXPECT_EQ(waited(0), 8u);
     EXPECT_EQ(waited(-1), 8u);
     EXPECT_EQ(waited(2000), 21u) << "and the pause in which the time ran out";
+    place.settings("WAITTIME=1200\n");
+    adaptor.loadReaderConfig();
+    adaptor.resetSuspendTime(700);
+    adaptor.resetSuspendTime(0);
+    EXPECT_EQ(waited(0), 13u) << "0 is the time of the settings";
     int looks = 0;
     place.clock->duringWait([&] {
-        if (++looks == 3) place1();
+        if (++looks == 3) placeCard();
     });
     EXPECT_EQ(door.wait({}, 100000), kOk) << "a card that comes while waiting";
     Workplace::awaitPromptEnd();
@@ -173,7 +160,7 @@ TEST_F(Door, HoldsManyCardsAndRefusesOneMore) {
     const auto uidOf = [](int i) { return Bytes{0x08, 0x20, 0x30, static_cast<std::uint8_t>(i)}; };
     std::vector<std::string> names;
     for (int i = 0; i <= room; ++i)
-        names.push_back(place1(uidOf(i)));
+        names.push_back(placeCard(uidOf(i)));
     const auto alone = [&](int i) {
         for (int j = 0; j <= room; ++j)
             place.reader->field().setPresent(names[static_cast<std::size_t>(j)], j == i);
@@ -194,7 +181,7 @@ TEST_F(Door, HoldsManyCardsAndRefusesOneMore) {
 }
 
 TEST_F(Door, TriesAFailedExchangeOnceMoreIfAsked) {
-    const std::string name = place1();
+    const std::string name = placeCard();
     EXPECT_EQ(door.wait(), kOk);
     const auto blink = [&] {
         place.reader->field().setPresent(name, false);
@@ -203,6 +190,8 @@ TEST_F(Door, TriesAFailedExchangeOnceMoreIfAsked) {
     blink();
     EXPECT_EQ(door.send(kUid, kHello), -53) << "the card has forgotten the session, so there is none to end";
     EXPECT_EQ(door.send(kUid, kHello), kOk) << "the table has forgotten it, so it is woken";
+    ASSERT_TRUE(adaptor.initReader());
+    EXPECT_EQ(door.send(kUid, kHello), kOk) << "and so has a start";
     blink();
     EXPECT_EQ(door.send(kUid, kHello, true), kOk);
     EXPECT_EQ(door.answer, kHelloBack);
@@ -215,7 +204,7 @@ TEST_F(Door, TriesAFailedExchangeOnceMoreIfAsked) {
 
 // A closed MF RC500 says 0 to everything: the command that was sent must not come back as the card's answer.
 TEST_F(Door, TakesNoAnswerFromAClosedReader) {
-    place1();
+    placeCard();
     for (const bool retry : {false, true}) {
         ASSERT_TRUE(adaptor.initReader());
         ASSERT_EQ(door.wait(), kOk);
@@ -240,7 +229,7 @@ TEST_F(Door, TakesNoAnswerFromAClosedReader) {
 }
 
 TEST_F(Door, DeliversTheRestOfALongAnswerByTheNextCall) {
-    place1();
+    placeCard();
     EXPECT_EQ(door.wait(), kOk);
     EXPECT_EQ(door.send(kUid, {0x80, 0x03}), kOk);
     EXPECT_EQ(door.answer.size(), 4096u) << "fits to the byte";

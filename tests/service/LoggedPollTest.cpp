@@ -1,13 +1,10 @@
 // What a support engineer finds in the log after a poll.
 
-#include "LogService.h"
-#include "NamedMutex.h"
+#include "../platform/ForkedChild.h"
 #include "Workplace.h"
 
 #include <regex>
 #include <sstream>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -16,9 +13,8 @@ TEST(ALoggedPoll, LeavesReadableRecordsAndNothingElse) {
     directory.write("data/conf/QVLReader.ini", "[LOGSERVICE]\nLOGENABLE=1\nLOGLEVEL=5\nLOGPATH=" + directory.path() +
                                                    "/log\n[/LOGSERVICE]\n[READER]\nSERIAL_PORT=77\n[/READER]\n");
     const std::string captured = directory / "stdout";
-    const pid_t child = ::fork();
-    if (child == 0) {  // the log reads its settings once a process
-        if (std::freopen(captured.c_str(), "w", stdout) == nullptr) ::_exit(3);
+    ForkedChild child([&] {  // the log reads its settings once a process
+        if (std::freopen(captured.c_str(), "w", stdout) == nullptr) return 3;
         Workplace place(Line::terminal);
         IniManager::instance().setDirectoryAndReload((directory / "data/conf").c_str());
         IniManager::instance().loadAndReplace("QVLReader.ini");
@@ -27,11 +23,9 @@ TEST(ALoggedPoll, LeavesReadableRecordsAndNothingElse) {
         const bool found = place.poll() == "deadbeef 2002" && place.poll().empty();
         place.adaptor.reset();
         std::fflush(stdout);
-        ::_exit(found ? 0 : 4);
-    }
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    ASSERT_EQ(status, 0);
+        return found ? 0 : 4;
+    });
+    ASSERT_EQ(child.wait(), 0);
     EXPECT_EQ(directory.read("stdout"), "") << "the library keeps off the standard output";
 
     const std::string log = directory.read("log/rdrlog0000.txt");

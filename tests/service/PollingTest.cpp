@@ -2,7 +2,6 @@
 
 #include "Workplace.h"
 
-#include <ctime>
 #include <future>
 #include <set>
 #include <stdexcept>
@@ -82,16 +81,6 @@ TEST_P(Polling, NoticesALostReaderAndItsReturn) {
     EXPECT_EQ(place.host.heard(), "+");
 }
 
-TEST_P(Polling, TellsTheTime) {
-    place.placeClassic();
-    EventObject* event = nullptr;
-    const auto before = static_cast<std::uint32_t>(std::time(nullptr));
-    ASSERT_TRUE(place.adaptor->pollTag(event, false, false));
-    EXPECT_GE(event->getTime(), before);
-    EXPECT_LE(event->getTime(), static_cast<std::uint32_t>(std::time(nullptr)));
-    place.adaptor->freeMemory(event);
-}
-
 class InProcess : public ::testing::Test {
   protected:
     InProcess() { place.start(); }
@@ -99,27 +88,24 @@ class InProcess : public ::testing::Test {
 };
 
 TEST_F(InProcess, EachKindOfTagHasItsWireCode) {
-    const struct {
-        std::shared_ptr<VirtualTag> tag;
-        const char* found;
-    } cases[] = {
-        {std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(4096, Bytes{1, 2, 3, 4}), Bytes{1, 2, 3, 4}),
-         "01020304 2003"},
-        {std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(1024, Bytes{4, 2, 3, 4, 5, 6, 7}),
-                                            Bytes{4, 2, 3, 4, 5, 6, 7}),
-         "04020304050607 2002"},
-        {std::make_shared<SmartCard>(Bytes{4, 9, 8, 7}, Bytes{0x75, 0x77, 0x81, 0x02, 0x80}), "04090807 2005"},
-        {std::make_shared<SmartCard>(Bytes{4, 1, 2, 3, 4, 5, 6, 7, 8, 9}, Bytes{0x70}), ""},  // a UID of ten bytes
+    const auto classic = [](std::size_t size, const Bytes& uid) {
+        return std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(size, uid), uid);
     };
-    for (const auto& c : cases) {
-        const std::string name = place.reader->field().place(c.tag);
-        EXPECT_EQ(place.poll(), c.found);
+    const Bytes ten{4, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+    const std::pair<std::shared_ptr<VirtualTag>, const char*> cases[] = {
+        {classic(4096, {1, 2, 3, 4}), "01020304 2003"},
+        {classic(1024, {4, 2, 3, 4, 5, 6, 7}), "04020304050607 2002"},
+        {std::make_shared<SmartCard>(Bytes{4, 9, 8, 7}, Bytes{0x75, 0x77, 0x81, 0x02, 0x80}), "04090807 2005"},
+        {std::make_shared<SmartCard>(ten, Bytes{0x70}), ""}};
+    for (const auto& [tag, found] : cases) {
+        const std::string name = place.reader->field().place(tag);
+        EXPECT_EQ(place.poll(), found);
         place.reader->field().remove(name);
     }
-    cases[0].tag->setSak(0x28);
-    place.reader->field().place(cases[0].tag);
+    cases[0].first->setSak(0x28);
+    place.reader->field().place(cases[0].first);
     EXPECT_EQ(place.poll(), "01020304 2002");
-    cases[0].tag->setSak(0x01);
+    cases[0].first->setSak(0x01);
     EXPECT_EQ(place.poll(true), "01020304 2000");
 }
 

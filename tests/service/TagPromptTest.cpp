@@ -6,7 +6,6 @@
 #include "Workplace.h"
 
 #include <atomic>
-#include <future>
 #include <stdexcept>
 #include <thread>
 
@@ -22,6 +21,8 @@ class Surface : public TagPromptSurface {
         return !fails;
     }
     void hide() override {
+        for (int i = 0; i < 1000; ++i)
+            std::this_thread::yield();  // whoever does not wait for this comes too early
         ++hidden;
         EXPECT_FALSE(tagPromptStands()) << "first nothing stands any more";
         EXPECT_FALSE(tagPromptEvent().isSet()) << "last the event";
@@ -87,30 +88,44 @@ TEST_F(ThePrompt, ThatCannotBeMadeIsNone) {
     EXPECT_TRUE(tagPromptStands());
 }
 
-TEST_F(ThePrompt, EndsWithItsSurfaceAndItsAdaptor) {
+TEST_F(ThePrompt, EndsWithItsSurfaceItsOperationAndItsAdaptor) {
+    Surface first;
+    EXPECT_TRUE(adaptor.showTagPrompt());
     {
-        Surface surface;
+        Surface second;
+        EXPECT_EQ(first.hidden, 1) << "the one that stood has gone when another takes its place";
+        tagPromptEvent().reset();
         EXPECT_TRUE(adaptor.showTagPrompt());
+        setTagPromptSurface(nullptr);
+        EXPECT_EQ(second.hidden, 1);
     }
-    EXPECT_FALSE(tagPromptStands());
     Surface surface;
+    TagUID* tag = nullptr;
+    tagPromptEvent().reset();
+    place.placeClassic();
+    ASSERT_TRUE(adaptor.initReader());
+    EXPECT_EQ(adaptor.getTagId(0, TagAppNone, 0, tag, AuthKeyA, nullptr, true), kOk);
+    adaptor.freeMemory(tag);
+    EXPECT_EQ(surface.shown, 1);
+    EXPECT_TRUE(gone()) << "that of an operation ends with it";
+    std::unique_ptr<ReaderImpl> other(createAdaptorInstance(&place.host));
     tagPromptEvent().reset();
     EXPECT_TRUE(adaptor.showTagPrompt());
+    other.reset();
+    EXPECT_TRUE(tagPromptStands()) << "it is not the prompt of the one that went";
     place.adaptor.reset();
     EXPECT_FALSE(tagPromptStands());
-    EXPECT_EQ(surface.hidden, 1) << "destruction waits for the prompt's thread";
+    EXPECT_EQ(surface.hidden, 2) << "destruction waits for the prompt's thread";
 }
 
-TEST_F(ThePrompt, ComesAndGoesAThousandTimesUnderCancels) {
+TEST_F(ThePrompt, ComesAndGoesManyTimesUnderCancels) {
     Surface surface;
     std::atomic<bool> stop{false};
     std::thread user([&stop] {
-        while (!stop) {
+        for (; !stop; std::this_thread::yield())
             cancelTagPrompt();
-            std::this_thread::yield();
-        }
     });
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < 200; ++i) {
         tagPromptEvent().reset();
         ASSERT_TRUE(adaptor.showTagPrompt());
         closeTagPrompt();

@@ -25,78 +25,47 @@ inline std::shared_ptr<SmartCard> scriptedCard(const Bytes& uid, const Bytes& at
     return std::make_shared<SmartCard>(uid, ats, std::make_unique<CardScript>(std::move(rules)));
 }
 
-/// The command door as a host uses it: what comes back is "status" and what stands in the collection, a value a word.
+/// The command door as a host uses it.
 class CommandDoor {
   public:
-    using Fill = std::function<void(QVLParamCollection&)>;
+    using Stream = QVLParamCollection;
+    using Fill = std::function<void(Stream&)>;
 
     explicit CommandDoor(ReaderImpl& adaptor) : mAdaptor(adaptor) {}
 
     /// "status", then " -" for no collection, or its size.
     std::string raw(int id, const Fill& fill) {
-        QVLParamCollection in;
-        fill(in);
-        in.rewind();
-        return run(id, in, [](QVLParamCollection& out) { return " " + std::to_string(out.getSize()); });
+        std::string size = " -";
+        const int status = run(id, fill, [&](Stream& out) { size = " " + std::to_string(out.getSize()); });
+        return std::to_string(status) + size;
     }
     int send(const Bytes& uid, const Bytes& command, bool retry = false, std::uint8_t nad = 0) {
-        QVLParamCollection in;
-        addTag(in, uid);
-        in.addByte(nad);
-        addBytes(in, command);
-        in.addByte(retry);
-        in.rewind();
-        return takeBytes(40, in);
+        return ask(40, [&](Stream& in) { addTag(in, uid), in.addByte(nad), addBytes(in, command), in.addByte(retry); });
     }
     int sendRaw(const Bytes& uid, const Bytes& command, bool retry = false) {
-        QVLParamCollection in;
-        addTag(in, uid);
-        addBytes(in, command);
-        in.addLong(77);
-        in.addByte(retry);
-        in.rewind();
-        return takeBytes(41, in);
-    }
-    int wait(const Bytes& wanted = {}, std::int32_t timeout = 1000) {
-        QVLParamCollection in;
-        addTag(in, wanted);
-        in.addLong(static_cast<std::uint32_t>(timeout));
-        in.rewind();
-        QVLParamCollection* out = nullptr;
-        const int status = mAdaptor.runCommand(42, in, out);
-        if (status == kOk) {
-            out->rewind();
-            EXPECT_EQ(out->getParameter(tag), 3000);
-            EXPECT_EQ(out->getByte(cid), 3000);
-            ats = bytesOf(*out);
-        } else {
-            EXPECT_EQ(out, nullptr);
-        }
-        mAdaptor.freeMemory(out);
-        return status;
-    }
-    int deselect(const Bytes& uid) {
-        QVLParamCollection in;
-        addTag(in, uid);
-        in.rewind();
-        QVLParamCollection* out = nullptr;
-        const int status = mAdaptor.runCommand(43, in, out);
-        EXPECT_EQ(out != nullptr, status == kOk);
-        mAdaptor.freeMemory(out);
-        return status;
+        return ask(41, [&](Stream& in) { addTag(in, uid), addBytes(in, command), in.addLong(77), in.addByte(retry); });
     }
     int relay(const Bytes& command) {
-        QVLParamCollection in;
-        addBytes(in, command);
-        in.rewind();
-        return takeBytes(46, in);
+        return ask(46, [&](Stream& in) { addBytes(in, command); });
+    }
+    int wait(const Bytes& wanted = {}, std::int32_t timeout = 1000) {
+        const auto fill = [&](Stream& in) { addTag(in, wanted), in.addLong(static_cast<std::uint32_t>(timeout)); };
+        return run(42, fill, [&](Stream& out) {
+            EXPECT_EQ(out.getParameter(tag), 3000);
+            EXPECT_EQ(out.getByte(cid), 3000);
+            ats = bytesOf(out);
+        });
+    }
+    int deselect(const Bytes& uid) {
+        return run(
+            43, [&](Stream& in) { addTag(in, uid); }, [](Stream&) {});
     }
 
-    static void addTag(QVLParamCollection& in, const Bytes& uid) {
+    static void addTag(Stream& in, const Bytes& uid) {
         TagUID named(uid.data(), static_cast<std::uint32_t>(uid.size()), 0);
         in.addParameter(named);
     }
-    static void addBytes(QVLParamCollection& in, const Bytes& bytes) {
+    static void addBytes(Stream& in, const Bytes& bytes) {
         in.addBytes(static_cast<std::uint32_t>(bytes.size()), bytes.data());
     }
 
@@ -105,33 +74,27 @@ class CommandDoor {
     std::uint8_t cid = 0xFF;
 
   private:
-    static Bytes bytesOf(QVLParamCollection& from) {
+    static Bytes bytesOf(Stream& from) {
         std::uint32_t length = 0;
         std::uint8_t* bytes = nullptr;
         EXPECT_EQ(from.getBytes(length, bytes), 3000);
-        Bytes all(bytes, bytes + (bytes != nullptr ? length : 0));
-        delete[] bytes;
-        return all;
+        const std::unique_ptr<std::uint8_t[]> owner(bytes);
+        return Bytes(bytes, bytes + (bytes != nullptr ? length : 0));
     }
-    int takeBytes(int id, QVLParamCollection& in) {
-        QVLParamCollection* out = nullptr;
-        const int status = mAdaptor.runCommand(id, in, out);
+    int ask(int id, const Fill& fill) {
         answer.clear();
-        EXPECT_EQ(out != nullptr, status == kOk);
-        if (out != nullptr) {
-            out->rewind();
-            answer = bytesOf(*out);
-        }
+        return run(id, fill, [this](Stream& out) { answer = bytesOf(out); });
+    }
+    int run(int id, const Fill& fill, const Fill& take) {
+        Stream in;
+        Stream* out = nullptr;
+        fill(in);
+        in.rewind();
+        const int status = mAdaptor.runCommand(id, in, out);
+        EXPECT_EQ(out != nullptr, status == kOk || status == kReaderFailed);  // that of an unknown command
+        if (out != nullptr) out->rewind(), take(*out);
         mAdaptor.freeMemory(out);
         return status;
-    }
-    template <typename Say>
-    std::string run(int id, QVLParamCollection& in, Say say) {
-        QVLParamCollection* out = nullptr;
-        const int status = mAdaptor.runCommand(id, in, out);
-        const std::string said = std::to_string(status) + (out != nullptr ? say(*out) : " -");
-        mAdaptor.freeMemory(out);
-        return said;
     }
 
     ReaderImpl& mAdaptor;

@@ -9,7 +9,6 @@
 #include <array>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 using Key = std::array<std::uint8_t, 6>;
 inline constexpr Key kFactory{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
@@ -73,11 +72,6 @@ class TagWorkplace : public Workplace {
         return keep(adaptor->addAppSector(0, TagAppMad1, id, kB.data(), kB.data(), 0, sectors, tag, kA.data(),
                                           kC.data(), AccData100, done, count, results));
     }
-    int removeApp(short id, short start, short sectors) {
-        statuses.assign(40, 0);
-        return adaptor->removeAppSector(0, TagAppMad1, id, kB.data(), 0, start, sectors, tag, AuthKeyB, kC.data(),
-                                        nullptr, nullptr, statuses.data());
-    }
     int read(TagAppType kind, short id, short first, short blocks, const Key& key, AuthKeyMode mode = AuthKeyA) {
         std::uint8_t* bytes = nullptr;
         int length = 0;
@@ -96,7 +90,6 @@ class TagWorkplace : public Workplace {
     /// "sector:status ..." or "block:status ..." of the last operation; the status only where it is not 3100.
     std::string told;
     Bytes data;
-    std::vector<int> statuses;
     int done = 0, count = 0;
     std::shared_ptr<MifareClassicTag> virtualTag;
     std::string name;

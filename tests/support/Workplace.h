@@ -26,6 +26,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -130,6 +131,7 @@ class Workplace {
         }
         EXPECT_EQ(event->getKind(), 1);
         EXPECT_EQ(event->getCode(), 103u);
+        EXPECT_NEAR(event->getTime(), static_cast<double>(std::time(nullptr)), 600);
         std::uint32_t length = 0;
         std::uint8_t* uid = nullptr;
         EXPECT_TRUE(event->getUid(length, uid));

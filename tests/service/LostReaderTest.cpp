@@ -1,0 +1,107 @@
+// What follows when an operation has lost the reader, and threads that are cancelled within operations.
+
+#include "CommandDoor.h"
+
+#include <pthread.h>
+#include <thread>
+
+namespace {
+
+const Bytes kUid{0x08, 1, 2, 3};
+
+class ALostReader : public ::testing::Test {
+  protected:
+    ALostReader() : adaptor(place.start()), door(adaptor) {
+        place.placeClassic();
+        EXPECT_TRUE(adaptor.initReader());
+        adaptor.setTagPromptFlag(false);
+    }
+    /// By an operation that leaves it to the next one.
+    void lose() {
+        place.reader->vanish();
+        EXPECT_NE(door.wait(), kOk);
+        EXPECT_EQ(place.host.heard(), "");
+    }
+    int getTag() {
+        TagUID* tag = nullptr;
+        const int status = adaptor.getTagId(0, TagAppNone, 0, tag, AuthKeyA, nullptr, false);
+        adaptor.freeMemory(tag);
+        return status;
+    }
+    int readBlock() {
+        const Bytes uid{0xDE, 0xAD, 0xBE, 0xEF}, key(6, 0xFF);
+        std::uint8_t* data = nullptr;
+        int length = 0;
+        const int status = adaptor.getBlockData(0, TagAppNone, TagUID(uid.data(), 4, kTagStandard), 0, AuthKeyA,
+                                                key.data(), 4, 1, data, length, AuthKeyA, nullptr, nullptr);
+        adaptor.freeMemory(data);
+        return status;
+    }
+    int getId() {
+        std::uint8_t id[6];
+        std::uint16_t length = 0;
+        return adaptor.getReaderId(id, length);
+    }
+
+    Workplace place;
+    ReaderImpl& adaptor;
+    CommandDoor door;
+};
+
+TEST_F(ALostReader, IsOpenedAnewByWhateverIsAskedNext) {
+    const struct {
+        std::function<int()> run;
+        bool isRefused;  // while the reader is away; a closed MF RC500 says 0 to what needs no tag
+    } operations[] = {{[&] { return getTag(); }, true},
+                      {[&] { return readBlock(); }, true},
+                      {[&] { return getId(); }, false},
+                      {[&] { return adaptor.switchReaderLED(2, 1, 5); }, false},
+                      {[&] {
+                           return door.send(kUid, {0x80, 0x00});
+                       },
+                       false}};
+    place.reader->field().place(scriptedCard(kUid));
+    for (const auto& operation : operations) {
+        SCOPED_TRACE(&operation - operations);
+        lose();
+        place.reader->comeBack();
+        EXPECT_EQ(operation.run(), kOk);
+        EXPECT_EQ(place.host.heard(), "-+");
+        lose();
+        for (const char* heard : {"-", ""}) {
+            const int status = operation.run();
+            EXPECT_TRUE(!operation.isRefused || status == kReaderNotReady) << status;
+            EXPECT_EQ(place.host.heard(), heard);
+        }
+        place.reader->comeBack();
+        EXPECT_EQ(operation.run(), kOk);
+        EXPECT_EQ(place.host.heard(), "+");
+    }
+    lose();
+    place.reader->comeBack();
+    const std::uint32_t before = place.reader->commandCount(0x26);
+    EXPECT_EQ(getTag(), kOk);
+    EXPECT_EQ(place.reader->commandCount(0x26) - before, isMf500UnderTest() ? 0u : 2u) << "and so is LED 3";
+}
+
+// A cancelled thread goes on to the end of the operation.
+TEST_F(ALostReader, MayBeOpenedByACancelledThread) {
+    place.host.onChange = [](bool) {
+        ::pthread_cancel(::pthread_self());
+        ::pthread_testcancel();
+    };
+    const std::function<void()> operations[] = {[&] { place.poll(); }, [&] { EXPECT_EQ(getTag(), kOk); }};
+    for (const auto& operation : operations) {
+        lose();
+        place.reader->comeBack();
+        bool isOver = false;
+        std::thread([&] {
+            operation();
+            isOver = true;
+        }).join();
+        EXPECT_TRUE(isOver);
+        EXPECT_EQ(place.host.heard(), "-+");
+    }
+}
+
+}  // namespace
