@@ -106,7 +106,9 @@ TEST_F(TheReader, IsConfiguredInAtMostTwoTries) {
     place.spoil(Op::configure, "2 " + place.refusal());
     EXPECT_FALSE(adaptor.initReader());
     const std::uint32_t heard = place.heardInAll();
-    adaptor.switchReaderLED(2, 1, 9);
+    std::uint8_t id[6];
+    std::uint16_t length = 0;
+    adaptor.getReaderId(id, length);
     EXPECT_EQ(place.heardInAll(), heard) << "closed after the failure";
     EXPECT_TRUE(adaptor.initReader());
 }

@@ -171,6 +171,7 @@ TEST_F(ReaderChange, MayHappenUnderTheWholeInterfaceOnManyThreads) {
     EXPECT_EQ(strange, 0);
     EXPECT_GT(found, 0);
     scan();
+    ASSERT_TRUE(ai.initReader()) << "another adaptor may have had the device last";
     EXPECT_EQ(place.poll(true), kFoundOn[kMf500]);
     EXPECT_EQ(open(), "mf500");
     place.adaptor.reset();
