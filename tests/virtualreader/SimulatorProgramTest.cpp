@@ -5,7 +5,7 @@
 #include "TempDirectory.h"
 
 #include "MifareClassicTag.h"
-#include "Simulator.h"
+#include "LineCommands.h"
 
 #include <filesystem>
 #include <regex>
@@ -181,7 +181,7 @@ TEST(Simulator, SavesWhatChangedWhenTagsLeave) {
         const std::string image = directory.write("tag.mfd", blank("01020304"));
         const std::string kept = directory.write("kept.mfd", blank("01020304"));
         const auto reader = std::make_shared<VirtualTamaReader>();
-        Simulator simulator(reader, {}, save);
+        LineCommands simulator(reader, {}, save);
         EXPECT_EQ(simulator.run("  place " + image + " \r"), "ok tag1\n");
         EXPECT_EQ(simulator.run("place " + kept), "ok tag2\n");
         EXPECT_EQ(simulator.run("place new:card"), "ok tag3\n");
