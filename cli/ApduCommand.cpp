@@ -240,7 +240,7 @@ Option addSources(Options& options, ApduArguments& arguments) {
     const Option words = options
                              .value("HEX", arguments.words,
                                     "Commands, each one argument: bytes in hexadecimal, with blanks and\n"
-                                    "colons as one likes")
+                                    "colons anywhere")
                              .type("...");
     const Option script =
         options.value("--script", arguments.script, "Commands from this file, one a line; # begins a comment")

@@ -10,7 +10,7 @@
 /// The longest command APDU of ISO/IEC 7816-4: header, extended Lc, 65535 bytes of data, extended Le.
 inline constexpr std::size_t kLongestApdu = 4 + 3 + 65535 + 2;
 
-/// Reads the bytes of a command, two hexadecimal digits each, with blanks and colons as one likes.
+/// Reads the bytes of a command, two hexadecimal digits each, with blanks and colons anywhere.
 /// @throws std::invalid_argument that names the first place (a character, counted from 1) that is wrong; and, unless
 /// `raw`, for fewer bytes than the header of an APDU has.
 std::vector<std::uint8_t> commandFromText(std::string_view text, bool raw);

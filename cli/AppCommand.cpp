@@ -51,7 +51,7 @@ Outcome giveSectors(Session& session, const AppArguments& arguments, const TagUI
     for (const OpResultCode& each : records.all())
         if (each.status == kOk) sectors.push_back(each.number);
     session.output().put({{"app", appText(id)}, {"sectors", sectors}},
-                         "application " + appText(id) + " has got " + named("sector", sectors));
+                         "application " + appText(id) + " now has " + named("sector", sectors));
     return Outcome::done;
 }
 

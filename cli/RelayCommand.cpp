@@ -81,7 +81,7 @@ Work setUpRelay(Options& options) {
     options
         .value("HEX", arguments->words,
                "Commands, each one argument: code and parameters in hexadecimal,\n"
-               "with blanks and colons as one likes")
+               "with blanks and colons anywhere")
         .required()
         .type("...");
     options.footer("The reply is shown from its code on. What is changed in the reader this way, the\n"

@@ -41,7 +41,7 @@ class TagMemoryTest : public QvltagTest {
     void formatWithApp() {
         deliver("1k:01020304", "tag.mfd");
         follow({{"format --new-key-b " + kMaster, 0, "formatted: 01020304, Mifare Standard"},
-                {"app init 4711 2" + kMad + kNewKeys, 0, "application 4711 has got sectors 1-2"}});
+                {"app init 4711 2" + kMad + kNewKeys, 0, "application 4711 now has sectors 1-2"}});
     }
     std::string bytes(std::size_t block, std::size_t size = 16) {
         std::string hex;
@@ -100,8 +100,8 @@ TEST_F(TagMemoryTest, ApplicationsComeAndGo) {
     follow({{"app init 0x4711 1" + kMad + kNewKeys, 1, "4711: application exists"},
             {"app init 4712 14" + kMad + kNewKeys, 1, "too few"},
             {"app init 4712 1 --mad-key-b " + kDoorB + kNewKeys, 1, "directory not read"},
-            {"app init 4712 1 --access value" + kMad + kNewKeys, 0, "has got sector 3"},
-            {"app add 4711 1" + kMad + kNewKeys, 0, "application 4711 has got sector 4"},
+            {"app init 4712 1 --access value" + kMad + kNewKeys, 0, "now has sector 3"},
+            {"app add 4711 1" + kMad + kNewKeys, 0, "application 4711 now has sector 4"},
             {"app add 4713 1" + kMad + kNewKeys, 1, "no directory"},
             {"app ls", 0, "4711  sectors 1-2, 4  144 bytes\n4712  sector 3        48 bytes\nfree  sectors 5-15"},
             {"ls --apps", 0, "01020304  Mifare Standard  4711 4712"},

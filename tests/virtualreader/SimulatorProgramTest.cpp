@@ -4,8 +4,8 @@
 #include "HexBytes.h"
 #include "TempDirectory.h"
 
-#include "MifareClassicTag.h"
 #include "LineCommands.h"
+#include "MifareClassicTag.h"
 
 #include <filesystem>
 #include <regex>

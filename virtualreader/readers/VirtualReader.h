@@ -84,7 +84,6 @@ class VirtualReader : private VirtualField::Listener, private WritePower {
     void listen(std::function<void(Bytes command)> listener);
 
   protected:
-
     /// Without a field it makes its own. `suits` tells the faults of the model, see FaultPlan.
     VirtualReader(ReaderOptions options, std::shared_ptr<VirtualField> field, FaultPlan::Suits suits = nullptr);
     /// Takes its place at the field and leaves it: the last thing that a model's constructor does, and the first thing

@@ -14,8 +14,8 @@
 /// What a host sees of an adaptor: the operations, with the answer of an adaptor that does not provide one.
 ///
 /// Results are ServiceStatus codes: 3100 is success of a tag or reader operation. `readerId` is a value of the host
-/// that is carried along. Everything that an operation hands out (`TagUID*&`, `uchar*&`, ...) is new and the host's,
-/// and goes back through freeMemory and nothing else. Any thread may call any operation; operations on tags queue for
+/// that is carried along. Everything that an operation hands out (`TagUID*&`, `uchar*&`, ...) is new and the host's:
+/// release it with freeMemory only. Any thread may call any operation; operations on tags queue for
 /// the reader, those that wait for a tag included. Null outputs, null data with a length, and null
 /// keys that are to be written are refused with 3101.
 ///
@@ -47,8 +47,8 @@ class QVL_API ReaderImpl {
 
     /// One short look into the field. True: a new tag was found, `event` is new, and the tag is halted, so that it
     /// reports once until it leaves the field. False: anything else, and `event` is not touched. Gives way to a running
-    /// operation of this adaptor, and waits for those of others. `forced` finds tags that have reported already; `ignoreSuspend` polls in spite of
-    /// suspendPoll. Opens the reader by itself when it is not ready.
+    /// operation of this adaptor, and waits for those of others. `forced` finds tags that have reported already;
+    /// `ignoreSuspend` polls in spite of suspendPoll. Opens the reader by itself when it is not ready.
     virtual bool pollTag(EventObject*& event, bool forced, bool ignoreSuspend) = 0;
 
     /// Waits for a tag, with an `appType` other than TagAppNone for one with a directory, with `appId` for one that

@@ -69,7 +69,6 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
     /// `led` 0 to 3, `ctrl` on or off, `dur` at most 31.
     short switchLED(std::uint8_t led, std::uint8_t ctrl, std::uint8_t dur) override;
 
-    ReaderTraits traits() override;
     short piccActivateAny(std::uint8_t* atq, std::uint8_t* sak, std::uint8_t* uid, std::uint8_t* uid_len) override;
     short piccSelectKnown(std::uint8_t reqCode, const TagUID& tag, std::optional<std::uint8_t>& sak) override;
     short piccDeselect() override;
@@ -98,7 +97,6 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
 
     // The link.
     QVL_INTERNAL short nfcWrite(const std::uint8_t* data, int len);
-    QVL_INTERNAL short nfcRead() { return nfcRead(mTimeout); }
     QVL_INTERNAL short nfcRead(std::uint32_t timeout);
     QVL_INTERNAL short deviceReady() const;
     QVL_INTERNAL short deviceFailed();

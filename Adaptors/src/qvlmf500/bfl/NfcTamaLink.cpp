@@ -164,7 +164,7 @@ short NfcTamaBfl::writeCommand(const std::uint8_t* plain, std::size_t size, bool
 }
 
 short NfcTamaBfl::readAck(const char* caller) {
-    if (const short status = nfcRead(); status != kBflOk) {
+    if (const short status = nfcRead(mTimeout); status != kBflOk) {
         QVL_LOG(kLogFailure, "NfcTamaBfl::%s - nfcRead failed %d to read ACK frame", caller, status);
         return status;
     }
@@ -180,7 +180,7 @@ short NfcTamaBfl::readAck(const char* caller) {
 }
 
 short NfcTamaBfl::readReply(const char* caller) {
-    if (const short status = nfcRead(); status != kBflOk) {
+    if (const short status = nfcRead(mTimeout); status != kBflOk) {
         QVL_LOG(kLogFailure, "NfcTamaBfl::%s - nfcRead failed %d to read TAMA response", caller, status);
         return status;
     }

@@ -116,8 +116,6 @@ std::shared_ptr<NfcTamaBfl> NfcTamaBfl::acquire() {
 
 BflType NfcTamaBfl::getBflType() { return BflTypeNfcTama; }
 
-ReaderTraits NfcTamaBfl::traits() { return {.doesRats = true, .blocksCarryCrc = false, .firstCid = 0}; }
-
 short NfcTamaBfl::interfaceOpen(std::uint32_t, std::uint32_t) {
     const OperationLock lock = lockOperation();
     interfaceClose();

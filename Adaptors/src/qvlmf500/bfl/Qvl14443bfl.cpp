@@ -61,7 +61,7 @@ void Qvl14443bfl::noteOpened() const {
     if (mUsers.watch != nullptr) mUsers.watch->opened();
 }
 
-// Unless a driver knows better, a reader goes by single steps and leaves the protocol of cards to its host.
+// A driver with another reader says so itself; of these two kinds there are stand-ins as well.
 ReaderTraits Qvl14443bfl::traits() {
     return getBflType() == BflTypeNfcTama ? ReaderTraits{true, false, 0} : ReaderTraits{false, true, 1};
 }
