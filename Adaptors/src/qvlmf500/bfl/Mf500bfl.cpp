@@ -92,6 +92,7 @@ short Mf500bfl::pcdGetFwVersion(std::uint8_t* version, std::uint16_t& versionLen
 }
 
 short Mf500bfl::pcdRfReset(std::uint16_t ms) {
+    const OperationLock lock = lockOperation();
     mLink->isTagAwake = false;
     return run({"pcdRfReset", 0x20}, {ms});
 }
@@ -116,6 +117,7 @@ short Mf500bfl::hostCodeKey(std::uint8_t* key, std::uint8_t* codedKey) {
 }
 
 short Mf500bfl::piccRequest(std::uint8_t reqCode, std::uint8_t* atq) {
+    const OperationLock lock = lockOperation();
     if (reqCode != 0x26 && reqCode != 0x52) return kBflOutOfRange;
     const short status =
         run({"piccRequest", 0x11, "Mf500bfl::piccRequest get param atq failed %d"}, {reqCode}, {{atq, 2}});
@@ -130,6 +132,7 @@ short Mf500bfl::piccCascAnticoll(std::uint8_t selCode, std::uint8_t bitCount, st
 }
 
 short Mf500bfl::piccCascSelect(std::uint8_t selCode, std::uint8_t* snr, std::uint8_t* sak) {
+    const OperationLock lock = lockOperation();
     if (!isSelectCode(selCode)) return kBflOutOfRange;
     const short status = run({"piccCascSelect", 0x42, "Mf500bfl::piccCascSelect get param sak failed %d"},
                              {selCode, {snr, 4}}, {{sak, 1}});
@@ -268,6 +271,7 @@ short Mf500bfl::piccExchangeBlock(std::uint8_t* sendData, std::uint16_t sendLen,
 }
 
 short Mf500bfl::piccHalt() {
+    const OperationLock lock = lockOperation();
     const short status = run({.name = "piccHalt", .code = 0x1D, .hasReplyData = false}, {});
     if (status == kBflOk) mLink->isTagAwake = false;
     return status;
