@@ -161,7 +161,7 @@ class QVL_API Qvl14443bfl {
     struct Users {
         Users() = default;
         Users(const Users&) {}
-        Users& operator=(const Users&) { return *this; }
+        Users& operator=(const Users&) { return *this; }  // NOLINT(bugprone-unhandled-self-assignment): takes nothing
         LinkWatch* watch = nullptr;
         std::shared_ptr<void> openShare = std::make_shared<char>();
     };

@@ -136,7 +136,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl, private TagFinder {
     virtual bool showTagPrompt();
 
   private:
-    std::shared_ptr<Qvl14443bfl> driver() const override { return mTcl->driver(); }
+    std::shared_ptr<Qvl14443bfl> driver() const final { return mTcl->driver(); }
     void tellHost(bool ready) noexcept;
 
     // Lifecycle.cpp
