@@ -128,6 +128,12 @@ TEST(TagOfAnotherType, IsNoStrangerWhileOnlyTheHostSaysItsType) {
     ASSERT_EQ(place.reader->addFaults("4A 1 already awake\n4A 2 already awake\n40 1 status 14"), "");
     EXPECT_EQ(place.read(kPlain, 0, 4, 1, kFactory), kOk);
     EXPECT_EQ(place.tag.getTagType(), kTagStandard);
+
+    // Pages in the host's memory, blocks on the tag: four pages of room do not hold four blocks.
+    place.tag.setTagType(kTagUltralight);
+    ASSERT_EQ(place.reader->addFaults("4A 1 already awake\n4A 2 already awake\n40 1 status 14"), "");
+    EXPECT_NE(place.read(kPlain, 0, 4, 4, kFactory), kOk);
+    EXPECT_EQ(place.tag.getTagType(), kTagUltralight);
 }
 
 TEST(TagOfAnotherType, IsJudgedByWhatTheSelectionSaw) {

@@ -66,7 +66,10 @@ short NfcTamaBfl::badFrame() {
 // Told before anything is scrambled: a command that is not sent takes nothing from the key stream.
 short NfcTamaBfl::deviceReady() const {
     if (!mDevice) return kBflNoDevice;
-    if (mDeviceGone) return kBflDeviceFailed;
+    if (mDeviceGone) {
+        noteFailure(true);  // an adaptor whose watch came after the loss has not heard of it
+        return kBflDeviceFailed;
+    }
     return mayAsk() ? kBflOk : kBflDeviceTimedOut;
 }
 

@@ -20,6 +20,12 @@ constexpr std::size_t kLargestSector = 256;
 constexpr std::uint8_t kIdleRequest = 0x26;
 constexpr std::uint8_t kWakeUpRequest = 0x52;
 
+bool hasSameBlocks(std::uint32_t oneType, std::uint32_t otherType) {
+    const TagTypeInfo one = tagInfoByType(oneType);
+    const TagTypeInfo other = tagInfoByType(otherType);
+    return one.blockSize == other.blockSize && one.sectorCount == other.sectorCount;
+}
+
 }  // namespace
 
 /// A run of blocks, and how a failure among them is told.
@@ -45,7 +51,7 @@ std::size_t SelectedTag::blockSize() const { return tagInfoByType(type()).blockS
 int SelectedTag::activate() {
     if (mTag.getUidLen() > kMostUidBytes) return kNoTag;
     const int status = waitUntilSelected(kIdleRequest);
-    if (status == kOk && mIsSakKnown) holdType();
+    if (status == kOk) holdType();
     return status;
 }
 
@@ -68,10 +74,9 @@ bool SelectedTag::select(std::uint8_t requestCode) {
     if (mTag.getUidLen() == 0 || mTag.getUidLen() > kMostUidBytes) return false;
     std::optional<std::uint8_t> sak;
     if (mDriver->piccSelectKnown(requestCode, mTag, sak) != kBflOk) return false;
-    mIsSakKnown = sak.has_value();
     if (!sak) return true;
     const std::uint32_t found = tagTypeFromSak(*sak);
-    if (mHeldType && found != *mHeldType) {
+    if (mHeldType && !hasSameBlocks(found, *mHeldType)) {
         QVL_LOG(kLogFailure, "Tag selection failed: another type of tag for tagID = 0x%s",
                 HexLine(mTag.getUid(), mTag.getUidLen()).text());
         mDriver->piccHalt();  // left active, it would take what the next sector's commands say

@@ -41,8 +41,8 @@ class SelectedTag {
     int activate();
     /// Selects the tag again after something has failed, waiting for it.
     int wake();
-    /// From here on a tag of another type is not this one, whatever UID it shows: the geometry that the operation
-    /// started with holds to its end.
+    /// From here on a tag whose blocks lie otherwise is not this one, whatever UID it shows: the geometry that the
+    /// operation started with holds to its end. The type itself may have come from the host; a tag corrects it.
     void holdType() { mHeldType = type(); }
     /// Says how the operation ends: with the tag selected or not. Without this a success leaves it selected.
     void endsSelected(bool isSelected) { mEndsSelected = isSelected; }
@@ -77,7 +77,6 @@ class SelectedTag {
     TagUID& mTag;
     WaitBudget& mBudget;
     std::optional<std::uint32_t> mHeldType;
-    bool mIsSakKnown = false;  // by the last selection, so that the type is the tag's own
     std::optional<bool> mEndsSelected;
     bool mIsSelectedAtEnd = false;
 };
