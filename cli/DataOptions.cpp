@@ -30,7 +30,7 @@ std::vector<std::uint8_t> bytesOfFile(const std::string& name) {
 
 std::vector<std::uint8_t> bytesOfDigits(const std::string& text) {
     auto bytes = bytesFromHex(text);
-    if (!bytes) throw std::invalid_argument("\"" + text + "\" is no row of bytes, two hexadecimal digits each");
+    if (!bytes) throw std::invalid_argument("\"" + text + "\" is not a list of bytes with two hexadecimal digits each");
     return *bytes;
 }
 

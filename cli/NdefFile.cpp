@@ -21,7 +21,7 @@ constexpr std::size_t kLastOffset = 0x7FFF;
 std::uint8_t highByte(std::size_t value) { return static_cast<std::uint8_t>(value >> 8); }
 std::uint8_t lowByte(std::size_t value) { return static_cast<std::uint8_t>(value & 0xFF); }
 
-/// The failed exchange behind a complaint.
+/// The exchange that failed, and where.
 struct ExchangeFailed {
     int status;
     std::string where;

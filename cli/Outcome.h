@@ -16,5 +16,5 @@ struct Problem {
     std::string name;     ///< A few words, such as "no tag"; scripts may compare it.
     std::string meaning;  ///< What has happened.
     std::string advice;   ///< What to try; may be empty.
-    int status = 0;       ///< Status of the library behind it; 0 for none.
+    int status = 0;       ///< Status from the library; 0 if it gave none.
 };

@@ -116,8 +116,8 @@ Work setUpPoll(Options& options) {
     options.flag("--once", arguments->once, "A single look, which fails if no tag is there")
         .excludes(count)
         .excludes(seconds);
-    options.footer("Without --count, --for or --once it goes on until Ctrl-C, which is no failure then.\n"
-                   "A reader that is pulled out and plugged in again is told of, and polling goes on.\n\n"
+    options.footer("Without --count, --for or --once it polls until Ctrl-C; it then ends successfully.\n"
+                   "If the reader is unplugged and plugged in again, it says so and polls on.\n\n"
                    "Example: qvltag --virtual new:1k --virtual new:ultralight poll --count 2");
     return [arguments](Session& session) {
         Poll poll(session, *arguments);

@@ -316,7 +316,7 @@ TEST_F(TagMemoryTest, WrongLinesAreRefusedBeforeAReaderIsTouched) {
         {"from 6 to FFFF", {"read 4 --app 5", "app reset 10000 1 --mad-key-b mad --key mad"}},
         {"requires --mad-key", {"read 4 --mad-key-type b"}},
         {"give the data as HEX, with --text or with --file", {"write 4", "write 4 00 --text x"}},
-        {"\"123\" is no row of bytes", {"write 4 123"}},
+        {"\"123\" is not a list of bytes", {"write 4 123"}},
         {"", {"write 4 --text \"\""}},
         {"no tag holds more than 4096 bytes", {"write 4 --file " + big}},
         {"cannot be read", {"write 4 --file none", "restore none.mfd"}},

@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <memory>
 
-/// The library behind an MF RC500 reader: commands as objects, a protocol that carries them, and the interface to the
-/// device. The driver knows these operations and nothing of the messages.
+/// The closed library of an MF RC500 reader: commands as objects, a protocol that carries them, and the interface to
+/// the device. The driver knows these operations and nothing of the messages.
 ///
 /// This implementation speaks one message a command to the first device of the reader's interface classes: command code
 /// and command buffer out; status, 16 bits signed, and data buffer back. Words and longs travel low byte first.

@@ -3,7 +3,7 @@
 #include "DeviceNode.h"
 #include "TamaDevice.h"
 
-/// A reader behind a device path that moves one frame per read and per write. Both directions are bounded by the given
+/// A reader at a device path that moves one frame per read and per write. Both directions are bounded by the given
 /// time-out.
 class TamaFileDevice : public TamaDevice {
   public:
