@@ -76,7 +76,7 @@ TEST_F(OnAScriptedTag, IsWaitedForOutOfOneBudget) {
 
 TEST_F(OnAScriptedTag, IsNotWaitedForOnAReaderThatIsLost) {
     LinkWatch watch;
-    driver->watchLink(&watch);
+    ASSERT_TRUE(driver->watchLink(watch));
     driver->refuse("s52", 100);
     driver->onCommand = [&watch] { watch.timedOut(); };
     EXPECT_EQ(tag.wake(), kCancelled);
@@ -87,7 +87,7 @@ TEST_F(OnAScriptedTag, IsNotWaitedForOnAReaderThatIsLost) {
     driver->onCommand = [&watch] { watch.failed(true); };
     EXPECT_EQ(tag.wake(), kWaitOver);
     EXPECT_EQ(clock.paused(), 100u);
-    driver->watchLink(nullptr);
+    driver->unwatchLink();
 }
 
 TEST_F(OnAScriptedTag, OfAnotherTypeIsNotThisOne) {
@@ -165,7 +165,7 @@ TEST_F(OnAScriptedTag, IsHaltedAtItsEndIfItIsStillSelected) {
     for (const auto& [told, heard] : ends) {
         {
             SelectedTag one(driver, id, budget);
-            if (told) one.endsSelected(*told);
+            if (told) one.leaveSelected(*told);
             EXPECT_EQ(one.end(kOk), kOk);
         }
         EXPECT_EQ(driver->heard(), heard);

@@ -128,7 +128,7 @@ int QvlMf500ReaderImpl::changeApp(bool isNew, TagAppType appType, const TagUID& 
         OpRecords records;
         const int status = appType == TagAppNone ? PlainSectors(selected).add(wanted, done, records)
                                                  : AppSectors(selected).add(wanted, isNew, done, records);
-        if (status == kPartial) selected.endsSelected(records.lastStatus() == kOk);
+        if (status == kPartial) selected.leaveSelected(records.lastStatus() == kOk);
         records.release(resultCount, results);
         return status;
     });

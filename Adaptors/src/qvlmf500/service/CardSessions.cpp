@@ -50,7 +50,7 @@ int CardSessions::waitFor(int timeoutMs, Activate activate) {
     PromptWait wait(limit);
     WaitBudget budget(wait);
     return budget.wait(
-        WaitBudget::Reading::beforePause, [&](std::uint32_t) { return activate() == kTclOk; },
+        WaitBudget::ClockRead::beforePause, [&](std::uint32_t) { return activate() == kTclOk; },
         [this] { return mCards.driver()->isReaderLost(); });
 }
 

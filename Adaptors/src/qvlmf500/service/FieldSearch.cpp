@@ -22,7 +22,7 @@ bool hasEntry(const std::uint8_t* directory, const std::uint8_t* aid) {
 
 int FieldSearch::waitForAny(TagUID& tag) {
     return mBudget.wait(
-        WaitBudget::Reading::afterPause, [&](std::uint32_t) { return mFinder.getTagIdOnce(tag, true) == kOk; },
+        WaitBudget::ClockRead::afterPause, [&](std::uint32_t) { return mFinder.getTagIdOnce(tag, true) == kOk; },
         [this] { return mFinder.isReaderLost(); });
 }
 

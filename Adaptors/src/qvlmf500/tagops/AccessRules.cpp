@@ -6,8 +6,6 @@
 #include "TagSizes.h"
 #include "ValueBlock.h"
 
-namespace {}  // namespace
-
 // 3100, 3124, 3127.
 int AccessRules::readConditions(const KeyUse& key, int sector, Trailer& trailer) {
     if (mTag.readTrailer(sector, key, trailer) != kOk) return kTrailerNotRead;
@@ -120,7 +118,7 @@ int AccessRules::changeTrailers(const TrailerChange& change, OpRecords& records,
         anyFailed = true;
         if (i + 1 < list.count) current = mTag.wake();
     }
-    mTag.endsSelected(current == kOk);
+    mTag.leaveSelected(current == kOk);
     return anyFailed ? kPartial : kOk;
 }
 

@@ -134,7 +134,7 @@ int AppSectors::remove(const SectorsToRemove& wanted) {
     const Login login = wanted.count > 0 ? Login::anew : Login::asIs;
     if (directory.write(image, dirty, login) != kOk) return failed("removeAppSector", kDirectoryNotWritten);
     if (failures == 0) return kOk;
-    mTag.endsSelected(last == kOk);
+    mTag.leaveSelected(last == kOk);
     return kPartial;
 }
 

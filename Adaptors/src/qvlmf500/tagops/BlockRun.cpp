@@ -107,7 +107,7 @@ int BlockRun::walk(OpRecords& records, Move move) {
         anyFailed = true;
         current = mTag.wake();
     }
-    mTag.endsSelected(current == kOk);
+    mTag.leaveSelected(current == kOk);
     return anyFailed ? kPartial : kOk;
 }
 

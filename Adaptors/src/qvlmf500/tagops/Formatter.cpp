@@ -79,7 +79,7 @@ int Formatter::format(TagAppType appType, const std::uint8_t* keyA, const std::u
         current = mTag.write({0, kFirstWritable, kDirectoryBlocks}, {keyB, AuthKeyB}, Login::anew,
                              {bad.image().data(), mad::kSize});
     records = std::move(all);
-    mTag.endsSelected(current == kOk);
+    mTag.leaveSelected(current == kOk);
     return bad.any() ? kPartial : kOk;
 }
 
@@ -97,6 +97,6 @@ int Formatter::unformat(TagAppType appType, const std::uint8_t* key, int* status
         if (sector == 0 && appType != TagAppNone) return kDirectoryNotWritten;
         anyFailed = true;
     }
-    mTag.endsSelected(last == kOk);
+    mTag.leaveSelected(last == kOk);
     return anyFailed ? kPartial : kOk;
 }

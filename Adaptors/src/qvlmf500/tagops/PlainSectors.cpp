@@ -65,6 +65,6 @@ int PlainSectors::remove(const SectorsToRemove& wanted) {
         anyFailed = true;
         if (i + 1 < wanted.count) mTag.wake();
     }
-    mTag.endsSelected(!anyFailed || status == kOk);
+    mTag.leaveSelected(!anyFailed || status == kOk);
     return anyFailed ? kPartial : kOk;
 }

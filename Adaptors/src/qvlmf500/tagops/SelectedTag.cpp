@@ -38,11 +38,11 @@ struct SelectedTag::Move {
 };
 
 SelectedTag::~SelectedTag() {
-    if (mIsSelectedAtEnd) mDriver->piccHalt();
+    if (mNeedsHalt) mDriver->piccHalt();
 }
 
 int SelectedTag::end(int status) {
-    mIsSelectedAtEnd = mEndsSelected.value_or(status == kOk);
+    mNeedsHalt = mLeaveSelected.value_or(status == kOk);
     return status;
 }
 
@@ -61,7 +61,7 @@ int SelectedTag::wake() { return waitUntilSelected(kWakeUpRequest); }
 int SelectedTag::waitUntilSelected(std::uint8_t requestCode) {
     std::uint8_t code = kWakeUpRequest;
     return mBudget.wait(
-        WaitBudget::Reading::beforePause,
+        WaitBudget::ClockRead::beforePause,
         [&](std::uint32_t elapsedMs) {
             if (select(code)) return true;
             code = elapsedMs == 0 ? requestCode : kWakeUpRequest;

@@ -45,7 +45,7 @@ class SelectedTag {
     /// operation started with holds to its end. The type itself may have come from the host; a tag corrects it.
     void holdType() { mHeldType = type(); }
     /// Says how the operation ends: with the tag selected or not. Without this a success leaves it selected.
-    void endsSelected(bool isSelected) { mEndsSelected = isSelected; }
+    void leaveSelected(bool isSelected) { mLeaveSelected = isSelected; }
     /// The way out of the operation. @return `status`
     int end(int status);
 
@@ -77,6 +77,6 @@ class SelectedTag {
     TagUID& mTag;
     WaitBudget& mBudget;
     std::optional<std::uint32_t> mHeldType;
-    std::optional<bool> mEndsSelected;
-    bool mIsSelectedAtEnd = false;
+    std::optional<bool> mLeaveSelected;
+    bool mNeedsHalt = false;
 };

@@ -22,14 +22,14 @@ class TagWait {
 class WaitBudget {
   public:
     /// When a wait reads the clock: what it measures decides whether there is another attempt.
-    enum class Reading { beforePause, afterPause };
+    enum class ClockRead { beforePause, afterPause };
 
     explicit WaitBudget(TagWait& wait) : mWait(wait) {}
 
     /// Attempts until one succeeds, the time is over, the wait is cancelled or the reader is lost. With nothing left
     /// there is one attempt. @return 3100, 3121 or 3122.
     template <typename Attempt, typename IsLost>
-    int wait(Reading reading, Attempt attempt, IsLost isLost);
+    int wait(ClockRead clockRead, Attempt attempt, IsLost isLost);
 
   private:
     TagWait& mWait;
@@ -37,7 +37,7 @@ class WaitBudget {
 };
 
 template <typename Attempt, typename IsLost>
-int WaitBudget::wait(Reading reading, Attempt attempt, IsLost isLost) {
+int WaitBudget::wait(ClockRead clockRead, Attempt attempt, IsLost isLost) {
     if (mWait.limitMs() == 0) return kWaitOver;
     platform::Clock& clock = platform::Clock::current();
     const std::uint32_t start = clock.tick();
@@ -50,10 +50,10 @@ int WaitBudget::wait(Reading reading, Attempt attempt, IsLost isLost) {
             status = mWait.mayPause() ? kWaitOver : kCancelled;
             break;
         }
-        if (reading == Reading::beforePause) elapsed = clock.tick() - start;
+        if (clockRead == ClockRead::beforePause) elapsed = clock.tick() - start;
         status = isLastAttempt ? int{kWaitOver} : mWait.pause();
         if (status != kOk) break;
-        if (reading == Reading::afterPause) elapsed = clock.tick() - start;
+        if (clockRead == ClockRead::afterPause) elapsed = clock.tick() - start;
         if (!isOver()) continue;
         status = kWaitOver;
         break;
