@@ -18,6 +18,7 @@
 #include <functional>
 #include <new>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -122,7 +123,7 @@ TEST_F(Link, RefusesWhatIsNoAckOrNoReply) {
         {"the reader's status", ack(), rsp("41 14"), 0x14},
     };
     LinkWatch watch;
-    driver->watchLink(&watch);
+    ASSERT_TRUE(driver->watchLink(watch));
     for (const auto& bad : cases) {
         script->expects({}).answers(bad.ackFrame);
         if (bad.ackFrame == ack()) script->answers(bad.reply);
@@ -131,7 +132,7 @@ TEST_F(Link, RefusesWhatIsNoAckOrNoReply) {
             bad.status >= 0 || bad.status == kBflErrorFrame || bad.what == std::string("no status byte");
         EXPECT_NE(watch.isBroken(), isSound) << bad.what;
     }
-    driver->watchLink(nullptr);
+    driver->unwatchLink();
 }
 
 TEST_F(Link, CountsFramesAboveTheBufferOnlyAsBad) {
@@ -155,9 +156,15 @@ TEST_F(Link, TellsAFailedDeviceFromASilentOne) {
     script->gone = true;
     script->writeFails(kDeviceFailed);  // one failure is not the end, but that the device is gone
     expectFailure(kBflDeviceFailed);
+    LinkWatch late;
+    ASSERT_TRUE(driver->watchLink(late));
     expectFailure(kBflDeviceFailed);  // it is not asked again
+    EXPECT_TRUE(late.isLost()) << "whoever watches from now on hears of it too";
+    EXPECT_TRUE(driver->isDeviceGone());
+    driver->unwatchLink();
     script->gone = false;
     driver->interfaceOpen(49, 0);
+    EXPECT_FALSE(driver->isDeviceGone());
     script->writeFails(kDeviceFailed);
     expectFailure(kBflDeviceFailed);
     driver->interfaceClose();
@@ -166,7 +173,7 @@ TEST_F(Link, TellsAFailedDeviceFromASilentOne) {
 
 TEST_F(Link, GivesASilentReaderUpUntilTheNextOperation) {
     LinkWatch watch;
-    driver->watchLink(&watch);
+    ASSERT_TRUE(driver->watchLink(watch));
     for (const bool isAcknowledged : {false, true}) {  // an ACK alone is no sign of life
         for (int i = 0; i < 3; ++i) {
             script->expects({});
@@ -177,11 +184,15 @@ TEST_F(Link, GivesASilentReaderUpUntilTheNextOperation) {
         const std::size_t sent = script->written.size();
         EXPECT_EQ(command("4A 01 00"), kBflDeviceTimedOut);
         EXPECT_EQ(script->written.size(), sent) << "the fourth command is not sent";
+        LinkWatch nested;
+        EXPECT_FALSE(driver->watchLink(nested));
+        EXPECT_TRUE(driver->isReaderLost());
+        std::thread([this] { EXPECT_FALSE(driver->isReaderLost()) << "another thread has lost nothing"; }).join();
         watch = {};  // the next operation has one of its own
         script->dialogue("4A 01 00", "4B 00");
         EXPECT_EQ(command("4A 01 00"), kBflOk);
     }
-    driver->watchLink(nullptr);
+    driver->unwatchLink();
 }
 
 TEST_F(Link, AsksOnceForTheReadersNumberAfterAFailedCommand) {

@@ -151,7 +151,7 @@ TEST_P(Recovery, NoLateReplyEntersTheAgreement) {
 
 TEST_P(Recovery, ASilentReaderCostsOneTimeOutACommandAndThreeAnOperation) {
     LinkWatch watch;
-    driver->watchLink(&watch);
+    ASSERT_TRUE(driver->watchLink(watch));
     reader->addFault("any 1 no answer");
     EXPECT_EQ(number(), kBflDeviceTimedOut);
     EXPECT_EQ(number(), kBflOk);
@@ -166,7 +166,7 @@ TEST_P(Recovery, ASilentReaderCostsOneTimeOutACommandAndThreeAnOperation) {
     const std::uint64_t start = clock.nowMs();
     EXPECT_EQ(number(), kBflDeviceTimedOut);
     EXPECT_EQ(clock.nowMs(), start);
-    driver->watchLink(nullptr);
+    driver->unwatchLink();
     reader->clearFaults();
     EXPECT_EQ(number(), kBflOk);
 }

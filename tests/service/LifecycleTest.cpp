@@ -210,6 +210,19 @@ TEST(TwoAdaptors, ShareTheOneDriver) {
         }
 }
 
+TEST(TwoAdaptors, KeepTheReaderOpenForEachOther) {
+    if (isMf500UnderTest()) GTEST_SKIP() << "each has a driver of its own, and the device serves one at a time";
+    Workplace place;
+    place.placeClassic();
+    ASSERT_TRUE(place.start().initReader());
+    Host otherHost;
+    const std::unique_ptr<ReaderImpl> other(createAdaptorInstance(&otherHost));
+    place.reader->addFaults("any from 1 no answer");
+    EXPECT_FALSE(other->initReader());
+    place.reader->clearFaults();
+    EXPECT_EQ(place.poll(true), "deadbeef 2002") << "a start of the other that failed closed the reader of this one";
+}
+
 // A child of a fork has the memory of the adaptor, and not the reader.
 TEST_F(TheReader, HearsNothingOfAForkedChildThatDeletesTheAdaptor) {
     ASSERT_TRUE(adaptor.initReader());

@@ -84,6 +84,16 @@ TEST_F(ALostReader, IsOpenedAnewByWhateverIsAskedNext) {
     EXPECT_EQ(place.reader->commandCount(0x26) - before, isMf500UnderTest() ? 0u : 2u) << "and so is LED 3";
 }
 
+// The command of LED 3 turns it over: a reader that kept its power would go dark.
+TEST_F(ALostReader, KeepsItsLedsIfItWasOnlySilent) {
+    if (isMf500UnderTest()) GTEST_SKIP() << "it has no LEDs";
+    ASSERT_EQ(place.reader->addFaults("4A 1 no reply"), "");
+    const std::uint32_t before = place.reader->commandCount(0x26);
+    place.poll();
+    EXPECT_EQ(place.host.heard(), "-+");
+    EXPECT_EQ(place.reader->commandCount(0x26) - before, 1u);
+}
+
 // A cancelled thread goes on to the end of the operation.
 TEST_F(ALostReader, MayBeOpenedByACancelledThread) {
     place.host.onChange = [](bool) {

@@ -13,7 +13,8 @@ class QVL_API TagPromptSurface {
     /// adaptor: the operation holds the reader lock.
     /// @return false if no prompt could be made.
     virtual bool show() = 0;
-    /// Called on the same thread when the prompt goes away, after a show() that gave true. Returns promptly.
+    /// Called on the same thread when the prompt goes away, after a show() that gave true. Returns promptly and does
+    /// not call the adaptor: the next operation may hold the reader lock and wait for this prompt to go away.
     virtual void hide() = 0;
 };
 

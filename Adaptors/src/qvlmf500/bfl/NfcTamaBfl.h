@@ -73,6 +73,7 @@ class QVL_API NfcTamaBfl : public Qvl14443bfl {
     short piccSelectKnown(std::uint8_t reqCode, const TagUID& tag, std::optional<std::uint8_t>& sak) override;
     short piccDeselect() override;
     short pcdRelay(std::uint8_t* cmd, int len, std::uint8_t*& reply, int& replyLen) override;
+    bool isDeviceGone() override;
 
     /// One command and its reply with all checks. `cmd` holds command code and data, 1 to 254 bytes. On 0 the reply
     /// stands in the receiving buffer, unscrambled.

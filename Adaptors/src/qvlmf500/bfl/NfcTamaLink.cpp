@@ -63,6 +63,11 @@ short NfcTamaBfl::badFrame() {
     return kBflBadFrame;
 }
 
+bool NfcTamaBfl::isDeviceGone() {
+    const OperationLock lock = lockOperation();
+    return mDeviceGone;
+}
+
 // Told before anything is scrambled: a command that is not sent takes nothing from the key stream.
 short NfcTamaBfl::deviceReady() const {
     if (!mDevice) return kBflNoDevice;

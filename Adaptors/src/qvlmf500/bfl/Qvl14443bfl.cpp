@@ -23,42 +23,46 @@ void Qvl14443bfl::setDeviceName(const std::uint8_t* name) {
 
 std::uint8_t* Qvl14443bfl::getDeviceName() { return mDeviceName; }
 
-void Qvl14443bfl::operationBegins() {
+bool Qvl14443bfl::watchLink(LinkWatch& watch) {
     const OperationLock lock = lockOperation();
-    if (mUsers.watch != nullptr) *mUsers.watch = {};
+    return mUsers.watches.try_emplace(std::this_thread::get_id(), &watch).second;
 }
 
-void Qvl14443bfl::watchLink(LinkWatch* watch) {
+void Qvl14443bfl::unwatchLink() {
     const OperationLock lock = lockOperation();
-    mUsers.watch = watch;
-}
-
-LinkWatch* Qvl14443bfl::linkWatch() {
-    const OperationLock lock = lockOperation();
-    return mUsers.watch;
+    mUsers.watches.erase(std::this_thread::get_id());
 }
 
 bool Qvl14443bfl::isReaderLost() {
     const OperationLock lock = lockOperation();
-    return mUsers.watch != nullptr && mUsers.watch->isLost();
+    const LinkWatch* const watch = linkWatch();
+    return watch != nullptr && watch->isLost();
 }
 
-bool Qvl14443bfl::mayAsk() const { return mUsers.watch == nullptr || mUsers.watch->mayAsk(); }
+LinkWatch* Qvl14443bfl::linkWatch() const {
+    const auto found = mUsers.watches.find(std::this_thread::get_id());
+    return found == mUsers.watches.end() ? nullptr : found->second;
+}
+
+bool Qvl14443bfl::mayAsk() const {
+    const LinkWatch* const watch = linkWatch();
+    return watch == nullptr || watch->mayAsk();
+}
 
 void Qvl14443bfl::noteAnswer() const {
-    if (mUsers.watch != nullptr) mUsers.watch->answered();
+    if (LinkWatch* const watch = linkWatch()) watch->answered();
 }
 
 void Qvl14443bfl::noteTimeOut() const {
-    if (mUsers.watch != nullptr) mUsers.watch->timedOut();
+    if (LinkWatch* const watch = linkWatch()) watch->timedOut();
 }
 
 void Qvl14443bfl::noteFailure(bool isGone) const {
-    if (mUsers.watch != nullptr) mUsers.watch->failed(isGone);
+    if (LinkWatch* const watch = linkWatch()) watch->failed(isGone);
 }
 
 void Qvl14443bfl::noteOpened() const {
-    if (mUsers.watch != nullptr) mUsers.watch->opened();
+    if (LinkWatch* const watch = linkWatch()) watch->opened();
 }
 
 // A driver with another reader says so itself; of these two kinds there are stand-ins as well.
@@ -146,5 +150,7 @@ short Qvl14443bfl::piccHalt() { return kBflNotImplemented; }
 short Qvl14443bfl::piccDeselect() { return kBflNotImplemented; }
 
 short Qvl14443bfl::pcdRelay(std::uint8_t*, int, std::uint8_t*&, int&) { return kBflNotImplemented; }
+
+bool Qvl14443bfl::isDeviceGone() { return false; }
 
 short Qvl14443bfl::switchLED(std::uint8_t, std::uint8_t, std::uint8_t) { return kBflNotImplemented; }

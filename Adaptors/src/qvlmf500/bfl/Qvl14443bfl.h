@@ -4,9 +4,11 @@
 #include "QvlExport.h"
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 class LinkWatch;
 class TagUID;
@@ -112,11 +114,12 @@ class QVL_API Qvl14443bfl {
     virtual short piccHalt();
     virtual short switchLED(std::uint8_t led, std::uint8_t ctrl, std::uint8_t dur);
 
-    /// A new operation of the user begins: the watch, if there is one, forgets what it has seen.
-    virtual void operationBegins();
-    /// From here on the driver reports its exchanges to `watch`, and fails at once what the watch has given up. Null,
-    /// the default: every command is sent. The watch stays the caller's.
-    virtual void watchLink(LinkWatch* watch);
+    /// From here on the driver reports to `watch` what this thread exchanges, and fails at once what the watch has
+    /// given up. Without one, every command is sent. The watch stays the caller's until unwatchLink() on the same
+    /// thread.
+    /// @return false, and nothing changes, if this thread has a watch in place.
+    virtual bool watchLink(LinkWatch& watch);
+    virtual void unwatchLink();
     virtual ReaderTraits traits();
     /// Finds a tag after a reset of the field, halted ones included. A reader that keeps a failure of its device to
     /// itself reports no tag.
@@ -128,13 +131,14 @@ class QVL_API Qvl14443bfl {
     virtual short piccDeselect();
     /// A raw command of the reader. `reply` becomes a new buffer that the caller deletes as an array. 3139: none.
     virtual short pcdRelay(std::uint8_t* cmd, int len, std::uint8_t*& reply, int& replyLen);
+    /// The device went away since it was opened, and the reader lost its power with it.
+    virtual bool isDeviceGone();
 
     /// Held by each user that has opened the reader, so that nobody closes it under another one.
     std::shared_ptr<void> openShare() const { return mUsers.openShare; }
     bool isOpenForOthers() const { return mUsers.openShare.use_count() > 1; }
 
-    LinkWatch* linkWatch();
-    /// The reader is gone or silent, as the watch has it; false without a watch.
+    /// The reader is gone or silent, according to the watch of this thread; false without one.
     bool isReaderLost();
 
   protected:
@@ -145,7 +149,7 @@ class QVL_API Qvl14443bfl {
     /// The levels of a cascade, after the request.
     QVL_INTERNAL short selectByUid(const TagUID& tag, std::optional<std::uint8_t>& sak);
 
-    // What a driver tells its watch, if it has one.
+    // What a driver tells the watch of the calling thread, if there is one.
     QVL_INTERNAL bool mayAsk() const;
     QVL_INTERNAL void noteAnswer() const;
     QVL_INTERNAL void noteTimeOut() const;
@@ -156,13 +160,15 @@ class QVL_API Qvl14443bfl {
     std::uint8_t mDeviceName[256];
 
   private:
+    QVL_INTERNAL LinkWatch* linkWatch() const;
+
     std::shared_ptr<std::recursive_mutex> mOperationMutex;
     /// A copy of a driver has users of its own.
     struct Users {
         Users() = default;
         Users(const Users&) {}
         Users& operator=(const Users&) { return *this; }  // NOLINT(bugprone-unhandled-self-assignment): takes nothing
-        LinkWatch* watch = nullptr;
+        std::map<std::thread::id, LinkWatch*> watches;
         std::shared_ptr<void> openShare = std::make_shared<char>();
     };
     Users mUsers;

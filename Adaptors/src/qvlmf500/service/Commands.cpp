@@ -207,8 +207,8 @@ int CommandRun::relay() {
 int QvlMf500ReaderImpl::runCommand(int id, QVLParamCollection& in, QVLParamCollection*& out) {
     return guarded("runCommand", int{kReaderFailed}, [&]() -> int {
         const ReaderLock lock(mReader);
-        const TagPromptScope prompt(*this);
         if (id != kNothing) revive();
+        const TagPromptScope prompt(*this);
         CardSessions sessions(*mTcl, mSuspendTime);
         return CommandRun(*this, sessions, in, out).run(id);
     });

@@ -146,7 +146,8 @@ bool QvlMf500ReaderImpl::configured(Qvl14443bfl& bfl) {
         if (status == kBflOk) return true;
     }
     QVL_LOG(kLogFailure, "QVLReader initialization failed: Configuration error %d", status);
-    bfl.interfaceClose();
+    mOpenShare.reset();
+    if (!bfl.isOpenForOthers()) bfl.interfaceClose();
     return false;
 }
 
@@ -211,10 +212,11 @@ void QvlMf500ReaderImpl::reopen(int bflStatus) {
     using Loss = ReaderState::Loss;
     QVL_LOG(kLogFailure, "interface encountering problems %d. Trying to reopen", bflStatus);
     const ReaderLock lock(mReader);  // not under an operation of another thread
+    // LED 3 is a switch: its command goes only to a reader that has come up dark.
+    if (driver()->isDeviceGone()) mCtrl = false;
     driver()->interfaceClose();
     mOpenShare.reset();
     mReader.mInitialised = false;  // a host that calls back now must not meet the closed device again
-    mCtrl = false;                 // the reader may have lost its power, and its lights
     if (mReader.mLoss.exchange(Loss::beingReopened) != Loss::told) tellHost(false);
     const bool isReady = initReader();
     mReader.mLoss = isReady ? Loss::none : Loss::told;

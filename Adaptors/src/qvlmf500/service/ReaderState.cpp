@@ -25,21 +25,23 @@ ReaderState::ReaderState(const QvlTcl& cards) : mCards(cards), mMutex(makeReader
 
 WatchedLink::WatchedLink(ReaderState& reader, Purpose purpose) : mReader(reader), mPurpose(purpose) {
     auto driver = mReader.mCards.driver();
-    if (!driver || driver->linkWatch() != nullptr) return;
-    mWatched = std::move(driver);
-    mWatched->watchLink(&mWatch);
+    if (driver && driver->watchLink(mWatch)) mWatched = std::move(driver);
 }
 
 WatchedLink::~WatchedLink() {
     if (!mWatched) return;
-    mWatched->watchLink(nullptr);
+    mWatched->unwatchLink();
     const bool isLost = mWatch.isLost() || mWatch.isBroken();
-    if (isLost && mReader.isReady() && mPurpose == Purpose::operation) mReader.mLoss = ReaderState::Loss::noted;
+    const bool isInPlace = mReader.isReady() && mReader.mCards.driver() == mWatched;
+    if (isLost && isInPlace && mPurpose == Purpose::operation) mReader.mLoss = ReaderState::Loss::noted;
 }
 
 ReaderLock::Held::Held(ReaderState& state) : reader(state) {
     static const platform::NamedMutex::LongWait tell = [](long holder) {
-        QVL_LOG(kLogFailure, "ReaderLock: waits for the reader, which process %ld holds", holder);
+        if (holder != 0)
+            QVL_LOG(kLogFailure, "ReaderLock: waiting for the reader, held by process %ld", holder);
+        else
+            QVL_LOG(kLogFailure, "ReaderLock: waiting for the reader, held by another process or thread");
     };
     if (reader.mMutex) reader.mMutex->lock(tell);
     reader.mPendingCalls.fetch_add(1);

@@ -13,7 +13,12 @@
 class ReaderState {
   public:
     /// What the adaptor knows of a reader that was lost.
-    enum class Loss : std::uint8_t { none, noted, told, beingReopened };
+    enum class Loss : std::uint8_t {
+        none,
+        noted,          ///< An operation has lost it; the host has not heard of it yet.
+        told,           ///< The host has, and the reader could not be opened anew.
+        beingReopened,  ///< What happens now is neither a new loss nor to be acted on.
+    };
 
     /// `cards` holds the driver.
     explicit ReaderState(const QvlTcl& cards);
@@ -35,7 +40,7 @@ class ReaderState {
 };
 
 /// One operation, as far as the link of the driver goes: how long it puts up with a silent reader, and whether it has
-/// lost one. The outermost scope counts.
+/// lost one. The outermost scope of a thread counts.
 class WatchedLink {
   public:
     /// What a start of the reader meets is its own result: it is no loss for the next operation to act on.
@@ -48,7 +53,7 @@ class WatchedLink {
   private:
     ReaderState& mReader;
     Purpose mPurpose;
-    std::shared_ptr<Qvl14443bfl> mWatched;  // null if another scope watches
+    std::shared_ptr<Qvl14443bfl> mWatched;  // null if an outer scope watches
     LinkWatch mWatch;
 };
 
