@@ -139,7 +139,7 @@ class ReportWhileBlocked {
 }  // namespace
 
 std::string systemLockDirectory(const std::string& run) {
-    const std::string ofGroup = run + "/qvlreader", shared = run + "/lock";
+    std::string ofGroup = run + "/qvlreader", shared = run + "/lock";
     struct stat status;
     if (::stat(ofGroup.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && isOfGroup(status)) return ofGroup;
     if (::stat(shared.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && (status.st_mode & S_IWOTH) != 0)

@@ -45,6 +45,7 @@ struct Settings {
 
 std::vector<std::string> knownClasses() {
     std::vector<std::string> all;
+    all.reserve(kReaderClasses.size());
     for (const ReaderClass& each : kReaderClasses)
         all.emplace_back(each.guid);
     return all;
