@@ -84,6 +84,13 @@ void askToClose(Prompt& p) {
     if (p.state == PromptState::starting || p.state == PromptState::up) p.enter(PromptState::closing);
 }
 
+// Another adaptor may put up the next one at once; only the one that stood here is waited for.
+void closeAndWait(Prompt& p, std::unique_lock<std::mutex>& lock) {
+    askToClose(p);
+    const unsigned stood = p.generation;
+    p.changed.wait(lock, [&p, stood] { return p.state == PromptState::none || p.generation != stood; });
+}
+
 }  // namespace
 
 PromptStart startTagPrompt(const void* owner) {
@@ -118,11 +125,7 @@ platform::ManualResetEvent& tagPromptEvent() { return prompt().gTagPromptEvent; 
 void endTagPrompt(const void* owner) {
     Prompt& p = prompt();
     std::unique_lock lock(p.mutex);
-    if (p.state == PromptState::none || p.owner != owner) return;
-    askToClose(p);
-    // Another adaptor may put up the next one at once; only the one that stood here is waited for.
-    const unsigned stood = p.generation;
-    p.changed.wait(lock, [&p, stood] { return p.state == PromptState::none || p.generation != stood; });
+    if (p.owner == owner) closeAndWait(p, lock);
 }
 
 void setTagPromptSurface(TagPromptSurface* surface) {
@@ -130,10 +133,9 @@ void setTagPromptSurface(TagPromptSurface* surface) {
     std::unique_lock lock(p.mutex);
     if (surface != nullptr && surface == p.surface) return;
     p.surface = surface;
-    askToClose(p);
-    p.changed.wait(lock, [&p] { return p.state == PromptState::none; });
+    closeAndWait(p, lock);
     lock.unlock();
-    p.threads.waitUntilNone();
+    if (surface == nullptr) p.threads.waitUntilNone();
 }
 
 void cancelTagPrompt() { closeTagPrompt(); }
