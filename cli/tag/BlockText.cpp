@@ -1,6 +1,6 @@
 #include "BlockText.h"
 
-#include "DataOptions.h"
+#include "PrivateFile.h"
 #include "Records.h"
 #include "ServiceStatus.h"
 #include "Text.h"
@@ -23,7 +23,7 @@ void showBlocks(Session& session, std::span<const std::uint8_t> data, std::span<
 }
 
 Outcome keep(Session& session, std::span<const std::uint8_t> data, const std::string& file) {
-    const std::string complaint = writeFile(file, {data.begin(), data.end()});
+    const std::string complaint = writePrivateFile(file, data);
     if (!complaint.empty()) return session.output().error({Outcome::failed, "file", complaint, "", 0});
     session.output().put({{"file", file}, {"bytes", data.size()}}, file + ": " + counted(data.size(), "byte"));
     return Outcome::done;

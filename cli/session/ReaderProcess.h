@@ -10,12 +10,12 @@
 
 /// A virtual reader: the program qvlreadersim as a child on a device root of its own, where the library then looks for
 /// readers. Both go at the end; the child also ends when this process dies, since its input closes.
-class VirtualReader {
+class ReaderProcess {
   public:
-    VirtualReader() = default;
-    ~VirtualReader() { end(); }
-    VirtualReader(const VirtualReader&) = delete;
-    VirtualReader& operator=(const VirtualReader&) = delete;
+    ReaderProcess() = default;
+    ~ReaderProcess() { end(); }
+    ReaderProcess(const ReaderProcess&) = delete;
+    ReaderProcess& operator=(const ReaderProcess&) = delete;
 
     /// Starts it with these tags, as a reader of this model, both as qvlreadersim takes them, and points
     /// QVL_DEVICE_ROOT of this process to it: before the library is used and while nobody else looks at the

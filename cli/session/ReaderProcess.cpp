@@ -1,4 +1,4 @@
-#include "VirtualReader.h"
+#include "ReaderProcess.h"
 
 #include <algorithm>
 #include <array>
@@ -86,7 +86,7 @@ std::string joined(const std::vector<std::string>& lines) {
 
 }  // namespace
 
-std::optional<Problem> VirtualReader::start(const std::vector<std::string>& images, const std::string& model,
+std::optional<Problem> ReaderProcess::start(const std::vector<std::string>& images, const std::string& model,
                                             bool save) {
     if (!makeRoot())
         return noVirtualReader("its directory cannot be made: " + std::generic_category().message(errno),
@@ -111,7 +111,7 @@ std::optional<Problem> VirtualReader::start(const std::vector<std::string>& imag
                    "--virtual takes an image file, a .card file or new:KIND, as qvlreadersim(1) has them."};
 }
 
-std::string VirtualReader::end() {
+std::string ReaderProcess::end() {
     std::vector<std::string> complaints;
     if (mChild > 0) {
         mInput.reset();
@@ -124,7 +124,7 @@ std::string VirtualReader::end() {
     return joined(complaints);
 }
 
-bool VirtualReader::makeRoot() {
+bool ReaderProcess::makeRoot() {
     std::error_code problem;
     std::string name = (fs::temp_directory_path(problem) / "qvltag.XXXXXX").string();
     if (problem) {
@@ -137,7 +137,7 @@ bool VirtualReader::makeRoot() {
 }
 
 /// @return 0 or the error number.
-int VirtualReader::spawn(std::vector<std::string> arguments) {
+int ReaderProcess::spawn(std::vector<std::string> arguments) {
     std::array<int, 2> input{-1, -1}, speech{-1, -1};
     if (::pipe2(input.data(), O_CLOEXEC) != 0) return errno;
     const Descriptor theirInput(input[0]);
@@ -158,7 +158,7 @@ int VirtualReader::spawn(std::vector<std::string> arguments) {
     return error;
 }
 
-std::optional<std::string> VirtualReader::readLine() {
+std::optional<std::string> ReaderProcess::readLine() {
     for (;;) {
         if (const std::size_t end = mPending.find('\n'); end != std::string::npos) {
             std::string line = mPending.substr(0, end);
@@ -176,7 +176,7 @@ std::optional<std::string> VirtualReader::readLine() {
 
 /// Waits for the end of a child that has closed its streams; one that has not is stuck. @return its exit status, -1 for
 /// none.
-int VirtualReader::reap() {
+int ReaderProcess::reap() {
     mInput.reset();
     pollfd waiting{mSpeech.get(), 0, 0};
     if (::poll(&waiting, 1, 0) == 0) ::kill(mChild, SIGKILL);

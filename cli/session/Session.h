@@ -6,7 +6,7 @@
 #include "Output.h"
 #include "QVLReaderServiceIntf.h"
 #include "ReaderImpl.h"
-#include "VirtualReader.h"
+#include "ReaderProcess.h"
 
 #include <functional>
 #include <memory>
@@ -62,7 +62,7 @@ class Session final : private QVLReaderServiceIntf {
     Interrupt& mInterrupt;
     std::function<void(bool)> mListener;
     // In the order in which they come to life.
-    std::optional<VirtualReader> mVirtualReader;
+    std::optional<ReaderProcess> mReaderProcess;
     std::optional<ConsolePrompt> mPrompt;
     std::unique_ptr<ReaderImpl, Stop> mAdaptor;
 };

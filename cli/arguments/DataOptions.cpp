@@ -1,6 +1,5 @@
 #include "DataOptions.h"
 
-#include "Descriptor.h"
 #include "TagAccess.h"
 #include "Text.h"
 
@@ -10,9 +9,6 @@
 #include <iterator>
 #include <stdexcept>
 #include <system_error>
-
-#include <fcntl.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -71,17 +67,4 @@ short blockCountFromText(const std::string& text) {
     if (error != std::errc() || end != text.data() + text.size() || count < 1 || count > kLastBlock + 1)
         throw std::invalid_argument("a number of blocks is 1 to 256, or \"all\"");
     return static_cast<short>(count);
-}
-
-std::string writeFile(const std::string& name, const std::vector<std::uint8_t>& bytes) {
-    const Descriptor file(::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    const auto problem = [&] { return name + " cannot be written: " + std::generic_category().message(errno); };
-    if (!file.isOpen()) return problem();
-    for (std::size_t done = 0; done < bytes.size();) {
-        const auto written = ::write(file.get(), bytes.data() + done, bytes.size() - done);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return problem();
-        done += static_cast<std::size_t>(written);
-    }
-    return {};
 }

@@ -12,9 +12,9 @@ Session::Session(SessionSettings settings, Output& output, Interrupt& interrupt)
 
 Outcome Session::open() {
     if (!mSettings.images.empty()) {
-        const auto problem = mVirtualReader.emplace().start(mSettings.images, mSettings.model, mSettings.saveImages);
+        const auto problem = mReaderProcess.emplace().start(mSettings.images, mSettings.model, mSettings.saveImages);
         if (problem) return mOutput.error(*problem);
-        for (const std::string& remark : mVirtualReader->remarks())
+        for (const std::string& remark : mReaderProcess->remarks())
             mOutput.note(remark);
     }
     mAdaptor.reset(createAdaptorInstance(this));
@@ -35,7 +35,7 @@ void Session::setUpWaiting() {
 Outcome Session::close() {
     mAdaptor.reset();
     mPrompt.reset();
-    const std::string complaint = mVirtualReader ? mVirtualReader->end() : std::string();
+    const std::string complaint = mReaderProcess ? mReaderProcess->end() : std::string();
     if (complaint.empty()) return Outcome::done;
     return mOutput.error({Outcome::failed, "virtual reader", complaint, "", 0});
 }

@@ -20,6 +20,3 @@ void addDataOptions(Options& options, DataArguments& data);
 
 /// A number of blocks, or "all". @throws std::invalid_argument.
 short blockCountFromText(const std::string& text);
-
-/// Writes a file that only its owner may read, or says in words why not; empty for success.
-std::string writeFile(const std::string& name, const std::vector<std::uint8_t>& bytes);

@@ -2,9 +2,9 @@
 
 #include "AccessText.h"
 #include "Command.h"
-#include "DataOptions.h"
 #include "FromLibrary.h"
 #include "KeyRing.h"
+#include "PrivateFile.h"
 #include "Progress.h"
 #include "Records.h"
 #include "ServiceStatus.h"
@@ -196,7 +196,7 @@ Outcome dumpTag(Session& session, const DumpArguments& arguments, const TagUID& 
     if (!layout) return session.fail(kNotAllowedHere, typeText(tag));
     Dump dump(session, arguments.keys, tag, *layout);
     if (const int status = dump.run(); status != kOk) return session.fail(status);
-    const std::string complaint = writeFile(arguments.file, dump.image());
+    const std::string complaint = writePrivateFile(arguments.file, dump.image());
     if (!complaint.empty()) return session.output().error({Outcome::failed, "file", complaint, "", 0});
     DumpReport report = dump.report();
     for (auto* each : {&report.read, &report.missing})
