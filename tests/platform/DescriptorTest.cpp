@@ -33,15 +33,13 @@ class DescriptorTest : public testing::Test {
 TEST_F(DescriptorTest, LeavesTheStandardOnesAloneAndIsNotInherited) {
     ForkedChild child([&] {
         const auto wasOpen = openDescriptors();
-        for (int i : {0, 1, 2})
-            ::close(i);
+        ::close_range(0, 2, 0);
         DeviceNode socket, file;
         SerialLine line;
         AppendFile log;
         NamedMutex mutex("lock");
-        if (!socket.open(mSocket.c_str()) || !file.open("/dev/null")) return 1;
+        if (!socket.open(mSocket.c_str()) || !file.open("/dev/null") || !mutex.isMachineWide()) return 1;
         if (line.open(mFarEnd.path().c_str()) != 0 || log.open((mDirectory / "log").c_str()) != 0) return 2;
-        if (!mutex.isMachineWide()) return 3;
         for (int i = 0; i < kMostDescriptors; ++i) {
             const int flags = ::fcntl(i, F_GETFD);
             if (i <= 2 ? flags >= 0 : flags >= 0 && !wasOpen[static_cast<std::size_t>(i)] && (flags & FD_CLOEXEC) == 0)

@@ -118,10 +118,10 @@ TEST(UniqueIdTest, IsOfVersion4AndNew) {
     const auto isVersion4 =
         testing::MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
     std::set<std::string> seen;
-    for (int i = 0; i < 200; ++i) {
-        const std::string id = newUniqueId();
-        EXPECT_THAT(id, isVersion4);
-        EXPECT_TRUE(seen.insert(id).second);
+    while (seen.size() < 200) {
+        const auto [id, isNew] = seen.insert(newUniqueId());
+        EXPECT_THAT(*id, isVersion4);
+        ASSERT_TRUE(isNew);
     }
 }
 

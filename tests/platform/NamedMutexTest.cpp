@@ -5,7 +5,7 @@
 #include "LockDirectory.h"
 #include "PlatformTest.h"
 
-#include <array>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <sys/mman.h>
@@ -44,11 +44,7 @@ bool canTake(NamedMutex& mutex) {
     return true;
 }
 
-bool otherThreadCanTake(NamedMutex& mutex) {
-    bool result = false;
-    std::thread([&] { result = canTake(mutex); }).join();
-    return result;
-}
+bool otherThreadCanTake(NamedMutex& mutex) { return std::async(std::launch::async, canTake, std::ref(mutex)).get(); }
 
 TEST_F(NamedMutexTest, IsFreeAfterTheLastUnlockOnly) {
     NamedMutex mutex(kName), again(kName), other("another");
@@ -84,11 +80,11 @@ TEST_F(NamedMutexTest, OrdersThreadsThatNestAndProcesses) {
     };
     ForkedChild children[] = {ForkedChild(inChild), ForkedChild(inChild), ForkedChild(inChild)};
     NamedMutex mutex(kName);
-    std::array<std::thread, 5> threads;
-    for (std::thread& thread : threads)
-        thread = std::thread([&] { countUp(mutex); });
-    for (std::thread& thread : threads)
-        thread.join();
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < 5; ++i)
+            threads.emplace_back([&] { countUp(mutex); });
+    }
     for (ForkedChild& child : children)
         EXPECT_EQ(child.wait(), 0);
     EXPECT_EQ(*counter, (3 + 5) * 300);
@@ -116,35 +112,23 @@ TEST_F(NamedMutexTest, KilledOwnerLeavesTheLockToThoseWhoWait) {
 TEST_F(NamedMutexTest, ForkedChildNeverOwnsItWhateverThreadHoldsIt) {
     for (const bool heldByForker : {true, false}) {
         NamedMutex mutex(kName);
-        Signpost released, tried;
         std::unique_ptr<ForkedChild> child;
         const auto fork = [&] {
             child = std::make_unique<ForkedChild>([&] {
                 mutex.unlock();  // as the end of a scope of the parent would
                 if (mutex.try_lock()) return 1;
-                tried.post();
-                released.await();
+                mWaiting.post();
+                mRelease.await();
                 const std::lock_guard own(mutex);
                 return mutex.try_lock() ? 0 : 2;
             });
-            EXPECT_TRUE(tried.await());
         };
-        const auto hold = [&] {
+        {
             const std::lock_guard lock(mutex), again(mutex);
-            if (heldByForker) return fork();
-            mHeld.post();
-            mRelease.await();
-        };
-        std::thread owner(heldByForker ? [] {} : std::function<void()>(hold));
-        if (heldByForker) {
-            hold();
-        } else {
-            EXPECT_TRUE(mHeld.await());
-            fork();
-            mRelease.post();
+            heldByForker ? fork() : std::thread(fork).join();
+            EXPECT_TRUE(mWaiting.await());
         }
-        owner.join();
-        released.post();
+        mRelease.post();
         EXPECT_EQ(child->wait(), 0);
         EXPECT_TRUE(otherThreadCanTake(mutex));
     }
@@ -164,8 +148,7 @@ TEST_F(NamedMutexTest, WaitsWhereTheSystemSeesACircle) {
     ASSERT_TRUE(mHeld.await());
     std::thread waiter([&] {
         mWaiting.post();
-        second.lock();
-        second.unlock();
+        const std::lock_guard lock(second);
     });
     std::this_thread::sleep_for(50ms);
     isFree = true;
@@ -177,31 +160,30 @@ TEST_F(NamedMutexTest, WaitsWhereTheSystemSeesACircle) {
 TEST_F(NamedMutexTest, LongWaitNamesTheHolderOnce) {
     NamedMutex mutex(kName);
     std::vector<long> told;
-    const auto wait = [&](auto free) {
+    const auto wait = [&](Signpost& free) {
         mutex.lock([&](long pid) {
             told.push_back(pid);
-            free();
+            free.post();
             throw 1;
         });
         mutex.unlock();
     };
     mutex.lock([&](long) { told.push_back(-1); });
     platform::setNamedMutexLongWait(5ms);
-    std::thread waiter([&] { wait([&] { mWaiting.post(); }); });
+    std::thread waiter([&] { wait(mWaiting); });
     ASSERT_TRUE(mWaiting.await());
     mutex.unlock();
     waiter.join();
-    EXPECT_THAT(told, testing::ElementsAre(::getpid())) << "another thread has it";
-
     ForkedChild owner = holder();
+    const pid_t other = owner.id();
     ASSERT_TRUE(mHeld.await());
-    wait([&] { mRelease.post(); });
-    EXPECT_THAT(told, testing::ElementsAre(::getpid(), owner.id()));
+    wait(mRelease);
     EXPECT_EQ(owner.wait(), 0);
     platform::setNamedMutexLongWait(2s);
     mutex.lock([&](long) { told.clear(); });
-    EXPECT_EQ(told.size(), 2u) << "nobody is told of a free lock";
     mutex.unlock();
+    EXPECT_THAT(told, testing::ElementsAre(::getpid(), other))
+        << "first another thread has it, then another process, and nobody is told of a free lock";
 }
 
 TEST_F(NamedMutexTest, PlantedLockFileCostsAtMostTheOrderBetweenProcesses) {

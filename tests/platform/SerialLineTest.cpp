@@ -8,9 +8,8 @@
 
 namespace {
 
-template <typename Action>
-std::thread later(Action action) {
-    return std::thread([action] {
+std::jthread later(const std::function<void()>& action) {
+    return std::jthread([action] {
         std::this_thread::sleep_for(20ms);
         action();
     });
@@ -43,8 +42,7 @@ class SerialLineTest : public testing::Test {
 
     IoResult read() { return mLine.read({&mByte, 1}, mCount); }
     IoResult write(const std::string& text, std::uint32_t ms = kLongMs) {
-        const std::vector<std::uint8_t> bytes(text.begin(), text.end());
-        return mLine.write(bytes, mCount, ms);
+        return mLine.write({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, mCount, ms);
     }
 
     PseudoTerminal mFarEnd;
@@ -100,7 +98,7 @@ TEST_F(SerialLineTest, WaitEndsOnTheByteAndOnTheLoss) {
     auto soonest = SteadyClock::duration::max();
     for (int attempt = 0; attempt < 5; ++attempt) {
         SteadyClock::time_point sent;
-        std::thread sender = later([&] {
+        std::jthread sender = later([&] {
             sent = SteadyClock::now();
             mFarEnd.write("a");
         });
@@ -111,9 +109,8 @@ TEST_F(SerialLineTest, WaitEndsOnTheByteAndOnTheLoss) {
         EXPECT_EQ(receive(1), "a");
     }
     EXPECT_LT(soonest, 40ms);
-    std::thread plug = later([&] { mFarEnd.closeMaster(); });
+    const std::jthread plug = later([&] { mFarEnd.closeMaster(); });
     EXPECT_EQ(mLine.waitReadable(kLongMs), IoResult::failed);
-    plug.join();
 }
 
 TEST_F(SerialLineTest, LostLineFailsAtOnceButDeliversWhatCameBefore) {
@@ -150,8 +147,7 @@ TEST_F(SerialLineTest, BelongsToOneUserAtATime) {
     Signpost opened;
     ForkedChild owner([&] {
         SerialLine line;
-        if (line.open(path) == 0) opened.post();
-        return ::pause();
+        return line.open(path) == 0 && opened.post() ? ::pause() : 1;
     });
     ASSERT_TRUE(opened.await());
     EXPECT_EQ(mLine.open(path), EBUSY);
@@ -165,17 +161,14 @@ TEST_F(SerialLineTest, ForkedChildLeavesTheDialogueOfItsParentAlone) {
     EXPECT_EQ(receive(1), "a");  // the child inherits the rest in the buffer
     ASSERT_TRUE(mFarEnd.write("!"));
     const std::string flood(1 << 20, 'x');  // more than the far end holds: the rest is the line's to drop
-    std::size_t sent = 0;
-    EXPECT_EQ(mLine.write({reinterpret_cast<const std::uint8_t*>(flood.data()), flood.size()}, sent, 30),
-              IoResult::timedOut);
-    EXPECT_EQ(ForkedChild([&] {
-                  const bool isRefused =
-                      read() == IoResult::failed && mLine.purge() != 0 && write("x") == IoResult::failed;
-                  mLine.close();
-                  return isRefused && !mLine.isOpen() ? 0 : 1;
-              }).wait(),
-              0);
-    EXPECT_EQ(mFarEnd.read(sent).size(), sent);
+    EXPECT_EQ(write(flood, 30), IoResult::timedOut);
+    ForkedChild child([&] {
+        const bool isRefused = read() == IoResult::failed && mLine.purge() != 0 && write("x") == IoResult::failed;
+        mLine.close();
+        return isRefused && !mLine.isOpen() ? 0 : 1;
+    });
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(mFarEnd.read(mCount).size(), mCount);
     EXPECT_EQ(receive(6, 6), "nswer!");
     EXPECT_EQ(SerialLine().open(mFarEnd.path().c_str()), EBUSY) << "still the parent's own";
 }
@@ -187,9 +180,8 @@ TEST_F(SerialLineTest, ReportsTheEventsOfItsMask) {
     EXPECT_EQ(mLine.waitEvent(kLineByteArrived | kLineEventCharacter, mEvents, kLongMs), IoResult::done);
     EXPECT_EQ(mEvents, kLineByteArrived);
     EXPECT_EQ(mLine.waitEvent(kLineEventCharacter, mEvents, 10), IoResult::timedOut);
-    std::thread sender = later([&] { mFarEnd.write("w!"); });
+    const std::jthread sender = later([&] { mFarEnd.write("w!"); });
     EXPECT_EQ(mLine.waitEvent(kLineEventCharacter, mEvents, kLongMs), IoResult::done);
-    sender.join();
     EXPECT_EQ(receive(4, 4), "now!");  // waiting takes nothing away
 }
 
