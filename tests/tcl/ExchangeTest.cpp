@@ -5,9 +5,9 @@
 #include "QvlTcl.h"
 #include "QvlTclUtil.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -19,8 +19,8 @@ using Bytes = std::vector<std::uint8_t>;
 Bytes bytesOf(const std::string& hex) {
     Bytes bytes;
     std::istringstream in(hex);
-    for (std::string byte; in >> byte;)
-        bytes.push_back(static_cast<std::uint8_t>(std::stoi(byte, nullptr, 16)));
+    for (unsigned byte = 0; in >> std::hex >> byte;)
+        bytes.push_back(static_cast<std::uint8_t>(byte));
     return bytes;
 }
 
@@ -90,53 +90,46 @@ class Exchange : public ::testing::TestWithParam<BflType> {
 
     /// The card says what `dialogue` writes after "<", "!" stands for no answer; what the host has to say follows ">".
     void script(const std::string& dialogue) {
-        auto steps = std::make_shared<std::deque<std::string>>();
         std::istringstream in(dialogue);
+        steps.clear();
         for (std::string step; std::getline(in, step, ',');)
-            steps->push_back(step.substr(step.find_first_not_of(' ')));
-        reader->card = [steps](const Bytes& block) -> CardReader::Reply {
-            if (steps->size() < 2) {
-                ADD_FAILURE() << "not in the dialogue: " << hexOf(block);
-                return {{}, -1027};
-            }
-            EXPECT_EQ("> " + hexOf(block), steps->front());
-            steps->pop_front();
-            const std::string answer = steps->front();
-            steps->pop_front();
+            steps.push_back(step.substr(step.find_first_not_of(' ')));
+        reader->card = [this](const Bytes& block) -> CardReader::Reply {
+            steps.resize(std::max<std::size_t>(steps.size(), 2), "!");
+            EXPECT_EQ("> " + hexOf(block), steps[0]);
+            const std::string answer = steps[1];
+            steps.erase(steps.begin(), steps.begin() + 2);
             if (answer == "!") return {{}, -1027};
             return {bytesOf(answer.substr(1)), 0};
         };
-        left = steps;
     }
     /// "status: answer"; the whole dialogue has to have taken place.
-    std::string exchange(const Bytes& command, std::size_t room = 64, std::uint8_t nad = 0, bool whole = true) {
-        Bytes answer(room, 0xEE);
+    std::string exchange(const Bytes& command, std::size_t room = 64, std::uint8_t nad = 0) {
+        Bytes answer(room, 0xEE), sent = command;
         auto length = static_cast<std::uint32_t>(room);
-        Bytes sent = command;
         const short status = tcl.TclExchange(5, nad, sent.data(), static_cast<std::uint32_t>(sent.size()), nullptr,
                                              answer.data(), &length);
         EXPECT_EQ(sent, command);
-        EXPECT_TRUE(left == nullptr || !whole || left->empty()) << left->front();
-        if (status == -50) {
-            EXPECT_EQ(length, room);
-        }
+        EXPECT_THAT(steps, ::testing::IsEmpty());
+        EXPECT_TRUE(status != -50 || length == room);
         answer.resize(status == 0 || status == -50 ? length : 0);
         return std::to_string(status) + (answer.empty() ? "" : ": " + hexOf(answer));
+    }
+    std::string exchangeIn(const std::string& dialogue, const Bytes& command = {0}, std::size_t room = 64,
+                           std::uint8_t nad = 0) {
+        script(dialogue);
+        return exchange(command, room, nad);
     }
 
     std::shared_ptr<CardReader> reader;
     QvlTcl tcl;
-    std::shared_ptr<std::deque<std::string>> left;
+    std::vector<std::string> steps;
 };
 
 TEST_P(Exchange, FollowsTheStandardBlockByBlock) {
-    struct Case {
-        const char* what;
-        const char* command;
-        const char* dialogue;
-        const char* result;
-    };
-    const Case cases[] = {
+    const struct {
+        const char *what, *command, *dialogue, *result;
+    } cases[] = {
         {"one block each way", "00 84", "> 0A 05 00 84, < 0A 05 11 90 00", "0: 11 90 00"},
         {"no data", "00", "> 0A 05 00, < 0A 05", "0"},
         {"a chain out", "00 01 02 03 04 05 06 07 08 09 0A 0B 0C",
@@ -151,64 +144,48 @@ TEST_P(Exchange, FollowsTheStandardBlockByBlock) {
         {"a lost block of a chain out", "00 01 02 03 04 05 06 07 08 09 0A 0B 0C",
          "> 1A 05 00 01 02 03 04 05 06 07 08 09 0A 0B, !, > BA 05, < AA 05, > 0B 05 0C, < 0B 05 90", "0: 90"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         activate();
-        script(c.dialogue);
-        EXPECT_EQ(exchange(bytesOf(c.command)), c.result);
+        EXPECT_EQ(exchangeIn(c.dialogue, bytesOf(c.command)), c.result);
         EXPECT_TRUE(isActivated());
     }
     activate();
-    script("> 0A 05 00, < 0A 05 90, > 0B 05 00, < 0B 05 91, > 0A 05 00, < 0A 05 92");
-    for (const char* result : {"0: 90", "0: 91", "0: 92"})
-        EXPECT_EQ(exchange({0}, 64, 0, false), result) << "the block number goes on";
+    for (const char* dialogue : {"> 0A 05 00, < 0A 05 90", "> 0B 05 00, < 0B 05 90", "> 0A 05 00, < 0A 05 90"})
+        EXPECT_EQ(exchangeIn(dialogue), "0: 90") << "the block number goes on";
+    activate(false);
+    EXPECT_EQ(exchangeIn("> 02 00, < F2 03, > F2 03, < 12 01, > A3, !, > A3, < 03 02"), "0: 01 02") << "without a CID";
+    activate();
+    tcl.mMaxTry = 3;
+    EXPECT_EQ(exchangeIn("> 0A 05 00, !, > BA 05, < AB 05, > 0A 05 00, < 1A 05 01, > AB 05, !, > AB 05, < 0B 05 02"),
+              "0: 01 02")
+        << "as many repetitions as allowed in all";
 }
 
 TEST_P(Exchange, SendsWhatWasLostAgainWithTheNadOfTheFirstBlockOnly) {
     activate(true, true);
-    script("> 1E 05 12 00 01 02 03 04 05 06 07 08 09 0A, < AB 05, > 1E 05 12 00 01 02 03 04 05 06 07 08 09 0A, < AA 05,"
-           "> 0B 05 0B 0C, < 0F 05 21 90");
-    EXPECT_EQ(exchange(bytesOf("00 01 02 03 04 05 06 07 08 09 0A 0B 0C"), 64, 0x12), "0: 90");
-    script("> 0E 05 12 00, < 1E 05 21 01, > AB 05, < 0B 05 02");
-    EXPECT_EQ(exchange({0}, 64, 0x12), "0: 01 02") << "the NAD is no data";
+    EXPECT_EQ(exchangeIn("> 1E 05 12 00 01 02 03 04 05 06 07 08 09 0A, < AB 05, "
+                         "> 1E 05 12 00 01 02 03 04 05 06 07 08 09 0A, < AA 05, > 0B 05 0B 0C, < 0F 05 21 90",
+                         bytesOf("00 01 02 03 04 05 06 07 08 09 0A 0B 0C"), 64, 0x12),
+              "0: 90");
+    EXPECT_EQ(exchangeIn("> 0E 05 12 00, < 1E 05 21 01, > AB 05, < 0B 05 02", {0}, 64, 0x12), "0: 01 02")
+        << "the NAD is no data";
     EXPECT_EQ(exchange({0}, 64, 0x18), "-21");
     tcl.mPicc[5]->mFlags |= 0x08;  // more of the command follows
-    script("> 1E 05 12 00, < AA 05");
-    EXPECT_EQ(exchange({0}, 64, 0x12), "0");
+    EXPECT_EQ(exchangeIn("> 1E 05 12 00, < AA 05", {0}, 64, 0x12), "0");
     tcl.mPicc[5]->mFlags &= 0x07;
-    script("> 0B 05 01, < 0B 05 90");
-    EXPECT_EQ(exchange({1}, 64, 0x12), "0: 90") << "the end of that command, without a NAD";
+    EXPECT_EQ(exchangeIn("> 0B 05 01, < 0B 05 90", {1}, 64, 0x12), "0: 90") << "the end of that command, without a NAD";
     activate();
-    script("> 0A 05 00, < 0A 05 90");
-    EXPECT_EQ(exchange({0}, 64, 0x18), "0: 90") << "a card without NAD";
+    EXPECT_EQ(exchangeIn("> 0A 05 00, < 0A 05 90", {0}, 64, 0x18), "0: 90") << "a card without NAD";
 }
 
-TEST_P(Exchange, RepeatsAsOftenAsAllowedInAll) {
-    tcl.mMaxTry = 3;
-    script("> 0A 05 00, !, > BA 05, < AB 05, > 0A 05 00, < 1A 05 01, > AB 05, !, > AB 05, < 0B 05 02");
-    EXPECT_EQ(exchange({0}), "0: 01 02");
-}
-
-TEST_P(Exchange, SpeaksWithoutACid) {
-    activate(false);
-    script("> 02 00, < F2 03, > F2 03, < 12 01, > A3, !, > A3, < 03 02");
-    EXPECT_EQ(exchange({0}), "0: 01 02");
-}
-
-TEST_P(Exchange, TakesALongerBlockThanTheReadersFrames) {
-    Bytes block(254, 0x90);
-    block[0] = 0x0A, block[1] = 5;
-    reader->card = [&](const Bytes&) -> CardReader::Reply { return {block, 0}; };
-    EXPECT_EQ(exchange({0}, 252), "0: " + hexOf(Bytes(252, 0x90)));
-}
-
-TEST_P(Exchange, RefusesNothingToSend) {
+TEST_P(Exchange, TakesALongerBlockThanTheReadersFramesAndRefusesNothingToSend) {
     EXPECT_EQ(exchange({}), "-21");
     EXPECT_EQ(tcl.TclExchange(16, 0, nullptr, 0, nullptr, nullptr, nullptr), -60);
     EXPECT_EQ(tcl.TclDeselect(16), -60);
     EXPECT_EQ(reader->blocks, 0);
-    script("> 0A 05 00, < 0A 05 90");
-    EXPECT_EQ(exchange({0}), "0: 90") << "the block number stayed";
+    const std::string longest = hexOf(Bytes(252, 0x90));
+    EXPECT_EQ(exchangeIn("> 0A 05 00, < 0A 05 " + longest, {0}, 252), "0: " + longest) << "the block number stayed";
 }
 
 /// Of a card that chains its answer in blocks of `chunk` bytes.
@@ -273,62 +250,54 @@ TEST_F(FailedExchange, EndsWithTheDeselection) {
         {"an empty frame", "> 0A 05 00, <"},
         {"a repeated block within a chain", "> 0A 05 00, < 1A 05 01, > AB 05, < 1A 05 01"},
     };
-    for (const auto& [what, dialogue] : cases) {
-        SCOPED_TRACE(what);
-        activate();
-        script(std::string(dialogue) + ", > CA 05, < CA 05");
-        // In its frame stands the CRC of the host, which is no zero; the script sees the block before it.
-        EXPECT_EQ(exchange({0}), "-52");
-        EXPECT_FALSE(isActivated());
-        activate();
-        script(std::string(dialogue) + ", > CA 05, < 0A 05");
-        EXPECT_EQ(exchange({0}), "-53") << "no S-block";
-        EXPECT_FALSE(isActivated());
-    }
+    // In its frame stands the CRC of the host, which is no zero; the script sees the block before it.
+    const std::pair<const char*, const char*> ends[] = {{"CA 05", "-52"},
+                                                        {"0A 05", "-53"}};  // the second is no S-block
+    for (const auto& [what, dialogue] : cases)
+        for (const auto& [end, status] : ends) {
+            SCOPED_TRACE(what);
+            activate();
+            EXPECT_EQ(exchangeIn(std::string(dialogue) + ", > CA 05, < " + end), status);
+            EXPECT_FALSE(isActivated());
+        }
     activate(false);
-    script("> 02 00, < 0A 05 90, > C2, !");
-    EXPECT_EQ(exchange({0}), "-53") << "a CID that nobody uses";
+    EXPECT_EQ(exchangeIn("> 02 00, < 0A 05 90, > C2, !"), "-53") << "a CID that nobody uses";
     activate();
     reader->attribStatus = 9;
-    script("> 0A 05 00, < 0B 05");
-    EXPECT_EQ(exchange({0}), "-53");
+    EXPECT_EQ(exchangeIn("> 0A 05 00, < 0B 05"), "-53");
     EXPECT_TRUE(isActivated()) << "the reader refused the bit rate, so the card is where it was";
-}
-
-TEST_F(FailedExchange, WithNothingToRepeatWhenNoneIsAllowed) {
-    tcl.mMaxTry = 0;
-    script("> 0A 05 00, !, > CA 05, < CA 05");
-    EXPECT_EQ(exchange({0}), "-52");
-}
-
-TEST_F(FailedExchange, OnAnAnswerShorterThanItsCrc) {
+    reader->attribStatus = 0;
     reader->bare = true;
-    for (const char* answer : {"<", "< 0A"}) {
+    for (const std::string answer : {"<", "< 0A"}) {
         activate();
-        script(std::string("> 0A 05 00, ") + answer + ", > BA 05, " + answer + ", > CA 05, < CA 05");
-        EXPECT_EQ(exchange({0}), "-52");
+        EXPECT_EQ(exchangeIn("> 0A 05 00, " + answer + ", > BA 05, " + answer + ", > CA 05, < CA 05"), "-52")
+            << "an answer shorter than its CRC";
     }
+    reader->bare = false;
+    activate();
+    tcl.mMaxTry = 0;
+    EXPECT_EQ(exchangeIn("> 0A 05 00, !, > CA 05, < CA 05"), "-52") << "no repetition is allowed";
 }
 
 TEST_F(FailedExchange, LeavesNoRestBehind) {
     const auto overflow = [this] {
         activate();
-        script("> 0A 05 00, < 1A 05 01 02 03");
-        EXPECT_EQ(exchange({0}, 2), "-50: 01 02");
+        EXPECT_EQ(exchangeIn("> 0A 05 00, < 1A 05 01 02 03", {0}, 2), "-50: 01 02");
     };
-    overflow();
-    script("> AB 05, < 0B 05 04");
-    EXPECT_EQ(exchange({0x77, 0x78}), "0: 03 04") << "what the call sends plays no part";
-    script("> 0A 05 77, < 0A 05 90");
-    EXPECT_EQ(exchange({0x77}), "0: 90");
-
-    overflow();
-    script("> AB 05, < AA 05, > CA 05, < CA 05");
-    EXPECT_EQ(exchange({}), "-52") << "asked to repeat a command of an earlier call";
-
-    overflow();
-    script("> AB 05, !, > AB 05, < 0B 05 04");
-    EXPECT_EQ(exchange({}), "0: 03 04") << "within a chain the acknowledgement is repeated";
+    const struct {
+        const char* dialogue;
+        Bytes command;
+        const char* result;
+    } cases[] = {
+        {"> AB 05, < 0B 05 04", {0x77, 0x78}, "0: 03 04"},    // what the call sends plays no part
+        {"> AB 05, < AA 05, > CA 05, < CA 05", {}, "-52"},    // asked to repeat a command of an earlier call
+        {"> AB 05, !, > AB 05, < 0B 05 04", {}, "0: 03 04"},  // within a chain the acknowledgement is repeated
+    };
+    for (const auto& c : cases) {
+        overflow();
+        EXPECT_EQ(exchangeIn(c.dialogue, c.command), c.result);
+    }
+    EXPECT_EQ(exchangeIn("> 0A 05 77, < 0A 05 90", {0x77}), "0: 90");
 
     overflow();
     script("> CA 05, < CA 05");
@@ -352,8 +321,7 @@ TEST_F(FailedExchange, LeavesNoRestBehind) {
     overflow();
     tcl.reset(1);
     activate();
-    script("> 0A 05 77, < 0A 05 90");
-    EXPECT_EQ(exchange({0x77}), "0: 90");
+    EXPECT_EQ(exchangeIn("> 0A 05 77, < 0A 05 90", {0x77}), "0: 90");
     overflow();  // and the end of the object, for the memory checker
 }
 
@@ -375,7 +343,6 @@ TEST_F(FailedExchange, OnACardThatNeverFinishes) {
     const auto empty = [](const Bytes& block) -> CardReader::Reply {
         return {{static_cast<std::uint8_t>(0x1A | (block[0] & 1)), 5}, 0};
     };
-    left = nullptr;
     const auto waited = never([&](const Bytes&) { return time; });
     EXPECT_GT(waited, 600000u);
     EXPECT_LT(waited, 605000u);
