@@ -67,31 +67,31 @@ class Mf500 : public ::testing::Test {
     }
     ~Mf500() override { setMf500DeviceFactory({}); }
 
+    /// With this reply to whatever it is asked.
+    Mf500bfl& answering(Bytes reply) {
+        line.reply = std::move(reply);
+        return driver;
+    }
+
     Line line;
-    Bytes& reply = line.reply;
     Mf500bfl driver;
     std::uint8_t out[64] = {}, sak = 0, length = 0;
 };
 
 TEST_F(Mf500, ReadsItsReplies) {
-    std::uint8_t uid[4] = {};
-    std::uint16_t count = 0;
+    std::uint16_t count = 0, room = 64;
     const Bytes sixteen(16, 0x5A);
-    reply = Bytes{0, 0} + sixteen;
-    EXPECT_EQ(driver.piccRead(7, out), 0);
+    EXPECT_EQ(answering(Bytes{0, 0} + sixteen).piccRead(7, out), 0);
     EXPECT_EQ(Bytes(out, out + 16), sixteen);
     EXPECT_EQ(driver.pcdGetSnr(out, count), 0);
     EXPECT_EQ(count, 4);
-    reply = {0, 0, 4, 0, 0x28, 7, 1, 2, 3, 4, 5, 6, 7};
-    EXPECT_EQ(driver.piccActivateIdle(0, out, &sak, out + 8, &length), 0);
+    EXPECT_EQ(answering({0, 0, 4, 0, 0x28, 7, 1, 2, 3, 4, 5, 6, 7}).piccActivateIdle(0, out, &sak, out + 8, &length),
+              0);
     EXPECT_EQ(Bytes(out + 8, out + 15), (Bytes{1, 2, 3, 4, 5, 6, 7}));
     EXPECT_EQ(sak, 0x28);
-    reply = {0, 0, 5, 0, 'V', '1', '.', '2', '3'};
-    EXPECT_EQ(driver.pcdGetFwVersion(out, count), 0);
+    EXPECT_EQ(answering({0, 0, 5, 0, 'V', '1', '.', '2', '3'}).pcdGetFwVersion(out, count), 0);
     EXPECT_STREQ(reinterpret_cast<const char*>(out), "V1.23");
-    reply = {0, 0, 3, 0, 0x11, 0x90, 0x00};
-    std::uint16_t room = 64;
-    EXPECT_EQ(driver.piccExchangeBlock(uid, 2, out, &room, 1, 0), 0);
+    EXPECT_EQ(answering({0, 0, 3, 0, 0x11, 0x90, 0x00}).piccExchangeBlock(out, 2, out, &room, 1, 0), 0);
     EXPECT_EQ(room, 3);
     EXPECT_EQ(driver.piccActivateIdle(0, out, &sak, out, &length, out, &length), kBflNotImplemented);
     EXPECT_EQ(driver.switchLED(1, 1, 1), 0);
@@ -114,32 +114,25 @@ TEST_F(Mf500, RefusesArgumentsWithoutACommand) {
 }
 
 TEST_F(Mf500, LetsDataThroughBesideAStatusAndSaysWhichFailed) {
-    reply = Bytes{0x0B, 0xFE} + Bytes(16, 0x42);
-    EXPECT_EQ(driver.piccRead(1, out), static_cast<short>(0xFE0B));
+    EXPECT_EQ(answering(Bytes{0x0B, 0xFE} + Bytes(16, 0x42)).piccRead(1, out), static_cast<short>(0xFE0B));
     EXPECT_EQ(out[15], 0x42);
-    reply = {5, 0, 1, 2, 3, 0, 9};
+    answering({5, 0, 1, 2, 3, 0, 9});
     EXPECT_EQ(driver.pcdGetAttrib(out, out + 1, out + 2, out + 3, out + 4), 1) << "any status of it is 1";
     EXPECT_EQ(out[4], 9);
-    reply = Bytes{0, 0} + Bytes(15, 0x42);
-    EXPECT_EQ(driver.piccRead(1, out), kBflBadFrame) << "a byte too few";
-    reply = {7, 0};
-    EXPECT_EQ(driver.piccRead(1, out), 7) << "the reader's status goes before";
-    reply = {0, 0, 4, 0, 0x20, 12, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    EXPECT_EQ(answering(Bytes{0, 0} + Bytes(15, 0x42)).piccRead(1, out), kBflBadFrame) << "a byte too few";
+    EXPECT_EQ(answering({7, 0}).piccRead(1, out), 7) << "the reader's status goes before";
+    answering({0, 0, 4, 0, 0x20, 12, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
     std::fill(std::begin(out), std::end(out), std::uint8_t{0xEE});
     EXPECT_EQ(driver.piccActivateIdle(0, out, &sak, out + 8, &length), 0);
     EXPECT_EQ(length, 12) << "the length goes up,";
     EXPECT_EQ(out[18], 0xEE) << "but ten bytes at most are copied";
     std::uint16_t count = 0;
-    reply = Bytes{0, 0, 55, 0} + Bytes(55, 'x');
-    EXPECT_EQ(driver.pcdGetFwVersion(out, count), kBflBadFrame);
+    EXPECT_EQ(answering(Bytes{0, 0, 55, 0} + Bytes(55, 'x')).pcdGetFwVersion(out, count), kBflBadFrame);
     EXPECT_EQ(count, 0);
-    reply = {9};
-    EXPECT_EQ(driver.piccHalt(), kBflBadFrame) << "no status";
-    reply = {};
-    EXPECT_EQ(driver.piccHalt(), kBflDeviceFailed) << "the reader has closed";
-    reply = {0, 0};
+    EXPECT_EQ(answering({9}).piccHalt(), kBflBadFrame) << "no status";
+    EXPECT_EQ(answering({}).piccHalt(), kBflDeviceFailed) << "the reader has closed";
     EXPECT_EQ(driver.interfaceOpen(0, 0), kBflOpened);
-    EXPECT_EQ(driver.piccHalt(), 0);
+    EXPECT_EQ(answering({0, 0}).piccHalt(), 0);
     driver.interfaceClose();
     out[0] = 0x33;
     EXPECT_EQ(driver.piccRead(0, out), 0) << "closed: nothing is done,";
@@ -181,18 +174,16 @@ TEST_F(Mf500, SendsEachCommandWhichFailsByStatusByAShortReplyAndByTheLink) {
         {[&] { return driver.piccCascAnticoll(0x95, 32, uid); }, Bytes{0x41, 0x95, 32} + id, 4},
     };
     for (const auto& command : commands) {
-        const auto number = &command - commands;
-        reply = Bytes(command.least + 2, 0);
-        EXPECT_EQ(command.run(), 0) << number;
-        EXPECT_EQ(line.heard, command.sent) << number;
-        reply = Bytes{7, 0} + Bytes(command.least, 0);
-        EXPECT_EQ(command.run(), command.refused) << number;
-        if (command.least > 0) {
-            reply = Bytes{0, 0} + Bytes(command.least - 1, 0);
-            EXPECT_EQ(command.run(), kBflBadFrame) << number;
-        }
-        reply = Bytes{};
-        EXPECT_EQ(command.run(), kBflDeviceFailed) << number;
+        SCOPED_TRACE(&command - commands);
+        const auto runs = [&](const Bytes& reply) {
+            answering(reply);
+            return command.run();
+        };
+        EXPECT_EQ(runs(Bytes(command.least + 2, 0)), 0);
+        EXPECT_EQ(line.heard, command.sent);
+        EXPECT_EQ(runs(Bytes{7, 0} + Bytes(command.least, 0)), command.refused);
+        EXPECT_EQ(runs(Bytes(command.least + 1, 0)), kBflBadFrame) << "a byte too few";
+        EXPECT_EQ(runs({}), kBflDeviceFailed);
         EXPECT_EQ(driver.interfaceOpen(0, 0), kBflOpened);
     }
 }
@@ -200,8 +191,8 @@ TEST_F(Mf500, SendsEachCommandWhichFailsByStatusByAShortReplyAndByTheLink) {
 TEST_F(Mf500, CopiesABlockOnlyAsAWholeAndIntoRoomEnough) {
     constexpr std::size_t kMostSent = 4158;  // what a message may hold behind status and length
     for (const std::size_t sent : {0u, 1u, 2u, 3u, 4u, 15u, 16u, 17u, 255u, 256u, 257u, 4095u, 4096u, 4097u, 65535u}) {
-        reply = Bytes{0, 0, static_cast<std::uint8_t>(sent), static_cast<std::uint8_t>(sent >> 8)} +
-                Bytes(std::min(sent, kMostSent), 0x5A);
+        answering(Bytes{0, 0, static_cast<std::uint8_t>(sent), static_cast<std::uint8_t>(sent >> 8)} +
+                  Bytes(std::min(sent, kMostSent), 0x5A));
         for (const std::uint16_t capacity : std::initializer_list<std::uint16_t>{3, 16, 256, 4096}) {
             Bytes block(capacity, 0xEE);
             std::uint16_t room = capacity;
@@ -214,14 +205,13 @@ TEST_F(Mf500, CopiesABlockOnlyAsAWholeAndIntoRoomEnough) {
         }
     }
     std::uint16_t room = 16;
-    reply = Bytes{0, 0, 4, 0} + Bytes(5000, 0x5A);
+    answering(Bytes{0, 0, 4, 0} + Bytes(5000, 0x5A));
     EXPECT_EQ(driver.piccExchangeBlock(out, 1, out, &room, 0, 0), kBflBadFrame) << "a message that was cut";
     EXPECT_EQ(room, 16);
     EXPECT_EQ(driver.interfaceOpen(0, 0), kBflOpened);
     for (const Bytes& noLength : {Bytes{0, 0}, Bytes{0, 0, 9}}) {
-        reply = noLength;
         room = 16;
-        EXPECT_EQ(driver.piccExchangeBlock(out, 1, out, &room, 0, 0), kBflBadFrame);
+        EXPECT_EQ(answering(noLength).piccExchangeBlock(out, 1, out, &room, 0, 0), kBflBadFrame);
         EXPECT_EQ(room, 0) << "an unread length is none";
     }
 }
@@ -230,10 +220,8 @@ TEST_F(Mf500, RunsInTheClearWithAReaderThatDoesNotTakePart) {
     EXPECT_EQ(driver.pcdConfig(), 0);
     EXPECT_EQ(line.heard.size(), 17u);
     EXPECT_FALSE(driver.isQvlDevice());
-    reply = {6, 0};
-    EXPECT_EQ(driver.pcdConfig(), 6);
-    reply = {0, 0, 1, 2, 3};
-    EXPECT_EQ(driver.pcdConfig(), kBflBadFrame) << "half an agreement";
+    EXPECT_EQ(answering({6, 0}).pcdConfig(), 6);
+    EXPECT_EQ(answering({0, 0, 1, 2, 3}).pcdConfig(), kBflBadFrame) << "half an agreement";
     EXPECT_EQ(driver.pcdConfig2(nullptr, out), kBflOutOfRange);
 }
 

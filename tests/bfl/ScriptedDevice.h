@@ -71,7 +71,7 @@ class ScriptedDevice : public TamaDevice {
         Script& dialogue(const std::string& command, const std::string& reply) {
             return expects(cmd(command)).answers(ack()).answers(rsp(reply));
         }
-        bool finished() const { return steps.empty(); }
+        Script& refuses(Bytes bytes) { return expects(std::move(bytes)).answers(ack()).answers(errorFrame()); }
 
       private:
         Script& add(Step step) {
@@ -143,7 +143,13 @@ class ScriptedDriver : public ::testing::Test {
     }
     ~ScriptedDriver() override {
         setTamaDeviceFactory({});
-        EXPECT_TRUE(script->finished()) << script->steps.size() << " steps of the script were not reached";
+        EXPECT_TRUE(script->steps.empty()) << script->steps.size() << " steps of the script were not reached";
+    }
+
+    /// With a dialogue ahead of it.
+    NfcTamaBfl& before(const std::string& command, const std::string& reply) {
+        script->dialogue(command, reply);
+        return *driver;
     }
 
     std::shared_ptr<ScriptedDevice::Script> script = std::make_shared<ScriptedDevice::Script>();

@@ -17,9 +17,16 @@ inline constexpr Key kA{0x0A, 0x0A, 0x0A, 0x0A, 0x0A, 0x0A};
 inline constexpr Key kB{0x0B, 0x0B, 0x0B, 0x0B, 0x0B, 0x0B};
 inline constexpr Key kC{0x0C, 0x0C, 0x0C, 0x0C, 0x0C, 0x0C};
 
+inline constexpr TagAppType kPlain = TagAppNone, kApp = TagAppMad1;
+inline constexpr std::uint16_t kOwnApp = 0x1234;
+inline constexpr short kId = static_cast<short>(kOwnApp);
+inline constexpr short kData = 2051, kValue = 2052;  ///< Types of a block.
+
 /// A reader that is ready, and one Classic tag on it that the host knows.
 class TagWorkplace : public Workplace {
   public:
+    using Pointer = const std::uint8_t*;
+
     explicit TagWorkplace(std::size_t size = 1024, Line line = Line::inProcess) : Workplace(line) {
         const Bytes uid{0xDE, 0xAD, 0xBE, 0xEF};
         virtualTag = std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(size, uid), uid);
@@ -38,9 +45,9 @@ class TagWorkplace : public Workplace {
         const auto lock = reader->field().lock();
         virtualTag->memory()->assign(bytes);
     }
-    Bytes block(int number) const {
+    Bytes block(int which) const {
         const Bytes all = image();
-        return {all.begin() + number * 16, all.begin() + number * 16 + 16};
+        return {all.begin() + which * 16, all.begin() + which * 16 + 16};
     }
     void poke(int block, const Bytes& bytes) const {
         Bytes all = image();
@@ -48,63 +55,130 @@ class TagWorkplace : public Workplace {
         setImage(all);
     }
 
-    // Operations with the arguments that a test rarely varies.
+    // Operations with the arguments that a test rarely varies; what they tell stays behind.
     int format(TagAppType kind, const Key* newKeyA = nullptr) {
         TagUID* found = nullptr;
         Key b = kB, a = newKeyA != nullptr ? *newKeyA : Key{};
         const int status =
-            adaptor->formatTag(0, kind, b.data(), found, newKeyA != nullptr ? a.data() : nullptr, count, results);
+            adaptor->formatTag(0, kind, b.data(), found, newKeyA != nullptr ? a.data() : nullptr, count, mResults);
         adaptor->freeMemory(found);
         return keep(status);
     }
-    int unformat(TagAppType kind) {
+    int unformat(TagAppType kind, Key key = kB, int* told = nullptr) {
         TagUID* found = nullptr;
-        Key b = kB;
-        const int status = adaptor->unformatTag(0, kind, b.data(), found, nullptr);
+        const int status = adaptor->unformatTag(0, kind, key.data(), found, told);
         adaptor->freeMemory(found);
         return status;
     }
-    int initApp(short id, short sectors) {
-        return keep(adaptor->initApp(0, TagAppMad1, id, kB.data(), kB.data(), 0, sectors, tag, kA.data(), kC.data(),
-                                     AccData100, done, count, results));
+    int init(short id, short sectors, Pointer madKey = kB.data()) {
+        return keep(adaptor->initApp(0, kApp, id, madKey, kB.data(), 0, sectors, tag, kA.data(), kC.data(), AccData100,
+                                     mDone, count, mResults));
     }
-    int addApp(short id, short sectors) {
-        return keep(adaptor->addAppSector(0, TagAppMad1, id, kB.data(), kB.data(), 0, sectors, tag, kA.data(),
-                                          kC.data(), AccData100, done, count, results));
+    int add(TagAppType kind, short id, short sectors, Pointer a = kA.data(), Pointer b = kC.data(),
+            DataAccControl access = AccData100, Pointer key = kB.data()) {
+        return keep(adaptor->addAppSector(0, kind, id, madKeyOf(kind), key, 0, sectors, tag, a, b, access, mDone, count,
+                                          mResults));
     }
-    int read(TagAppType kind, short id, short first, short blocks, const Key& key, AuthKeyMode mode = AuthKeyA) {
+    int remove(TagAppType kind, short id, short start, short sectors, Pointer key = kC.data(),
+               Pointer newB = kC.data()) {
+        return adaptor->removeAppSector(0, kind, id, madKeyOf(kind), 0, start, sectors, tag, AuthKeyB, key, nullptr,
+                                        newB, statuses);
+    }
+    int read(TagAppType kind, short first, short blocks, Pointer key = kA.data(), short id = kId) {
         std::uint8_t* bytes = nullptr;
         int length = 0;
-        const int status = adaptor->getBlockData(0, kind, tag, id, mode, key.data(), first, blocks, bytes, length,
-                                                 AuthKeyA, nullptr, count, results);
-        data.assign(bytes, bytes + (bytes != nullptr ? length : 0));
-        adaptor->freeMemory(bytes);
-        return keep(status);
+        return keepData(adaptor->getBlockData(0, kind, tag, id, AuthKeyA, key, first, blocks, bytes, length, AuthKeyA,
+                                              nullptr, count, mResults),
+                        bytes, length);
     }
-    int write(TagAppType kind, short id, short first, short blocks, Bytes bytes, const Key& key,
-              AuthKeyMode mode = AuthKeyB, const std::uint8_t* fill = nullptr) {
-        return keep(adaptor->setBlockData(0, kind, tag, id, mode, key.data(), first, blocks, bytes.data(),
-                                          static_cast<int>(bytes.size()), AuthKeyA, nullptr, fill, count, results));
+    int write(TagAppType kind, short first, short blocks, int length, std::uint8_t* bytes, Pointer key = kC.data(),
+              AuthKeyMode mode = AuthKeyB, Pointer fill = nullptr) {
+        return keep(adaptor->setBlockData(0, kind, tag, kId, mode, key, first, blocks, bytes, length, AuthKeyA, nullptr,
+                                          fill, count, mResults));
+    }
+    int write(TagAppType kind, short first, short blocks, Bytes bytes, Pointer key = kC.data(),
+              AuthKeyMode mode = AuthKeyB, Pointer fill = nullptr) {
+        return write(kind, first, blocks, static_cast<int>(bytes.size()), bytes.data(), key, mode, fill);
+    }
+    int keys(TagAppType kind, short first, short sectors, Pointer key = kC.data(), Pointer a = kA.data(),
+             Pointer b = kC.data()) {
+        return keep(
+            adaptor->setKey(0, kind, first, tag, AuthKeyB, key, a, b, sectors, AuthKeyA, nullptr, count, mResults));
+    }
+    int trailers(TagAppType kind, short first, short sectors, int access, Pointer a = kA.data()) {
+        return keep(adaptor->setTrailerBlockType(0, kind, first, tag, AuthKeyB, a, kC.data(),
+                                                 static_cast<DataAccControl>(access), AuthKeyA, nullptr, sectors, count,
+                                                 mResults));
+    }
+    int type(TagAppType kind, short block, int access, Pointer a = kA.data(), short as = kData, unsigned value = 5) {
+        return keep(adaptor->setDataBlockType(0, kind, kId, tag, a, kC.data(), block, as,
+                                              static_cast<DataAccControl>(access), value, AuthKeyA, nullptr));
+    }
+    int value(TagAppType kind, int block, Pointer key = kA.data()) {
+        number = -77;
+        return adaptor->getValue(0, kind, tag, kId, AuthKeyA, key, block, number, AuthKeyA, nullptr);
+    }
+    int setValue(TagAppType kind, int block, Pointer key = kC.data(), int to = 1) {
+        return keep(adaptor->setValue(0, kind, tag, kId, AuthKeyB, key, block, to, AuthKeyA, nullptr));
+    }
+    int adjust(TagAppType kind, int block, int transfer, int operation = 0, Pointer key = kC.data(),
+               AuthKeyMode mode = AuthKeyB, unsigned amount = 1) {
+        return keep(adaptor->adjustValue(0, kind, tag, kId, mode, key, block, static_cast<ValueBlockOper>(operation),
+                                         amount, transfer, AuthKeyA, nullptr));
+    }
+    int blockAccess(TagAppType kind, int block, Pointer key = kMad.data()) {
+        codes.fill(AccInvalid);
+        return adaptor->getBlockAccessMode(0, kind, tag, kId, AuthKeyA, key, block, codes[0], AuthKeyA, nullptr);
+    }
+    int sectorAccess(TagAppType kind, short id, short index, DataAccControl* out, Pointer key = kA.data()) {
+        codes.fill(AccInvalid);
+        return adaptor->getSectorAccessMode(0, kind, tag, id, AuthKeyA, key, index, out, AuthKeyA, nullptr);
+    }
+    int apps(AuthKeyMode mode = AuthKeyA, Pointer key = nullptr) {
+        short found = 0;
+        short* list = nullptr;
+        const int status = adaptor->getAllAppId(0, kApp, tag, found, list, mode, key);
+        ids.assign(list, list + found);
+        adaptor->freeMemory(list);
+        return status;
+    }
+    int readApp() {
+        std::uint8_t* bytes = nullptr;
+        int length = 0;
+        return keepData(adaptor->getAppData(0, kApp, tag, kId, AuthKeyA, kA.data(), bytes, length, AuthKeyA, nullptr,
+                                            count, mResults),
+                        bytes, length);
+    }
+    /// "status", then the number of each record, with its own status where that is not 3100.
+    std::string told(int status) const {
+        std::string text = std::to_string(status);
+        for (const auto& [where, each] : records)
+            text += " " + std::to_string(where) + (each == kOk ? "" : ":" + std::to_string(each));
+        return text;
     }
 
-    /// "sector:status ..." or "block:status ..." of the last operation; the status only where it is not 3100.
-    std::string told;
+    std::vector<OpResultCode> records;  ///< Of the last operation.
     Bytes data;
-    int done = 0, count = 0;
+    std::vector<short> ids;
+    std::array<DataAccControl, 4> codes{};
+    int count = 0, number = 0, statuses[40] = {};
     std::shared_ptr<MifareClassicTag> virtualTag;
     std::string name;
     TagUID tag;
 
   private:
+    static Pointer madKeyOf(TagAppType kind) { return kind == kPlain ? nullptr : kB.data(); }
     int keep(int status) {
-        told.clear();
-        for (int i = 0; i < count && results != nullptr; ++i) {
-            told += (i > 0 ? " " : "") + std::to_string(results[i].number);
-            if (results[i].status != kOk) told += ":" + std::to_string(results[i].status);
-        }
-        adaptor->freeMemory(results);
-        results = nullptr;
+        records.assign(mResults, mResults + (mResults != nullptr ? count : 0));
+        adaptor->freeMemory(std::exchange(mResults, nullptr));
         return status;
     }
-    OpResultCode* results = nullptr;
+    int keepData(int status, std::uint8_t*& bytes, const int& length) {
+        data.assign(bytes, bytes + (bytes != nullptr ? length : 0));
+        adaptor->freeMemory(bytes);
+        return keep(status);
+    }
+
+    int mDone = 0;
+    OpResultCode* mResults = nullptr;
 };

@@ -84,10 +84,10 @@ class OnALine : public ::testing::TestWithParam<Line> {
 constexpr Line kLines[] = {Line::inProcess, Line::terminal, Line::socket};
 
 /// Commands that both models have, each under a code of its own.
-enum class Op { configure, fieldReset, request, activate, halt, authenticate, read, exchangeBlock };
+enum class Op { configure, fieldReset, request, activate, halt, authenticate, read, exchangeBlock, askId, agreeOnKey };
 inline std::uint8_t codeOf(Op op) {
-    constexpr std::uint8_t kTama[] = {0x12, 0x32, 0x4A, 0x4A, 0x44, 0x40, 0x40, 0x42};
-    constexpr std::uint8_t kMf500[] = {0x10, 0x20, 0x11, 0x43, 0x1D, 0x18, 0x19, 0x48};
+    constexpr std::uint8_t kTama[] = {0x12, 0x32, 0x4A, 0x4A, 0x44, 0x40, 0x40, 0x42, 0x24, 0x1C};
+    constexpr std::uint8_t kMf500[] = {0x10, 0x20, 0x11, 0x43, 0x1D, 0x18, 0x19, 0x48, 0x22, 0x10};
     return (isMf500UnderTest() ? kMf500 : kTama)[static_cast<int>(op)];
 }
 
@@ -118,6 +118,10 @@ class Workplace {
         IniManager::instance().setDirectoryAndReload(root.path().c_str());
         IniManager::instance().loadAndReplace("settings.ini");
     }
+    void loadSettings(const std::string& readerKeys) {
+        settings(readerKeys);
+        adaptor->loadReaderConfig();
+    }
     ReaderImpl& start() {
         adaptor.reset(createAdaptorInstance(&host));
         return *adaptor;
@@ -142,6 +146,22 @@ class Workplace {
         EXPECT_EQ(adaptor->freeMemory(uid), 3000);
         EXPECT_EQ(adaptor->freeMemory(event), 3000);
         return found;
+    }
+
+    int findTag(TagAppType kind = TagAppNone, short app = 0, bool halt = false) {
+        TagUID* tag = nullptr;
+        const int status = adaptor->getTagId(0, kind, app, tag, AuthKeyA, nullptr, halt);
+        return keepFound(status, tag, tag != nullptr);
+    }
+    int findAll(TagAppType kind = TagAppNone, short app = 0) {
+        TagUID* tags = nullptr;
+        short count = -1;
+        const int status = adaptor->getAllTagId(0, kind, app, AuthKeyA, nullptr, count, tags);
+        return keepFound(status, tags, count);
+    }
+    int askReaderId() {
+        std::uint16_t length = 0;
+        return adaptor->getReaderId(readerId, length);
     }
 
     /// A prompt that was asked to go away is gone when this returns.
@@ -197,8 +217,21 @@ class Workplace {
     std::unique_ptr<SocketEndpoint> socket;
     Host host;
     std::unique_ptr<ReaderImpl> adaptor;
+    std::string foundTags;  ///< By the last search: " " and its UID for each tag.
+    int foundCount = 0;
+    std::uint8_t readerId[10] = {};
 
   private:
+    int keepFound(int status, TagUID* tags, int count) {
+        foundTags.clear();
+        foundCount = count;
+        for (int i = 0; tags != nullptr && i < count; ++i) {
+            const std::unique_ptr<char[]> uid(tags[i].toHexString());
+            foundTags.append(" ").append(uid.get());
+        }
+        adaptor->freeMemory(tags);
+        return status;
+    }
     void useTama(const std::shared_ptr<VirtualTamaReader>& tama) {
         reader = mTama = tama;
         if (mLine == Line::inProcess)

@@ -7,23 +7,11 @@ namespace {
 class Search : public ::testing::Test {
   protected:
     std::string one(TagAppType kind, short app = 0, bool halt = false) {
-        TagUID* tag = nullptr;
-        const int status = place.adaptor->getTagId(0, kind, app, tag, AuthKeyA, nullptr, halt);
-        return told(std::to_string(status), tag, tag != nullptr ? 1 : 0);
+        return std::to_string(place.findTag(kind, app, halt)) + place.foundTags;
     }
     std::string all(TagAppType kind, short app = 0) {
-        TagUID* tags = nullptr;
-        short count = -1;
-        const int status = place.adaptor->getAllTagId(0, kind, app, AuthKeyA, nullptr, count, tags);
-        return told(std::to_string(status) + " " + std::to_string(count), tags, tags != nullptr ? count : 0);
-    }
-    std::string told(std::string text, TagUID* tags, short count) {
-        for (short i = 0; i < count; ++i) {
-            const std::unique_ptr<char[]> uid(tags[i].toHexString());
-            text += std::string(" ") + uid.get();
-        }
-        place.adaptor->freeMemory(tags);
-        return text;
+        const int status = place.findAll(kind, app);
+        return std::to_string(status) + " " + std::to_string(place.foundCount) + place.foundTags;
     }
     TagWorkplace place;
 };
@@ -44,7 +32,7 @@ TEST_F(Search, FindsTagsByDirectoryAndApplication) {
     EXPECT_EQ(all(TagAppMad1), "3100 0");
     place.reader->field().remove("tag2");
     ASSERT_EQ(place.format(TagAppMad1), kOk);
-    ASSERT_EQ(place.initApp(100, 1), kOk);
+    ASSERT_EQ(place.init(100, 1), kOk);
     place.reader->field().clear();
     place.placeClassic({1, 2, 3, 4});
     place.reader->field().place(place.virtualTag);
@@ -68,20 +56,17 @@ TEST_F(Search, WaitsOnlyUnderAPrompt) {
     EXPECT_EQ(one(TagAppNone), "3122");
     EXPECT_NEAR(static_cast<double>(place.clock->nowMs() - start), 30000.0, 200.0);
     place.adaptor->resetSuspendTime(1000);
-    int waits = 0;
-    place.clock->duringWait([&] {
+    place.clock->duringWait([&, waits = 0]() mutable {
         if (++waits == 3) cancelTagPrompt(), place.awaitPromptEnd();
     });
     EXPECT_EQ(one(TagAppNone), "3121") << "cancelled";
-    waits = 0;
-    place.clock->duringWait([&] {
+    place.clock->duringWait([&, waits = 0]() mutable {
         if (++waits == 3) place.placeClassic({7, 7, 7, 7});
     });
     EXPECT_EQ(one(TagAppNone), "3100 07070707") << "it came while we waited";
     place.clock->duringWait({});
     place.reader->field().clear();
-    place.settings("WAITTIME=abc\n");
-    place.adaptor->loadReaderConfig();
+    place.loadSettings("WAITTIME=abc\n");
     const std::uint32_t commands = place.heard(Op::request);
     EXPECT_EQ(one(TagAppNone), "3122");
     EXPECT_EQ(place.heard(Op::request), commands) << "no attempt at all";
@@ -91,7 +76,7 @@ TEST_F(Search, NeedsAReader) {
     place.adaptor->stopReader();
     EXPECT_EQ(one(TagAppNone), "3137");
     EXPECT_EQ(all(TagAppNone), "3137 -1");
-    EXPECT_EQ(place.read(TagAppNone, 0, 4, 1, kFactory), kReaderNotReady);
+    EXPECT_EQ(place.read(kPlain, 4, 1, kFactory.data()), kReaderNotReady);
 }
 
 TEST_F(Search, EndsOnATagThatNeverSleeps) {

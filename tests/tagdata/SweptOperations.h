@@ -12,7 +12,6 @@
 /// in the middle of it; and a reading of such a tag that shares no code with the library.
 
 inline const Bytes kFormattedBits{0x78, 0x77, 0x88};
-inline constexpr std::uint16_t kOwnApp = 0x1234;
 
 // ---- a tag from outside ----
 
@@ -43,12 +42,13 @@ struct Outcome {
     int status = 0;
     std::vector<OpResultCode> records = {};
     Bytes data = {};
+    std::vector<int> numbers = {};  ///< Ids, access codes and a value.
 };
 
 struct Operation {
     std::string name = {};
     Bytes before = {};
-    std::function<Outcome(TagWorkplace&)> run = {};
+    std::function<int(TagWorkplace&)> call = {};
     std::set<int> statuses = {};    ///< That it documents, apart from success and from no tag.
     std::vector<int> sectors = {};  ///< Where it may write. None for an operation that reads.
     std::set<int> entries = {};     ///< Values that it may give to their entries; none: it keeps off the directory.
@@ -60,6 +60,12 @@ struct Operation {
     bool findsTag = false;         ///< Works on whatever tag lies in the field.
     bool isTimedOnly = false;      ///< Of the reader or of the field: only its length is judged.
 
+    Outcome run(TagWorkplace& place) const {
+        Outcome out{call(place), place.records, place.data, {place.ids.begin(), place.ids.end()}};
+        out.numbers.insert(out.numbers.end(), place.codes.begin(), place.codes.end());
+        out.numbers.push_back(place.number);
+        return out;
+    }
     friend void PrintTo(const Operation& op, std::ostream* out) { *out << op.name; }
     bool touches(int sector) const { return std::find(sectors.begin(), sectors.end(), sector) != sectors.end(); }
 };

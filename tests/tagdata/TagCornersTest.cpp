@@ -15,7 +15,7 @@ TEST_F(TagCorners, NumbersAreTestedInFullWidth) {
         std::function<int(int)> call;
         std::set<int> lawful = {};
     };
-    const auto s = [](int number) { return static_cast<short>(number); };
+    const auto s = [](int n) { return static_cast<short>(n); };
     const Case cases[] = {
         {"initApp count", [&](int n) { return init(0x777, s(n)); }, {0}},
         {"addAppSector first", [&](int n) { return add(kPlain, s(n), 1); }, {0}},
@@ -31,10 +31,10 @@ TEST_F(TagCorners, NumbersAreTestedInFullWidth) {
         {"setBlockData run", [&](int n) { return write(kPlain, 20, s(n), 0, buffer); }, {0, 999}},
         {"setBlockData length", [&](int n) { return write(kApp, 0, 4, n, buffer); }, {0}},
         {"setBlockData all", [&](int n) { return write(kApp, 0, 999, n == 0 ? 64 : INT_MAX, buffer); }, {0}},
-        {"setKey first", [&](int n) { return keys(s(n), 1); }, {0}},
-        {"setKey run", [&](int n) { return keys(5, s(n)); }, {-32768, -1, 0}},
-        {"setTrailerBlockType first", [&](int n) { return trailers(s(n), 1, 13); }, {0}},
-        {"setTrailerBlockType access", [&](int n) { return trailers(5, 1, n); }},
+        {"setKey first", [&](int n) { return keys(kPlain, s(n), 1); }, {0}},
+        {"setKey run", [&](int n) { return keys(kPlain, 5, s(n)); }, {-32768, -1, 0}},
+        {"setTrailerBlockType first", [&](int n) { return trailers(kPlain, s(n), 1, 13); }, {0}},
+        {"setTrailerBlockType access", [&](int n) { return trailers(kPlain, 5, 1, n); }},
         {"setDataBlockType block", [&](int n) { return type(kPlain, s(n), 1); }},
         {"setDataBlockType access", [&](int n) { return type(kApp, 0, n); }, {0}},
         {"getValue block", [&](int n) { return value(kPlain, n); }},
@@ -43,35 +43,33 @@ TEST_F(TagCorners, NumbersAreTestedInFullWidth) {
         {"adjustValue operation", [&](int n) { return adjust(kPlain, 20, -1, n); }},
         {"adjustValue transfer", [&](int n) { return adjust(kPlain, 20, n); }},
         {"adjustValue to index", [&](int n) { return adjust(kApp, 0, n); }},
-        {"getBlockAccessMode", [&](int n) { return blockAccess(n); }, {0}},
-        {"getSectorAccessMode", [&](int n) { return sectorAccess(kPlain, s(n), 0, codes, kMad.data()); }, {0}},
-        {"getSectorAccessMode index", [&](int n) { return sectorAccess(kApp, kId, s(n), codes); }, {0}},
+        {"getBlockAccessMode", [&](int n) { return blockAccess(kPlain, n); }, {0}},
+        {"getSectorAccessMode", [&](int n) { return sectorAccess(kPlain, s(n), 0, codes.data(), kMad.data()); }, {0}},
+        {"getSectorAccessMode index", [&](int n) { return sectorAccess(kApp, kId, s(n), codes.data()); }, {0}},
     };
     for (const Case& c : cases)
-        for (const int number : {-32768, -1, 0, 998, 999, 1000, 32767}) {
-            SCOPED_TRACE(at(c.what, number));
-            place.setImage(layout);
-            const int status = c.call(number);
-            told(status);
-            const bool isLawful = c.lawful.count(number) > 0, isDone = status == kOk || status == kPartial;
+        for (const int given : {-32768, -1, 0, 998, 999, 1000, 32767}) {
+            SCOPED_TRACE(at(c.what, given));
+            setImage(layout);
+            const int status = c.call(given);
+            const bool isLawful = c.lawful.count(given) > 0, isDone = status == kOk || status == kPartial;
             EXPECT_EQ(isDone, isLawful) << status;
-            EXPECT_TRUE(isLawful || place.image() == layout);
-            EXPECT_EQ(place.block(0), blockOf(layout, 0));
+            EXPECT_TRUE(isLawful || image() == layout);
+            EXPECT_EQ(block(0), blockOf(layout, 0));
         }
 }
 
 TEST_F(TagCorners, ADecrementOnlyBlockIsTestedInTheOrderOfItsKind) {
-    const auto ticket = [&](TagAppType kind, short id, int block, int number) {
-        return ai.initDecrementOnlyBlock(0, kind, tag, id, kA.data(), kC.data(), block, number, AuthKeyA, nullptr);
+    const auto ticket = [&](TagAppType kind, short id, int block, int value) {
+        return adaptor->initDecrementOnlyBlock(0, kind, tag, id, kA.data(), kC.data(), block, value, AuthKeyA, nullptr);
     };
-    place.setImage(layout);
     for (const int block : {INT_MIN, -65532, -1, 32768, 65540, INT_MAX}) {
         EXPECT_EQ(ticket(kPlain, 0, block, 1), kOutOfRange) << block;
         EXPECT_EQ(ticket(kApp, kId, block, 1), kApplicationMissing) << block;
         EXPECT_EQ(ticket(kApp, 3, block, 1), kNoApplicationId) << block;
         EXPECT_EQ(ticket(kApp, kId, block, 0), kZeroValue) << block;
     }
-    EXPECT_EQ(place.image(), layout);
+    EXPECT_EQ(image(), layout);
 }
 
 TEST_F(TagCorners, NullPointersAreRefused) {
@@ -84,20 +82,18 @@ TEST_F(TagCorners, NullPointersAreRefused) {
         {"getBlockData key", [&] { return read(kApp, 0, 1, nullptr); }},
         {"setBlockData data", [&] { return write(kApp, 0, 1, 16, nullptr); }},
         {"setBlockData key", [&] { return write(kApp, 0, 1, 16, buffer, nullptr); }},
-        {"setKey key", [&] { return keys(5, 1, nullptr); }},
-        {"setTrailerBlockType key A", [&] { return trailers(5, 1, 13, nullptr); }},
+        {"setKey key", [&] { return keys(kPlain, 5, 1, nullptr); }},
+        {"setTrailerBlockType key A", [&] { return trailers(kPlain, 5, 1, 13, nullptr); }},
         {"setDataBlockType key A", [&] { return type(kPlain, 20, 1, nullptr); }},
         {"getValue key", [&] { return value(kApp, 0, nullptr); }},
         {"setValue key", [&] { return setValue(kApp, 0, nullptr); }},
         {"adjustValue key", [&] { return adjust(kApp, 0, -1, 0, nullptr); }},
         {"getSectorAccessMode codes", [&] { return sectorAccess(kApp, kId, 0, nullptr); }},
-        {"getAppIdDir", [&] { return ai.getAppIdDir(0, kApp, tag, nullptr, AuthKeyA, nullptr); }},
+        {"getAppIdDir", [&] { return adaptor->getAppIdDir(0, kApp, tag, nullptr, AuthKeyA, nullptr); }},
     };
-    place.setImage(layout);
     for (const auto& [what, call] : cases) {
         EXPECT_NE(call(), kOk) << what;
-        EXPECT_EQ(place.image(), layout) << what;
-        told(kOk);
+        EXPECT_EQ(image(), layout) << what;
     }
 }
 
@@ -113,9 +109,10 @@ TEST(TagOfAnotherType, EndsTheOperation) {
         place.reader->field().setPresent(away, false);
         // The second sector's authentication meets the other tag, which refuses it.
         ASSERT_EQ(place.spoil(Op::authenticate, (isMf500UnderTest() ? "2" : "4") + (" tag swapped " + away)), "");
-        EXPECT_EQ(place.write(kPlain, 0, 1, 10, Bytes(160, 0x66), kFactory, AuthKeyA), kPartial) << first;
+        EXPECT_EQ(place.told(place.write(kPlain, 1, 10, Bytes(160, 0x66), kFactory.data(), AuthKeyA)),
+                  "3132 1 2 4:3102 5:3102 6:3102 8:3102 9:3102 10:3102 12:3102 13:3102")
+            << first;
         EXPECT_EQ(other->memory()->writeCount(), 0u) << first;
-        EXPECT_EQ(place.told, "1 2 4:3102 5:3102 6:3102 8:3102 9:3102 10:3102 12:3102 13:3102") << first;
     }
 }
 
@@ -126,23 +123,23 @@ TEST(TagOfAnotherType, IsNoStrangerWhileOnlyTheHostSaysItsType) {
     TagWorkplace place;
     place.tag.setTagType(kTagProX);
     ASSERT_EQ(place.reader->addFaults("4A 1 already awake\n4A 2 already awake\n40 1 status 14"), "");
-    EXPECT_EQ(place.read(kPlain, 0, 4, 1, kFactory), kOk);
+    EXPECT_EQ(place.read(kPlain, 4, 1, kFactory.data()), kOk);
     EXPECT_EQ(place.tag.getTagType(), kTagStandard);
 
     // Pages in the host's memory, blocks on the tag: four pages of room do not hold four blocks.
     place.tag.setTagType(kTagUltralight);
     ASSERT_EQ(place.reader->addFaults("4A 1 already awake\n4A 2 already awake\n40 1 status 14"), "");
-    EXPECT_NE(place.read(kPlain, 0, 4, 4, kFactory), kOk);
+    EXPECT_NE(place.read(kPlain, 4, 4, kFactory.data()), kOk);
     EXPECT_EQ(place.tag.getTagType(), kTagUltralight);
 }
 
 TEST(TagOfAnotherType, IsJudgedByWhatTheSelectionSaw) {
     TagWorkplace place;
     place.tag.setTagType(kTag4K);  // the host remembers another tag
-    EXPECT_EQ(place.read(kPlain, 0, 64, 1, kFactory), kOutOfRange);
+    EXPECT_EQ(place.read(kPlain, 64, 1, kFactory.data()), kOutOfRange);
     EXPECT_EQ(place.tag.getTagType(), kTagStandard);
     place.tag.setTagType(kTagUltralight);
-    EXPECT_EQ(place.read(kPlain, 0, 7, 1, kFactory), kReservedBlock) << "a page of data there, a trailer here";
+    EXPECT_EQ(place.read(kPlain, 7, 1, kFactory.data()), kReservedBlock) << "a page of data there, a trailer here";
 }
 
 }  // namespace

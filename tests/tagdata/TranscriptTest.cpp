@@ -59,8 +59,8 @@ std::string refusals() {
 
 void tellTagOperations(Lines& lines) {
     std::vector<Operation> all = writingOperations();
-    for (Operation& op : readingOperations())
-        all.push_back(std::move(op));
+    const std::vector<Operation> reading = readingOperations();
+    all.insert(all.end(), reading.begin(), reading.end());
     for (const Operation& op : all)
         for (const bool refused : {false, true}) {
             TagWorkplace place(op.before.size());
@@ -87,29 +87,19 @@ void tellReaderOperations(Lines& lines) {
     say("pollTag", place.poll().empty());
     say("pollTag halted", place.poll().empty());
     say("pollTag forced", place.poll(true).empty());
-    const auto search = [&](const char* name, TagAppType kind, short app, bool halt) {
-        TagUID* tag = nullptr;
-        say(name, adaptor.getTagId(0, kind, app, tag, AuthKeyA, nullptr, halt));
-        adaptor.freeMemory(tag);
-    };
-    search("getTagId", TagAppNone, 0, false);
-    search("getTagId halt", TagAppNone, 0, true);
-    search("getTagId without directory", TagAppMad1, 0, false);
+    say("getTagId", place.findTag());
+    say("getTagId halt", place.findTag(kPlain, 0, true));
+    say("getTagId without directory", place.findTag(kApp));
     const Bytes uid{4, 1, 2, 3, 4, 5, 6};
     place.reader->field().place(std::make_shared<MifareClassicTag>(directoryTag({{3, kOwnApp}}), uid));
-    search("getTagId directory", TagAppMad1, 0, false);
-    search("getTagId application", TagAppMad1, static_cast<short>(kOwnApp), true);
-    for (const TagAppType kind : {TagAppNone, TagAppMad1}) {
-        short count = 0;
-        TagUID* tags = nullptr;
-        say(kind == TagAppNone ? "getAllTagId" : "getAllTagId directory",
-            adaptor.getAllTagId(0, kind, 0, AuthKeyA, nullptr, count, tags) + count);
-        adaptor.freeMemory(tags);
-    }
+    say("getTagId directory", place.findTag(kApp));
+    say("getTagId application", place.findTag(kApp, kId, true));
+    say("getAllTagId", place.findAll() + place.foundCount);
+    say("getAllTagId directory", place.findAll(kApp) + place.foundCount);
     say("haltAllTag", adaptor.haltAllTag(true));
     std::uint8_t text[64];
     std::uint16_t length = 0;
-    say("getReaderId", adaptor.getReaderId(text, length));
+    say("getReaderId", place.askReaderId());
     say("getReaderFwVersion", adaptor.getReaderFwVersion(text, length));
     say("switchReaderLED", adaptor.switchReaderLED(2, 1, 5));
     say("switchReaderLED 3", adaptor.switchReaderLED(3, 0, 5));

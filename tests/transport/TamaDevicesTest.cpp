@@ -1,5 +1,6 @@
 // Whole frames over a real line and over a message socket.
 
+#include "SerialPort.h"
 #include "TamaDeviceFactory.h"
 #include "TamaFileDevice.h"
 #include "TamaSerialDevice.h"
@@ -33,6 +34,10 @@ std::string readFrame(TamaDevice& device, std::int32_t expected, std::uint32_t* 
 TEST(ASerialReader, DeliversOneFramePerReadAndEndsABadOneAtOnce) {
     ManualClock clock;
     PseudoTerminal terminal;
+    SerialPort other;  // lets what is written stay
+    ASSERT_EQ(other.open(terminal.path().c_str(), 0, 0, true), SerialPort::kSuccess);
+    terminal.write("stale");
+    other.close();
     TamaFrameAssembler assembler;
     TamaSerialDevice device(assembler, 115200);
     ASSERT_EQ(device.OpenInterface(terminal.path().c_str(), 0, 0), kDeviceOk);
@@ -61,6 +66,7 @@ TEST(ASerialReader, DeliversOneFramePerReadAndEndsABadOneAtOnce) {
     const std::uint64_t start = clock.nowMs();
     EXPECT_EQ(readFrame(device, kDeviceTimedOut), "");
     EXPECT_LE(clock.nowMs() - start, 7000u) << "four seconds, looks at the clock included";
+    EXPECT_FALSE(device.isGone()) << "it is only silent";
     terminal.write(kReply.substr(0, 7));
     EXPECT_EQ(readFrame(device, kDeviceTimedOut), kReply.substr(0, 7)) << "what came is delivered";
     clock.setMsPerLook(0);
