@@ -3,6 +3,8 @@
 #include "BflStatus.h"
 #include "CommandDoor.h"
 
+#include <numeric>
+
 namespace {
 
 const Bytes kUid{0x08, 1, 2, 3};
@@ -16,6 +18,11 @@ class AtTheDoor {
     explicit AtTheDoor(Line line = Line::inProcess) : place(line), adaptor(place.start()), door(adaptor) {
         EXPECT_TRUE(adaptor.initReader());
         adaptor.setTagPromptFlag(false);
+    }
+    /// What the card says to a command that succeeds.
+    Bytes ask(const Bytes& command, bool retry = false) {
+        EXPECT_EQ(door.send(kUid, command, retry), kOk);
+        return door.answer;
     }
     std::string placeCard(const Bytes& uid = kUid) { return place.reader->field().place(scriptedCard(uid)); }
     Workplace place;
@@ -38,15 +45,14 @@ TEST_P(CardSession, RunsFromTheWaitToTheDeselection) {
     EXPECT_EQ(door.cid, isMf500UnderTest()) << "the first number";
     EXPECT_EQ(door.ats, (Bytes{0x06, 0x75, 0x77, 0x81, 0x02, 0x80}));
     EXPECT_EQ(place.poll(), "") << "polling is suspended";
-    EXPECT_EQ(door.send(kUid, kHello), kOk);
-    EXPECT_EQ(door.answer, kHelloBack);
+    EXPECT_EQ(ask(kHello), kHelloBack);
     EXPECT_EQ(door.sendRaw(kUid, {0x80, 0x02}), kOk);
     EXPECT_EQ(door.answer, (Bytes{0x90, 0x02})) << "after two requests for time";
     Bytes echo(500, 0x42);
     echo[0] = 0x80, echo[1] = 0x01;
-    EXPECT_EQ(door.send(kUid, echo), kOk);
-    echo.insert(echo.end(), {0x90, 0x00});
-    EXPECT_EQ(door.answer, echo) << "chains both ways";
+    Bytes echoed = echo;
+    echoed.insert(echoed.end(), {0x90, 0x00});
+    EXPECT_EQ(ask(echo), echoed) << "chains both ways";
     EXPECT_EQ(door.deselect(kUid), kOk);
     EXPECT_EQ(place.poll(true), "08010203 2005") << "and polling goes on";
     EXPECT_EQ(door.deselect(kOther), kOk) << "nothing to deselect";
@@ -87,11 +93,8 @@ TEST_F(Door, RefusesStreamsThatDoNotFit) {
             EXPECT_EQ(door.raw(id, fill), "-21 -") << id;
     for (const int unknown : {39, 45, 47, -1, 0x7FFFFFFF})
         EXPECT_EQ(door.raw(unknown, tag), "3101 0");
-    const Stream whole = [&] {
-        Stream in;
-        tag(in), in.addByte(0), data(in), in.addByte(0);
-        return in;
-    }();
+    Stream whole;
+    tag(whole), byte(whole), data(whole), byte(whole);
     for (std::uint32_t length = 0; length < whole.getSize(); ++length)
         EXPECT_EQ(door.raw(40, [&](Stream& in) { in.setData(length, whole.getData()); }), "-21 -") << length;
     EXPECT_EQ(door.raw(44, [](Stream& in) { in.addString("x"); }), "3100 0");
@@ -119,8 +122,7 @@ TEST_F(Door, TakesUidsOfAnyLength) {
 TEST_F(Door, WaitsAsLongAsItIsTold) {
     adaptor.resetSuspendTime(700);
     EXPECT_EQ(door.wait(), kCancelled) << "without a prompt there is one attempt";
-    place.settings("WAITTIME=0\n");
-    adaptor.loadReaderConfig();
+    place.loadSettings("WAITTIME=0\n");
     EXPECT_EQ(door.wait({}, 0), kWaitOver);
     EXPECT_EQ(place.heard(Op::activate), 1u) << "no attempt at all";
     EXPECT_EQ(place.poll(), "") << "polling goes on, and the field is empty";
@@ -138,13 +140,11 @@ TEST_F(Door, WaitsAsLongAsItIsTold) {
     EXPECT_EQ(waited(0), 8u);
     EXPECT_EQ(waited(-1), 8u);
     EXPECT_EQ(waited(2000), 21u) << "and the pause in which the time ran out";
-    place.settings("WAITTIME=1200\n");
-    adaptor.loadReaderConfig();
+    place.loadSettings("WAITTIME=1200\n");
     adaptor.resetSuspendTime(700);
     adaptor.resetSuspendTime(0);
     EXPECT_EQ(waited(0), 13u) << "0 is the time of the settings";
-    int looks = 0;
-    place.clock->duringWait([&] {
+    place.clock->duringWait([&, looks = 0]() mutable {
         if (++looks == 3) placeCard();
     });
     EXPECT_EQ(door.wait({}, 100000), kOk) << "a card that comes while waiting";
@@ -158,12 +158,9 @@ TEST_F(Door, HoldsManyCardsAndRefusesOneMore) {
     // An MF RC500 gives its numbers to the cards, from 1 on, and 15 is one that no card takes.
     const int room = isMf500UnderTest() ? 14 : 16, full = isMf500UnderTest() ? -1 : -45;
     const auto uidOf = [](int i) { return Bytes{0x08, 0x20, 0x30, static_cast<std::uint8_t>(i)}; };
-    std::vector<std::string> names;
-    for (int i = 0; i <= room; ++i)
-        names.push_back(placeCard(uidOf(i)));
     const auto alone = [&](int i) {
-        for (int j = 0; j <= room; ++j)
-            place.reader->field().setPresent(names[static_cast<std::size_t>(j)], j == i);
+        place.reader->field().clear();
+        placeCard(uidOf(i));
     };
     for (int i = 0; i < room; ++i) {
         alone(i);
@@ -193,8 +190,7 @@ TEST_F(Door, TriesAFailedExchangeOnceMoreIfAsked) {
     ASSERT_TRUE(adaptor.initReader());
     EXPECT_EQ(door.send(kUid, kHello), kOk) << "and so has a start";
     blink();
-    EXPECT_EQ(door.send(kUid, kHello, true), kOk);
-    EXPECT_EQ(door.answer, kHelloBack);
+    EXPECT_EQ(ask(kHello, true), kHelloBack);
     place.reader->field().setPresent(name, false);
     EXPECT_EQ(door.send(kUid, kHello, true), kCancelled);
     EXPECT_EQ(door.send(kUid, {}, true), kCancelled);
@@ -217,33 +213,26 @@ TEST_F(Door, TakesNoAnswerFromAClosedReader) {
             EXPECT_EQ(door.answer, Bytes());
         }
     }
-    std::uint8_t id[6] = {0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};
-    std::uint16_t length = 0;
-    adaptor.getReaderId(id, length);
-    EXPECT_EQ(Bytes(id, id + 4), Bytes(4, 0)) << "nor anything for its id";
+    std::ranges::fill(place.readerId, std::uint8_t{0xEE});
+    place.askReaderId();
+    EXPECT_EQ(Bytes(place.readerId, place.readerId + 4), Bytes(4, 0)) << "nor anything for its id";
     EXPECT_EQ(place.host.heard(), "");
     ASSERT_TRUE(adaptor.initReader());
     EXPECT_EQ(door.wait(), kOk);
-    EXPECT_EQ(door.send(kUid, kHello), kOk);
-    EXPECT_EQ(door.answer, kHelloBack);
+    EXPECT_EQ(ask(kHello), kHelloBack);
 }
 
 TEST_F(Door, DeliversTheRestOfALongAnswerByTheNextCall) {
     placeCard();
     EXPECT_EQ(door.wait(), kOk);
-    EXPECT_EQ(door.send(kUid, {0x80, 0x03}), kOk);
-    EXPECT_EQ(door.answer.size(), 4096u) << "fits to the byte";
-    EXPECT_EQ(door.send(kUid, {0x80, 0x04}), -50);
-    EXPECT_EQ(door.send(kUid, kHello), kOk);
+    EXPECT_EQ(ask({0x80, 0x03}).size(), 4096u) << "fits to the byte";
     Bytes rest(5000 - 4096);
-    for (std::size_t i = 0; i < rest.size(); ++i)
-        rest[i] = static_cast<std::uint8_t>(4096 + i);
-    EXPECT_EQ(door.answer, rest);
-    EXPECT_EQ(door.send(kUid, kHello), kOk);
-    EXPECT_EQ(door.answer, kHelloBack);
-    EXPECT_EQ(door.send(kUid, {0x80, 0x04}, true), -50) << "woken and asked again, with the same end";
-    EXPECT_EQ(door.send(kUid, kHello), kOk);
-    EXPECT_EQ(door.answer, rest);
+    std::iota(rest.begin(), rest.end(), std::uint8_t{4096 % 256});
+    for (const bool retry : {false, true}) {
+        EXPECT_EQ(door.send(kUid, {0x80, 0x04}, retry), -50) << "woken and asked again, it has the same end";
+        EXPECT_EQ(ask(kHello), rest);
+        EXPECT_EQ(ask(kHello), kHelloBack);
+    }
 }
 
 TEST_F(Door, ServesCardsOfEveryFrameSizeAndWithoutInterfaceBytes) {
@@ -253,10 +242,8 @@ TEST_F(Door, ServesCardsOfEveryFrameSizeAndWithoutInterfaceBytes) {
         if (isMf500UnderTest() && ats.empty()) continue;
         const std::string name = place.reader->field().place(scriptedCard(kUid, ats));
         EXPECT_EQ(door.wait(), kOk);
-        EXPECT_EQ(door.send(kUid, kHello), kOk);
-        EXPECT_EQ(door.answer, kHelloBack);
-        EXPECT_EQ(door.send(kUid, {0x80, 0x60, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17}), kOk);
-        EXPECT_EQ(door.answer.size(), 600u);
+        EXPECT_EQ(ask(kHello), kHelloBack);
+        EXPECT_EQ(ask({0x80, 0x60, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17}).size(), 600u);
         EXPECT_EQ(door.deselect(kUid), kOk);
         place.reader->field().remove(name);
     }

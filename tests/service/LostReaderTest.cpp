@@ -1,49 +1,25 @@
 // What follows when an operation has lost the reader, and threads that are cancelled within operations.
 
 #include "CommandDoor.h"
+#include "TagWorkplace.h"
 
 #include <pthread.h>
 #include <thread>
 
 namespace {
 
-const Bytes kUid{0x08, 1, 2, 3};
+const Bytes kUid{0x08, 1, 2, 3}, kSelect{0x80, 0x00};
 
 class ALostReader : public ::testing::Test {
   protected:
-    ALostReader() : adaptor(place.start()), door(adaptor) {
-        place.placeClassic();
-        EXPECT_TRUE(adaptor.initReader());
-        adaptor.setTagPromptFlag(false);
-    }
+    ALostReader() : adaptor(*place.adaptor), door(adaptor) { adaptor.setTagPromptFlag(false); }
     /// By an operation that leaves it to the next one.
     void lose() {
         place.reader->vanish();
         EXPECT_NE(door.wait(), kOk);
         EXPECT_EQ(place.host.heard(), "");
     }
-    int getTag() {
-        TagUID* tag = nullptr;
-        const int status = adaptor.getTagId(0, TagAppNone, 0, tag, AuthKeyA, nullptr, false);
-        adaptor.freeMemory(tag);
-        return status;
-    }
-    int readBlock() {
-        const Bytes uid{0xDE, 0xAD, 0xBE, 0xEF}, key(6, 0xFF);
-        std::uint8_t* data = nullptr;
-        int length = 0;
-        const int status = adaptor.getBlockData(0, TagAppNone, TagUID(uid.data(), 4, kTagStandard), 0, AuthKeyA,
-                                                key.data(), 4, 1, data, length, AuthKeyA, nullptr, nullptr);
-        adaptor.freeMemory(data);
-        return status;
-    }
-    int getId() {
-        std::uint8_t id[6];
-        std::uint16_t length = 0;
-        return adaptor.getReaderId(id, length);
-    }
-
-    Workplace place;
+    TagWorkplace place;
     ReaderImpl& adaptor;
     CommandDoor door;
 };
@@ -52,14 +28,11 @@ TEST_F(ALostReader, IsOpenedAnewByWhateverIsAskedNext) {
     const struct {
         std::function<int()> run;
         bool isRefused;  // while the reader is away; a closed MF RC500 says 0 to what needs no tag
-    } operations[] = {{[&] { return getTag(); }, true},
-                      {[&] { return readBlock(); }, true},
-                      {[&] { return getId(); }, false},
+    } operations[] = {{[&] { return place.findTag(); }, true},
+                      {[&] { return place.read(kPlain, 4, 1, kFactory.data()); }, true},
+                      {[&] { return place.askReaderId(); }, false},
                       {[&] { return adaptor.switchReaderLED(2, 1, 5); }, false},
-                      {[&] {
-                           return door.send(kUid, {0x80, 0x00});
-                       },
-                       false}};
+                      {[&] { return door.send(kUid, kSelect); }, false}};
     place.reader->field().place(scriptedCard(kUid));
     for (const auto& operation : operations) {
         SCOPED_TRACE(&operation - operations);
@@ -80,7 +53,7 @@ TEST_F(ALostReader, IsOpenedAnewByWhateverIsAskedNext) {
     lose();
     place.reader->comeBack();
     const std::uint32_t before = place.reader->commandCount(0x26);
-    EXPECT_EQ(getTag(), kOk);
+    EXPECT_EQ(place.findTag(), kOk);
     EXPECT_EQ(place.reader->commandCount(0x26) - before, isMf500UnderTest() ? 0u : 2u) << "and so is LED 3";
 }
 
@@ -100,16 +73,12 @@ TEST_F(ALostReader, MayBeOpenedByACancelledThread) {
         ::pthread_cancel(::pthread_self());
         ::pthread_testcancel();
     };
-    const std::function<void()> operations[] = {[&] { place.poll(); }, [&] { EXPECT_EQ(getTag(), kOk); }};
-    for (const auto& operation : operations) {
+    for (const bool polls : {true, false}) {
         lose();
         place.reader->comeBack();
-        bool isOver = false;
-        std::thread([&] {
-            operation();
-            isOver = true;
-        }).join();
-        EXPECT_TRUE(isOver);
+        int status = 0;
+        std::thread([&] { status = polls ? (place.poll(), kOk) : place.findTag(); }).join();
+        EXPECT_EQ(status, kOk);
         EXPECT_EQ(place.host.heard(), "-+");
     }
 }

@@ -18,8 +18,7 @@ class Polling : public OnALine {
 INSTANTIATE_TEST_SUITE_P(Lines, Polling, ::testing::ValuesIn(kLines));
 
 TEST_P(Polling, StartsTheReaderAndReportsEachTagOnce) {
-    EXPECT_EQ(place.poll(), "");
-    EXPECT_EQ(place.host.heard(), "+");
+    EXPECT_EQ(place.polled(), "+");
     const std::string tag = place.placeClassic();
     EXPECT_EQ(place.poll(), "deadbeef 2002");
     EXPECT_EQ(place.poll(), "") << "it sleeps now";
@@ -57,28 +56,25 @@ TEST_P(Polling, IsSuspendedForTheWholeAdaptor) {
 }
 
 TEST_P(Polling, NoticesALostReaderAndItsReturn) {
+    const auto pollUntilReady = [this] {
+        std::string found;
+        for (int i = 0; i < 50 && place.host.heard() != "+"; ++i) {
+            found = place.poll();
+            if (GetParam() != Line::inProcess) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return found;
+    };
     place.reader->vanish();
-    EXPECT_EQ(place.poll(), "");
-    EXPECT_EQ(place.host.heard(), "") << "it never was there";
+    EXPECT_EQ(place.polled(), "") << "it never was there";
     place.reader->comeBack();
-    for (int i = 0; i < 50 && place.host.heard().empty(); ++i) {
-        place.poll();
-        if (GetParam() != Line::inProcess) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    pollUntilReady();
     place.reader->vanish();
     for (const char* heard : {"-", ""}) {
-        EXPECT_EQ(place.poll(), "");
-        EXPECT_EQ(place.host.heard(), heard);
+        EXPECT_EQ(place.polled(), heard);
     }
     place.placeClassic();
     place.reader->comeBack();
-    std::string found;
-    for (int i = 0; i < 50 && found.empty(); ++i) {
-        found = place.poll();
-        if (found.empty() && GetParam() != Line::inProcess) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    EXPECT_EQ(found, "deadbeef 2002");
-    EXPECT_EQ(place.host.heard(), "+");
+    EXPECT_EQ(pollUntilReady(), "deadbeef 2002");
 }
 
 class InProcess : public ::testing::Test {
@@ -88,13 +84,10 @@ class InProcess : public ::testing::Test {
 };
 
 TEST_F(InProcess, EachKindOfTagHasItsWireCode) {
-    const auto classic = [](std::size_t size, const Bytes& uid) {
-        return std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(size, uid), uid);
-    };
-    const Bytes ten{4, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+    const Bytes four{1, 2, 3, 4}, seven{4, 2, 3, 4, 5, 6, 7}, ten{4, 1, 2, 3, 4, 5, 6, 7, 8, 9};
     const std::pair<std::shared_ptr<VirtualTag>, const char*> cases[] = {
-        {classic(4096, {1, 2, 3, 4}), "01020304 2003"},
-        {classic(1024, {4, 2, 3, 4, 5, 6, 7}), "04020304050607 2002"},
+        {std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(4096, four), four), "01020304 2003"},
+        {std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(1024, seven), seven), "04020304050607 2002"},
         {std::make_shared<SmartCard>(Bytes{4, 9, 8, 7}, Bytes{0x75, 0x77, 0x81, 0x02, 0x80}), "04090807 2005"},
         {std::make_shared<SmartCard>(ten, Bytes{0x70}), ""}};
     for (const auto& [tag, found] : cases) {
@@ -116,8 +109,7 @@ TEST_F(InProcess, AForcedPollMayLeaveALostReaderToTheNextOne) {
     place.reader->comeBack();
     EXPECT_EQ(place.poll(true), "");
     if (!isMf500UnderTest()) {  // forced attempts hide what the driver said
-        EXPECT_EQ(place.poll(true), "");
-        EXPECT_EQ(place.host.heard(), "");
+        EXPECT_EQ(place.polled(true), "");
         EXPECT_EQ(place.poll(), "");
     }
     EXPECT_EQ(place.host.heard(), "-+");
@@ -128,8 +120,7 @@ TEST_F(InProcess, ATagLevelFailureIsNoLostReader) {
     ASSERT_TRUE(place.adaptor->initReader());
     place.placeClassic();
     place.spoil(Op::activate, "1 " + place.refusal());
-    EXPECT_EQ(place.poll(), "");
-    EXPECT_EQ(place.host.heard(), "") << "-100 is a matter of the tag";
+    EXPECT_EQ(place.polled(), "") << "-100 is a matter of the tag";
     EXPECT_EQ(place.poll(), "deadbeef 2002");
     place.spoil(Op::halt, "from 1 status 01");
     EXPECT_EQ(place.poll(true), "deadbeef 2002") << "the halt's result does not count";
@@ -175,13 +166,10 @@ TEST_F(InProcess, AHostMayCallBackAndThrow) {
     place.placeClassic();
     ASSERT_TRUE(place.adaptor->initReader());
     place.host.onChange = [this](bool ready) {
-        TagUID* tag = nullptr;
         TagUID none;
         EXPECT_EQ(place.adaptor->suspendPoll(none), kOk);
         EXPECT_EQ(place.adaptor->resumePoll(none), kOk);
-        EXPECT_EQ(place.adaptor->getTagId(0, TagAppNone, 0, tag, AuthKeyA, nullptr, false),
-                  ready ? int{kOk} : int{kReaderNotReady});
-        place.adaptor->freeMemory(tag);
+        EXPECT_EQ(place.findTag(), ready ? int{kOk} : int{kReaderNotReady});
         EXPECT_EQ(place.adaptor->haltAllTag(true), kOk);
         place.clock->advance(1000);
         place.adaptor->scanUSBDevice(2);

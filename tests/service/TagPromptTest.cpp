@@ -34,6 +34,10 @@ class Surface : public TagPromptSurface {
 class ThePrompt : public ::testing::Test {
   protected:
     ThePrompt() : adaptor(dynamic_cast<QvlMf500ReaderImpl&>(place.start())) { tagPromptEvent().reset(); }
+    bool showAnew() {
+        tagPromptEvent().reset();
+        return adaptor.showTagPrompt();
+    }
     bool gone() { return tagPromptEvent().waitFor(std::chrono::seconds(10)) && !tagPromptStands(); }
 
     Workplace place;
@@ -50,10 +54,8 @@ TEST_F(ThePrompt, IsAbsentWithoutAFlagOrASurface) {
     EXPECT_TRUE(adaptor.showTagPrompt());
     EXPECT_EQ(surface.shown, 0);
     for (const auto& [setting, shown] : {std::pair{"1", 1}, {"0", 1}, {"2", 1}, {"x", 1}, {"1", 2}}) {
-        place.settings(std::string("TAGPROMPT=") + setting + "\n");
-        adaptor.loadReaderConfig();
-        tagPromptEvent().reset();
-        EXPECT_TRUE(adaptor.showTagPrompt());
+        place.loadSettings(std::string("TAGPROMPT=") + setting + "\n");
+        EXPECT_TRUE(showAnew());
         EXPECT_EQ(surface.shown, shown) << setting;
         endTagPrompt(&adaptor);
     }
@@ -67,8 +69,7 @@ TEST_F(ThePrompt, StandsUntilItsOperationTakesItDown) {
     EXPECT_TRUE(tagPromptStands());
     closeTagPrompt();
     EXPECT_TRUE(gone());
-    tagPromptEvent().reset();
-    EXPECT_TRUE(adaptor.showTagPrompt()) << "one that is on its way out is nobody's";
+    EXPECT_TRUE(showAnew()) << "one that is on its way out is nobody's";
     EXPECT_EQ(surface.shown, 2);
     cancelTagPrompt();
     cancelTagPrompt();
@@ -94,23 +95,19 @@ TEST_F(ThePrompt, EndsWithItsSurfaceItsOperationAndItsAdaptor) {
     {
         Surface second;
         EXPECT_EQ(first.hidden, 1) << "the one that stood has gone when another takes its place";
-        tagPromptEvent().reset();
-        EXPECT_TRUE(adaptor.showTagPrompt());
+        EXPECT_TRUE(showAnew());
         setTagPromptSurface(nullptr);
         EXPECT_EQ(second.hidden, 1);
     }
     Surface surface;
-    TagUID* tag = nullptr;
     tagPromptEvent().reset();
     place.placeClassic();
     ASSERT_TRUE(adaptor.initReader());
-    EXPECT_EQ(adaptor.getTagId(0, TagAppNone, 0, tag, AuthKeyA, nullptr, true), kOk);
-    adaptor.freeMemory(tag);
+    EXPECT_EQ(place.findTag(TagAppNone, 0, true), kOk);
     EXPECT_EQ(surface.shown, 1);
     EXPECT_TRUE(gone()) << "that of an operation ends with it";
     std::unique_ptr<ReaderImpl> other(createAdaptorInstance(&place.host));
-    tagPromptEvent().reset();
-    EXPECT_TRUE(adaptor.showTagPrompt());
+    EXPECT_TRUE(showAnew());
     other.reset();
     EXPECT_TRUE(tagPromptStands()) << "it is not the prompt of the one that went";
     place.adaptor.reset();
@@ -126,8 +123,7 @@ TEST_F(ThePrompt, ComesAndGoesManyTimesUnderCancels) {
             cancelTagPrompt();
     });
     for (int i = 0; i < 200; ++i) {
-        tagPromptEvent().reset();
-        ASSERT_TRUE(adaptor.showTagPrompt());
+        ASSERT_TRUE(showAnew());
         closeTagPrompt();
         ASSERT_TRUE(gone());
     }

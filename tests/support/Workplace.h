@@ -148,6 +148,11 @@ class Workplace {
         return found;
     }
 
+    /// One poll: the tag, then what the host heard.
+    std::string polled(bool forced = false) {
+        const std::string tag = poll(forced);
+        return tag + host.heard();
+    }
     int findTag(TagAppType kind = TagAppNone, short app = 0, bool halt = false) {
         TagUID* tag = nullptr;
         const int status = adaptor->getTagId(0, kind, app, tag, AuthKeyA, nullptr, halt);

@@ -77,15 +77,10 @@ Operation added(const std::string& name, const Bytes& before, bool isNew, short 
     const Call call = [=](TagWorkplace& place) { return isNew ? place.init(kId, count) : place.add(kApp, kId, count); };
     const int refused = isNew ? kApplicationExists : kApplicationMissing;
     const std::set<int> statuses{kDirectoryNotRead, kDirectoryNotWritten, kPartial, kRepairFailed, kTooFew, refused};
-    return {.name = name,
-            .before = before,
-            .call = call,
-            .statuses = statuses,
-            .sectors = free,
-            .entries = {0, kOwnApp},
-            .key = kB,
-            .claims = true,
-            .goesOn = !isNew};
+    Operation op{name, before, call, statuses, free, {0, kOwnApp}, kB};
+    op.claims = true;
+    op.goesOn = !isNew;
+    return op;
 }
 
 /// From the application's start on; all of it with no start.
@@ -116,15 +111,8 @@ Operation formatted(const std::string& name, const Bytes& before, bool isBack, T
     const Call call = [=](TagWorkplace& place) {
         return isBack ? listed(place, sectors, place.unformat(kind, key, place.statuses)) : place.format(kind);
     };
-    Operation op{.name = name,
-                 .before = before,
-                 .call = call,
-                 .statuses = {kPartial},
-                 .sectors = sectors,
-                 .entries = {0},
-                 .key = key,
-                 .mode = isBack ? AuthKeyB : AuthKeyA,
-                 .findsTag = true};
+    Operation op{name, before, call, {kPartial}, sectors, {0}, key, isBack ? AuthKeyB : AuthKeyA};
+    op.findsTag = true;
     if (kind != kPlain) op.statuses.insert(kDirectoryNotWritten);
     if (kind != kPlain && !isBack) op.entries.insert(1);
     return op;

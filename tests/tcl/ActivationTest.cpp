@@ -100,6 +100,13 @@ class CardLayer : public ::testing::Test {
         reader->reply = bytes;
         reader->reply.insert(reader->reply.end(), {0xC0, 0xC1});  // the CRC that an MF RC500 leaves on
     }
+    /// From the activation to the ATS, which the card answers with.
+    short select(const Bytes& answered, std::uint8_t cid) {
+        cardAnswers(answered);
+        EXPECT_EQ(activate(), 0);
+        std::ranges::fill(ats, std::uint8_t{0xFF});  // what stands behind the ATS must not count
+        return getAts(cid);
+    }
     PiccInfo& card(int cid) { return *tcl.mPicc[cid]; }
 
     std::shared_ptr<StandInReader> reader;
@@ -131,10 +138,7 @@ TEST_P(OnBothReaders, AnAtsIsDecodedIntoTheCardsRecord) {
                  {{3, 0x55, 0x77}, {5, 5, 4, 0, 0x77, 0, 0, 0}}};  // and so does TC1
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
-        cardAnswers(c.ats);
-        ASSERT_EQ(activate(), 0);
-        std::ranges::fill(ats, std::uint8_t{0xFF});  // what stands behind the ATS must not count
-        ASSERT_EQ(getAts(3), 0);
+        ASSERT_EQ(select(c.ats, 3), 0);
         const PiccInfo& p = card(3);
         EXPECT_EQ(atsLen, c.ats.size());
         EXPECT_EQ((Bytes{p.mFSCI, p.mFSI, p.mFWI, p.mSFGI, p.mTA1, cidSupp, nadSupp, p.mFlags}), c.record);
@@ -146,9 +150,7 @@ TEST_P(OnBothReaders, AnAtsIsDecodedIntoTheCardsRecord) {
 TEST_P(OnBothReaders, AMalformedAtsLeavesTheCidFree) {
     for (const Bytes& bad : {Bytes{2, 0x70}, Bytes{2, 0x60}, Bytes{3, 0x70, 0x77}, Bytes{4, 0x05}, Bytes{3, 0x05},
                              Bytes{200, 0x05, 1}, Bytes{2, 0x05, 1}, Bytes(130, 130)}) {
-        cardAnswers(bad);
-        ASSERT_EQ(activate(), 0);
-        EXPECT_EQ(getAts(2), kTclBadAts) << int{bad[0]} << " " << int{bad[1]};
+        EXPECT_EQ(select(bad, 2), kTclBadAts) << int{bad[0]} << " " << int{bad[1]};
         EXPECT_EQ(card(2).mUidLen, 0);
     }
     cardAnswers({6, 0x75, 0x77, 0x81, 0x02, 0x80});
@@ -218,9 +220,7 @@ TEST_P(OnBothReaders, OnlyASelectedCardHasAnAts) {
     reader->uid = Bytes(11, 1);
     EXPECT_EQ(activate(), kTclUidTooLong);
     reader->uid = Bytes(10, 1);
-    cardAnswers({1});
-    EXPECT_EQ(activate(), 0);
-    EXPECT_EQ(getAts(15), 0);
+    EXPECT_EQ(select({1}, 15), 0);
     EXPECT_EQ(card(15).mUidLen, 10);
     EXPECT_EQ(tcl.reset(0), kTclBadArgument);
     EXPECT_EQ(tcl.reset(1), 0);
@@ -232,13 +232,11 @@ TEST_P(OnBothReaders, OnlyASelectedCardHasAnAts) {
 }
 
 TEST_P(OnBothReaders, CidsAreGivenOutAndFoundByUid) {
-    cardAnswers({1});
     const std::uint8_t first = GetParam() == BflTypeNfcTama ? 0 : 1;
     for (std::uint8_t cid = first; cid < 16; ++cid) {
         EXPECT_EQ(QvlTclUtil::getAvailableCid(&tcl), cid);
         reader->uid = {9, 9, 9, cid, 5, 6, 7};
-        activate();
-        ASSERT_EQ(getAts(cid), 0);
+        ASSERT_EQ(select({1}, cid), 0);
     }
     EXPECT_EQ(QvlTclUtil::getAvailableCid(&tcl), 16);
     std::uint8_t cid = 99;
@@ -278,13 +276,11 @@ TEST_P(OnBothReaders, TheWaitingFormTriesTenTimes) {
 
 TEST_F(CardLayer, PpsChangesTheBitRateWithinWhatTheReaderCan) {
     use(BflTypeMf500);
-    cardAnswers({1});
-    activate();
-    ASSERT_EQ(getAts(3), 0);
+    ASSERT_EQ(select({1}, 3), 0);
     reader->reply = {0xD3, 0x11, 0x22};
     EXPECT_EQ(tcl.TclPps(3, 2, 1), 0);
     EXPECT_EQ(reader->sent.size(), 5u);
-    EXPECT_EQ((Bytes{reader->sent[0], reader->sent[1], reader->sent[2]}), (Bytes{0xD3, 0x11, 0x09}));
+    EXPECT_EQ(Bytes(reader->sent.data(), reader->sent.data() + 3), (Bytes{0xD3, 0x11, 0x09}));
     EXPECT_EQ(reader->attributes, (Bytes{2, 1}));
     EXPECT_EQ(card(3).mDSI, 2);
     const std::uint8_t refused[][3] = {{16, 0, 0}, {3, 3, 0}, {3, 0, 2}, {3, 4, 0}};
@@ -326,9 +322,7 @@ TEST(TheCardLayer, WithoutAReaderFailsAndDoesNotFall) {
 
 TEST_F(CardLayer, DumpsARecord) {
     use(BflTypeNfcTama);
-    cardAnswers({6, 0x75, 0x77, 0x81, 0x02, 0x80});
-    activate();
-    ASSERT_EQ(getAts(1), 0);
+    ASSERT_EQ(select({6, 0x75, 0x77, 0x81, 0x02, 0x80}, 1), 0);
     ::testing::internal::CaptureStdout();
     QvlTclUtil::dumpPiccInfo(&tcl, 1);
     QvlTclUtil::dumpPiccInfo(&tcl, 16);

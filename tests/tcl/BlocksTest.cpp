@@ -109,29 +109,6 @@ TEST(Blocks, AreBuiltByteForByte) {
         EXPECT_EQ(QvlTclUtil::buildIBlk(&p, nullptr, nullptr, data.data(), 24, 0), 1);
         EXPECT_EQ(p.block[0], 0x13) << "nothing built";
     }
-    EXPECT_EQ(built(QvlTclUtil::buildRBlk(&p, nullptr, 0, 1)), Bytes{0xA3});
-    EXPECT_EQ(built(QvlTclUtil::buildRBlk(&p, &cid, 0x10, 0)), (Bytes{0xBA, 0x05}));
-    EXPECT_EQ(built(QvlTclUtil::buildSBlk(&p, nullptr, 0, 9)), Bytes{0xC2});
-    EXPECT_EQ(built(QvlTclUtil::buildSBlk(&p, &cid, 0, 9)), (Bytes{0xCA, 0x05}));
-    EXPECT_EQ(built(QvlTclUtil::buildSBlk(&p, &cid, 0x30, 9)), (Bytes{0xFA, 0x05, 9}));
-}
-
-TEST(Blocks, GiveTheirDataUpToTheEndOfTheBuffer) {
-    for (std::uint32_t size = 0; size <= 4; ++size) {
-        QvlTclInternalParams p;
-        put(p, {0x0A, kCid, 1, 2, 3});
-        p.flags = 0x02;
-        Bytes buffer(size);
-        p.dataPos = p.dataMark = buffer.data();
-        std::uint32_t total = 7;
-        EXPECT_EQ(QvlTclUtil::receiveI(&p, 5, buffer.data(), size, &total), size < 3 ? -24 : 0);
-        EXPECT_EQ(total, 7 + std::min(size, 3u));
-        if (size < 3) {
-            EXPECT_EQ(p.restPos, 2 + size);
-            EXPECT_EQ(p.restEnd, 5);
-        }
-        EXPECT_EQ(Bytes(buffer.data(), p.dataPos), Bytes(buffer.begin(), buffer.begin() + std::min(size, 3u)));
-    }
 }
 
 }  // namespace
