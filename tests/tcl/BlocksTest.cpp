@@ -111,4 +111,16 @@ TEST(Blocks, AreBuiltByteForByte) {
     }
 }
 
+TEST(Blocks, GiveNothingToABufferThatIsFull) {
+    QvlTclInternalParams p;
+    put(p, {0x0A, kCid, 1, 2, 3});
+    p.flags = 0x02;
+    Bytes buffer(2);
+    p.dataPos = p.dataMark = buffer.data() + 1;
+    std::uint32_t total = 7;
+    EXPECT_EQ(QvlTclUtil::receiveI(&p, 5, buffer.data(), 1, &total), -24);
+    EXPECT_EQ(total, 7u);
+    EXPECT_EQ(buffer, Bytes(2));
+}
+
 }  // namespace
