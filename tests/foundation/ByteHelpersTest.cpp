@@ -11,6 +11,7 @@
 #include <climits>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -63,16 +64,13 @@ TEST(HexText, FillsNoMoreThanItsBuffer) {
 }
 
 TEST(ByteHelpers, ValuesAreLittleEndianAndReadFromTheInvertedCopy) {
-    const struct {
-        std::int32_t value;
-        const char *bytes, *inverted;
-    } cases[] = {
+    const std::tuple<std::int32_t, const char*, std::string> cases[] = {
         {-1, "ffffffff", "00000000"}, {0x12345678, "78563412", "87a9cbed"}, {INT32_MIN, "00000080", "ffffff7f"}};
-    for (const auto& c : cases) {
+    for (const auto& [value, bytes, inverted] : cases) {
         std::uint8_t out[4];
-        valueToBytes(c.value, out);
-        EXPECT_EQ(hexText(out, 4), c.bytes);
-        EXPECT_EQ(decodeValue(fromHex(std::string("55555555") + c.inverted).data()), c.value);
+        valueToBytes(value, out);
+        EXPECT_EQ(hexText(out, 4), bytes);
+        EXPECT_EQ(decodeValue(fromHex("55555555" + inverted).data()), value);
     }
 }
 
@@ -105,11 +103,8 @@ TEST(ByteHelpers, KeepToTheirCorners) {
 }
 
 TEST(HostCalcCrc, GivesThePublishedValues) {
-    const struct {
-        std::uint8_t mode;
-        Bytes data;
-        const char* crc;  // result bytes, "ee" where none is written
-    } cases[] = {
+    // Mode, data, and the result bytes, "ee" where none is written.
+    const std::tuple<std::uint8_t, Bytes, const char*> cases[] = {
         {0, fromText("123456789"), "05bf"},
         {0, fromHex("1234"), "26cf"},
         {0, fromHex("e050"), "bca5"},
@@ -120,10 +115,10 @@ TEST(HostCalcCrc, GivesThePublishedValues) {
         {0x80, {}, "c7ee"},
         {1, fromText("123456789"), "eeee"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [mode, data, crc] : cases) {
         std::uint8_t result[2] = {0xEE, 0xEE};
-        HostCalcCrc(c.mode, static_cast<std::uint32_t>(c.data.size()), c.data.data(), result);
-        EXPECT_EQ(hexText(result, 2), c.crc) << int{c.mode} << ' ' << hex(c.data);
+        HostCalcCrc(mode, static_cast<std::uint32_t>(data.size()), data.data(), result);
+        EXPECT_EQ(hexText(result, 2), crc) << int{mode} << ' ' << hex(data);
     }
     std::uint8_t untouched = 0xEE;
     HostCalcCrc(0x80, 1, nullptr, &untouched);
@@ -132,21 +127,18 @@ TEST(HostCalcCrc, GivesThePublishedValues) {
 
 // The last two: first bytes of the key streams in RFC 6229.
 TEST(Rc4, GivesThePublishedStreams) {
-    const struct {
-        Bytes key, plain;
-        const char* cipher;
-    } cases[] = {
+    const std::tuple<Bytes, Bytes, const char*> cases[] = {
         {fromText("Secret"), fromText("Attack at dawn"), "45a01f645fc35b383552544b9bf5"},
         {fromHex("0102030405"), Bytes(16), "b2396305f03dc027ccc3524a0a1118a8"},
         {fromHex("0102030405060708090a0b0c0d0e0f10"), Bytes(16), "9ac7cc9a609d1ef7b2932899cde41b97"},
     };
     Rc4 stream;  // keyed anew each time
-    for (const auto& c : cases) {
-        Bytes data = c.plain;
-        stream.setKey(c.key);
+    for (const auto& [key, plain, cipher] : cases) {
+        Bytes data = plain;
+        stream.setKey(key);
         stream.crypt(std::span(data).first(2));  // the stream runs on from call to call
         stream.crypt(std::span(data).subspan(2));
-        EXPECT_EQ(hex(data), c.cipher);
+        EXPECT_EQ(hex(data), cipher);
     }
     Rc4 unkeyed;
     stream.setKey({});

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -50,12 +50,7 @@ std::string read(QVLParamCollection& stream, char kind) {
 
 TEST(ParamCollection, EveryValueHasItsFormAndReadsBack) {
     const std::uint8_t bytes[] = {0xDE, 0xAD, 0x00};
-    const struct {
-        std::function<int(QVLParamCollection&)> add;
-        const char* wire;
-        char kind;
-        const char* value;
-    } cases[] = {
+    const std::tuple<std::function<int(QVLParamCollection&)>, const char*, char, const char*> cases[] = {
         {[](auto& s) { return s.addShort(0x07D2); }, "0107d2", 's', "2002"},
         {[](auto& s) { return s.addLong(0x80000001); }, "0280000001", 'l', "2147483649"},
         {[](auto& s) { return s.addByte(0xFE); }, "03fe", 'b', "254"},
@@ -66,9 +61,9 @@ TEST(ParamCollection, EveryValueHasItsFormAndReadsBack) {
     };
     QVLParamCollection all;
     std::string wire;
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.add(all), kMemoryOk);
-        wire += c.wire;
+    for (const auto& [add, valueWire, kind, value] : cases) {
+        EXPECT_EQ(add(all), kMemoryOk);
+        wire += valueWire;
     }
     EXPECT_EQ(all.addString(nullptr), kMemoryOk);
     EXPECT_EQ(all.addBytes(1, nullptr), kStreamFull);
@@ -78,10 +73,10 @@ TEST(ParamCollection, EveryValueHasItsFormAndReadsBack) {
     QVLParamCollection received = streamOf(wire);
     for (QVLParamCollection* stream : {&all, &received}) {
         std::uint8_t type = 0;
-        for (const auto& c : cases) {
+        for (const auto& [add, valueWire, kind, value] : cases) {
             EXPECT_EQ(stream->peekType(type), kMemoryOk);
-            EXPECT_EQ(type, static_cast<std::uint8_t>(c.wire[1] - '0'));
-            EXPECT_EQ(read(*stream, c.kind), c.value) << c.wire;
+            EXPECT_EQ(type, static_cast<std::uint8_t>(valueWire[1] - '0'));
+            EXPECT_EQ(read(*stream, kind), value) << valueWire;
         }
     }
     std::uint8_t type = 0;
@@ -90,32 +85,28 @@ TEST(ParamCollection, EveryValueHasItsFormAndReadsBack) {
 
 TEST(ParamCollection, ReadsStopAtTheEndAndRefuseOtherTypes) {
     const struct {
-        const char *wire, *reads, *last;  // outcome of the last read
+        const char *reads, *last;  // outcome of the last read
+        std::vector<const char*> wires;
     } cases[] = {
-        {"", "s", "status 3037"},
-        {"01", "s", "status 3037"},
-        {"0107", "s", "status 3037"},
-        {"02070707", "l", "status 3037"},
-        {"03", "b", "status 3037"},
-        {"010003", "l", "status 3041"},
-        {"010103fe", "ls", "1022"},     // a refused type byte stays consumed
-        {"0103", "sb", "status 3037"},  // and so does that of a value that is cut
-        {"04000000", "t", "status 3037"},
-        {"0500000000", "t", "status 3041"},
-        {"0500000002aa", "x", "status 3037"},
-        {"047fffffffaa", "t", "status 3037"},
-        {"0480000000aa", "t", "status 3037"},
-        {"04ffffffffaa", "t", "status 3037"},
-        {"05ffffffffaa", "x", "status 3037"},
-        {"05ffffffff03fe", "xb", "254"},
+        {"s", "status 3037", {"", "01", "0107"}},
+        {"l", "status 3037", {"02070707"}},
+        {"b", "status 3037", {"03"}},
+        {"sb", "status 3037", {"0103"}},  // the type byte of a value that is cut stays consumed
+        {"ls", "1022", {"010103fe"}},     // and so does a refused one
+        {"t", "status 3037", {"04000000", "047fffffffaa", "0480000000aa", "04ffffffffaa"}},
+        {"x", "status 3037", {"0500000002aa", "05ffffffffaa"}},
+        {"xb", "254", {"05ffffffff03fe"}},
+        {"l", "status 3041", {"010003"}},
+        {"t", "status 3041", {"0500000000"}},
     };
-    for (const auto& c : cases) {
-        QVLParamCollection stream = streamOf(c.wire);
-        std::string outcome;
-        for (const char* kind = c.reads; *kind; ++kind)
-            outcome = read(stream, *kind);
-        EXPECT_EQ(outcome, c.last) << c.wire;
-    }
+    for (const auto& c : cases)
+        for (const char* wire : c.wires) {
+            QVLParamCollection stream = streamOf(wire);
+            std::string outcome;
+            for (const char* kind = c.reads; *kind; ++kind)
+                outcome = read(stream, *kind);
+            EXPECT_EQ(outcome, c.last) << wire;
+        }
 }
 
 TEST(ParamCollection, WhatWasNeverWrittenReadsAsZero) {
@@ -168,6 +159,9 @@ TEST(ParamCollection, CopiesShareUntilOneWrites) {
             QVLParamCollection copy(original);
             QVLParamCollection third;
             third = copy;
+            third = original;  // already shared
+            const QVLParamCollection& same = third;
+            third = same;
             EXPECT_EQ(original.getData(), third.getData());
             QVLParamCollection& writer = writerIsOriginal ? original : copy;
             write(writer);
@@ -178,26 +172,12 @@ TEST(ParamCollection, CopiesShareUntilOneWrites) {
     }
 }
 
-TEST(ParamCollection, SharedBuffersAreFreedOnceInAnyOrder) {
-    for (int order = 0; order < 6; ++order) {
-        std::optional<QVLParamCollection> objects[3];
-        objects[0].emplace().addByte(1);
-        objects[1] = objects[0];
-        objects[2] = objects[1];
-        *objects[0] = *objects[2];  // already shared
-        const QVLParamCollection& same = *objects[1];
-        *objects[1] = same;
-        const int first = order % 3;
-        objects[first].reset();
-        objects[(first + 1 + order / 3) % 3].reset();
-        for (auto& object : objects)
-            EXPECT_EQ(object ? hex(*object) : "0301", "0301");
-    }
+TEST(ParamCollection, TheOnlyOwnerHandsOverTheBufferItself) {
     QVLParamCollection owner = streamOf("0301");
     { const QVLParamCollection passing(owner); }
     const std::uint8_t* buffer = owner.getData();
     const std::unique_ptr<std::uint8_t, decltype(&std::free)> detached(owner.detachData(), &std::free);
-    EXPECT_EQ(detached.get(), buffer);  // the only owner hands over the buffer itself
+    EXPECT_EQ(detached.get(), buffer);
     EXPECT_EQ(owner.getCapacity(), 0u);
     EXPECT_EQ(owner.detachData(), nullptr);
 }
@@ -250,16 +230,13 @@ TEST(ParamCollection, ParametersTravelAsBytes) {
     stream.rewind();
     EXPECT_EQ(stream.getParameter(parameter), kStreamFull);
     parameter.throws = false;
-    const struct {
-        const char* wire;
-        int status;
-        const char* received;
-    } cases[] = {{"0500000002cafe", 4711, "cafe"}, {"0301", kWrongValueType, "none"}, {"0500000000", 4711, ""}};
-    for (const auto& c : cases) {
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"0500000002cafe", 4711, "cafe"}, {"0301", kWrongValueType, "none"}, {"0500000000", 4711, ""}};
+    for (const auto& [wire, status, received] : cases) {
         parameter.received = "none";
-        QVLParamCollection read = streamOf(c.wire);
-        EXPECT_EQ(read.getParameter(parameter), c.status);
-        EXPECT_EQ(parameter.received, c.received);
+        QVLParamCollection read = streamOf(wire);
+        EXPECT_EQ(read.getParameter(parameter), status);
+        EXPECT_EQ(parameter.received, received);
     }
 }
 
