@@ -1,4 +1,4 @@
-// The virtual Classic tag over the air: access conditions, sessions, values, geometry.
+// The virtual Classic tag over the air: access conditions, values, geometry.
 
 #include "AirReader.h"
 #include "MifareClassicTag.h"
@@ -155,51 +155,6 @@ TEST(ClassicAccess, AnyBitWithoutItsComplementBlocksTheSectorAndNoOther) {
     ASSERT_TRUE(allowed(sector, 'A', "A0 07", "FFFFFFFFFFFF FF0781 69 FFFFFFFFFFFF"));
     EXPECT_EQ(sector.reader.send("30 04"), "4");
     EXPECT_FALSE(sector.login('A'));
-}
-
-TEST(ClassicSession, EndsWithEveryErrorAndEveryChange) {
-    Sector1 sector({"000", "000", "000", "011"});
-    AirReader& reader = sector.reader;
-    for (const char* answer : {"4", "-"})  // not authenticated, so no longer selected
-        EXPECT_EQ(reader.send("30 04"), answer);
-    for (const char* wrong : {"30 08", "30 40", "30 FF", "A0 00", "B0 04", "30 04 00", "31 04", ""}) {
-        ASSERT_TRUE(sector.login('A'));
-        EXPECT_LE(reader.send(wrong).size(), 1u) << wrong;
-        EXPECT_EQ(reader.send("30 04"), "-") << wrong;
-    }
-    ASSERT_TRUE(sector.login('A') && !reader.authenticate('A', 4, kKeyB));
-    EXPECT_EQ(reader.send("30 04"), "-") << "dropped by the refused authentication";
-    ASSERT_TRUE(sector.login('A') && reader.authenticate('A', 8));
-    EXPECT_EQ(reader.send("30 08").size(), 47u);
-    EXPECT_EQ(reader.send("30 04"), "4") << "the other sector took over";
-    ASSERT_TRUE(reader.select() == "08" && reader.authenticate('A', 0));
-    EXPECT_EQ(reader.send("A0 00"), "4") << "the maker's block is never written";
-    ASSERT_TRUE(sector.login('A'));
-    EXPECT_EQ(reader.send("50 00"), "-");
-    EXPECT_EQ(sector.tag.state(), VirtualTag::State::halted);
-    EXPECT_EQ(reader.select(VirtualTag::Request::wupa), "08");
-    EXPECT_EQ(reader.send("30 04"), "4");
-    EXPECT_EQ(sector.tag.state(), VirtualTag::State::halted) << "woken from there, so it drops back there";
-}
-
-TEST(ClassicValue, ChangesGoThroughTheTransferBuffer) {
-    struct {
-        const char *command, *operand, *result;
-    } constexpr kCases[] = {
-        {"C0 04", "65000000", "FFFFFFFF 00000000 FFFFFFFF 05FA05FA"},
-        {"C2 05", "FFFFFFFF", kValue100},
-        {"C0 04", "00000080", "64000080 9BFFFF7F 64000080 05FA05FA"},
-    };
-    for (const auto& step : kCases) {
-        Sector1 sector;
-        ASSERT_TRUE(sector.login('A'));
-        EXPECT_EQ(sector.reader.send(step.command), "A");
-        EXPECT_EQ(sector.reader.send(step.operand), "-");
-        EXPECT_EQ(sector.block(4), text(hex(kValue100))) << "nothing is stored before the transfer";
-        EXPECT_EQ(sector.reader.send("B0 04"), "A");
-        EXPECT_EQ(sector.block(4), text(hex(step.result)));
-        EXPECT_EQ(sector.tag.memory()->writeCount(), 1u);
-    }
 }
 
 TEST(ClassicValue, OnlySoundValueBlocksCountAndTheBufferDiesWithTheSession) {

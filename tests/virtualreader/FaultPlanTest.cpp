@@ -112,33 +112,6 @@ TEST_F(FaultTest, TagsLeaveReturnAndChangePlaces) {
     EXPECT_EQ(found(), "4B 00 00");
 }
 
-TEST_F(FaultTest, PowerFailsInTheWriteThatWasNamed) {
-    constexpr const char* kWrite = "40 01 A0 05 000102030405060708090A0B0C0D0E0F";
-    struct {
-        const char *rule, *stored;
-        bool gone;
-    } constexpr kCuts[] = {{"write 1 power lost", "00 00 00 00 00 00", true},
-                           {"write 1 power dips", "00 00 00 00 00 00", false},
-                           {"write 2 torn 2", "00 01 02 03 04 05", true},
-                           {"write 1 torn 3", "00 01 02 00 00 00", true},
-                           {"write 1 dips after 16", "00 01 02 03 04 05", false}};
-    for (const auto& cut : kCuts) {
-        SCOPED_TRACE(cut.rule);
-        tag->memory()->assign(MifareClassicTag::blankImage(1024, hex("DEADBEEF")));
-        EXPECT_EQ(reader->addFault(cut.rule), "");
-        EXPECT_EQ(host("4A 01 00"), kFound);
-        EXPECT_EQ(host(kLogin), "41 00");
-        if (cut.rule[6] == '2') {
-            EXPECT_EQ(host(kWrite), "41 00");
-        }
-        EXPECT_EQ(host(kWrite), "41 01");
-        EXPECT_EQ(text(tag->memory()->at(80, 6)), cut.stored);
-        EXPECT_EQ(host("4A 01 00"), cut.gone ? "4B 00" : kFound);
-        reader->field().setPresent("tag1", true);
-        reader->clearFaults();
-    }
-}
-
 TEST(FaultPlanText, MistakesNameLineAndCause) {
     const std::pair<const char*, const char*> mistakes[] = {
         {"4A 1 no reply\n4G 1 no reply", "line 2: \"4G\" is no command"},

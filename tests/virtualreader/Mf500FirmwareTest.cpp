@@ -1,24 +1,13 @@
-// The MF RC500 reader: message by message on a link in the clear, and by the library's own driver over a socket.
+// The MF RC500 reader, message by message on a link in the clear.
 
-#include "BflStatus.h"
-#include "ChildProgram.h"
 #include "CommandDoor.h"
 #include "Dialogue.h"
 #include "HostCalcCrc.h"
-#include "Mf500bfl.h"
-#include "ReaderClasses.h"
 #include "VirtualMf500Reader.h"
 
 #include <set>
-#include <thread>
 
 namespace {
-
-ReaderOptions linkOptions(bool secured) {
-    ReaderOptions options;
-    options.knowsLinkKey = secured;
-    return options;
-}
 
 /// A host that tells the replies as text, one after the other; those that come late have their delay in front.
 class Mf500Messages : public ::testing::Test, protected ReaderSink {
@@ -48,7 +37,7 @@ class Mf500Messages : public ::testing::Test, protected ReaderSink {
         return text(std::span(reply).subspan(4, reply.size() - 6));
     }
 
-    VirtualMf500Reader reader{linkOptions(false)};
+    VirtualMf500Reader reader{{.knowsLinkKey = false}};
 
   private:
     void onFrame(std::span<const std::uint8_t> frame, std::uint32_t delayMs) override {
@@ -174,126 +163,12 @@ TEST_F(Mf500Messages, AreAnsweredOrNotAsThePlanHasIt) {
     speak("11 26 > 00 00 2A 00 00 01, FF FF 00 00; 22 > 00 00 2A 00 00 01; "
           "22 > 00 00 2A 00 00 01, 00 00 2A 00 00 01; 22 > 70 ms: 00 00 2A 00 00 01");
     for (const char* effect : {"no ack", "nack", "wrong ack", "late ack", "error", "endless", "wrong checksum",
-                               "wrong code", "extended 20", "already awake"})
-        EXPECT_NE(reader.addFaults("22 1 short 1\n22 1 " + std::string(effect)).find("line 2: \""), std::string::npos)
-            << effect;
+                               "wrong code", "extended 20", "already awake"}) {
+        const std::string complaint = reader.addFaults("22 1 short 1\n22 1 " + std::string(effect));
+        EXPECT_TRUE(complaint.starts_with("line 2: \"") && complaint.ends_with("for this model of reader"))
+            << complaint;
+    }
     speak("22 > 00 00 2A 00 00 01");  // A text with a mistake is refused whole.
 }
-
-/// Driver and reader on a socket; the link is secured or not.
-class Mf500Driver : public ::testing::TestWithParam<bool> {
-  protected:
-    Mf500Driver() {
-        EXPECT_EQ(endpoint.start(), "");
-        EXPECT_EQ(driver.interfaceOpen(49, 0), kBflOpened);
-        EXPECT_EQ(driver.pcdConfig(), 0);
-    }
-    std::string serialNumber(short& status) {
-        Bytes serial(4);
-        std::uint16_t length = 0;
-        status = driver.pcdGetSnr(serial.data(), length);
-        return text(serial);
-    }
-    bool isInStep() { return serialNumber(lastStatus) == "2A 00 00 01" && lastStatus == 0; }
-
-    TempDirectory root;
-    ScopedEnvironment environment{"QVL_DEVICE_ROOT", root.path().c_str()};
-    std::shared_ptr<VirtualMf500Reader> reader = std::make_shared<VirtualMf500Reader>(linkOptions(GetParam()));
-    SocketEndpoint endpoint{reader, root.path(), kReaderClasses[3].guid, "mf500"};
-    Mf500bfl driver;
-    short lastStatus = 0;
-};
-INSTANTIATE_TEST_SUITE_P(Link, Mf500Driver, ::testing::Bool(),
-                         [](const auto& link) { return std::string(link.param ? "Secured" : "Plain"); });
-
-TEST_P(Mf500Driver, StaysInStepThroughFailures) {
-    EXPECT_EQ(driver.isQvlDevice(), GetParam());
-    EXPECT_EQ(reader->isLinkKeyed(), GetParam());
-    std::uint8_t bytes[64] = {}, atq[2] = {}, sak = 0, uid[] = {1, 2, 3, 4}, key[12];
-    std::uint16_t length = sizeof bytes;
-    Bytes factory(6, 0xFF);
-    ASSERT_EQ(driver.hostCodeKey(factory.data(), key), 0);
-    for (int round = 0; round < 40; ++round) {
-        ASSERT_TRUE(isInStep());
-        ASSERT_EQ(driver.pcdGetRICVersion(bytes), 0);
-        // Nothing lies in the field: each of these fails, and none takes the key of the next command with it.
-        for (const short failed :
-             {driver.piccRequest(0x52, atq), driver.piccCascAnticoll(0x93, 0, bytes),
-              driver.piccCascSelect(0x95, bytes, &sak), driver.piccActivateIdle(0, atq, &sak, bytes, bytes + 32),
-              driver.piccActivateIdleLoop(0, atq, &sak, bytes, bytes + 32, 1),
-              driver.piccActivateWakeup(0, atq, &sak, uid, 4), driver.piccRead(4, bytes), driver.piccWrite(4, bytes),
-              driver.piccValue(0xC1, 4, bytes, 4), driver.piccAuthKey(0x60, uid, key, 4),
-              driver.piccExchangeBlock(uid, 4, bytes, &length, 1, 10)})
-            ASSERT_EQ(failed, kBflNoTag);
-    }
-    std::uint8_t wrong[16] = {1}, confirmation[16] = {};
-    EXPECT_EQ(driver.pcdConfig2(wrong, confirmation), GetParam() ? -4 : -23);
-    EXPECT_FALSE(reader->isLinkKeyed());
-    EXPECT_EQ(driver.pcdConfig(), 0);
-    EXPECT_TRUE(isInStep());
-}
-
-TEST_P(Mf500Driver, MisbehavesAsOrderedAndIsHealedByTheAgreement) {
-    const bool secured = GetParam();
-    const short kShort = kBflBadFrame, kLost = kBflDeviceFailed;
-    struct {
-        const char* plan;
-        short status;        ///< Of the command for the serial number.
-        bool sound = false;  ///< The number is right all the same.
-    } const kFaults[] = {
-        {"22 1 status FC", -4},         {"22 1 short 2", secured ? short{0} : kShort},
-        {"22 1 cut 1", kShort},         {"22 1 cut 4", kShort},
-        {"22 1 pad 3", 0, true},        {"22 1 xor 0 05", 5, true},
-        {"22 1 xor 2 01", 0},           {"22 1 out of step", 0, !secured},
-        {"22 1 overdue 30", 0, true},   {"any 1 vanish before", kLost},
-        {"22 1 vanish between", kLost}, {"22 1 vanish after", 0, true},
-    };
-    for (const auto& fault : kFaults) {
-        SCOPED_TRACE(fault.plan);
-        const std::uint32_t count = reader->commandCount(0x22);
-        ASSERT_EQ(reader->addFault(std::string_view(fault.plan)), "");
-        EXPECT_EQ(serialNumber(lastStatus) == "2A 00 00 01", fault.sound);
-        EXPECT_EQ(lastStatus, fault.status);
-        EXPECT_EQ(reader->commandCount(0x22), count + 1);
-        reader->clearFaults();
-        if (!reader->isPresent()) {
-            EXPECT_FALSE(reader->isFieldOn());
-            EXPECT_EQ(serialNumber(lastStatus), "00 00 00 00") << "hung up, and so the name is gone";
-            EXPECT_EQ(driver.interfaceOpen(49, 0), kBflNotOpened);
-            reader->comeBack();
-            while (driver.interfaceOpen(49, 0) != kBflOpened)
-                std::this_thread::yield();
-        }
-        EXPECT_EQ(driver.pcdConfig(), 0);
-        EXPECT_EQ(reader->isLinkKeyed(), secured);
-        EXPECT_TRUE(isInStep());
-    }
-}
-
-#ifdef QVLREADERSIM
-TEST(Mf500Program, ServesTheDriverAndTheLineCommands) {
-    const TempDirectory root;
-    const ScopedEnvironment environment("QVL_DEVICE_ROOT", root.path().c_str());
-    ChildProgram program({QVLREADERSIM, "--reader", "mf500", "new:card:08010203"});
-    EXPECT_EQ(program.line(), "ready mf500 at " + root.path());
-    Mf500bfl driver;
-    std::uint8_t atq[2], sak = 0, uid[10] = {}, length = 0;
-    ASSERT_EQ(driver.interfaceOpen(49, 0), kBflOpened);
-    EXPECT_EQ(driver.pcdConfig(), 0);
-    EXPECT_EQ(driver.piccActivateIdle(0, atq, &sak, uid, &length), 0);
-    EXPECT_EQ(program.ask("list"), "tag1  smart card  08010203  active  new:card:08010203");
-    EXPECT_EQ(program.line(), "ok");
-    EXPECT_EQ(program.ask("led"), "ok 00");
-    EXPECT_EQ(program.ask("fault 11 1 no ack"), "error: \"no ack\" does not exist for this model of reader");
-    EXPECT_EQ(program.ask("fault 11 1 status FE"), "ok");
-    EXPECT_EQ(driver.piccRequest(0x26, atq), -2);
-    EXPECT_EQ(program.ask("quit"), "ok");
-    EXPECT_EQ(program.wait(), 0);
-    for (const char* other : {"--com=1", "--baud=9600", "--cascade-tag", "--atqa-high-first", "--refused-13"}) {
-        ChildProgram refused({QVLREADERSIM, "--reader", "mf500", other});
-        EXPECT_EQ(refused.wait(), 2) << other;
-    }
-}
-#endif
 
 }  // namespace

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 using State = VirtualTag::State;
@@ -114,10 +116,7 @@ struct Card {
 
 TEST(SmartCardBlocks, CardNumbersDecideWhoseBlockItIs) {
     Card learning, strict("7577810280", true), withoutCid("40 00"), withNad("40 01");
-    const struct {
-        Card& card;
-        const char *send, *answer, *why;
-    } dialogue[] = {
+    const std::tuple<Card&, const char*, const char*, const char*> dialogue[] = {
         {learning, "E0 50", "06 75 77 81 02 80", "no number yet"},
         {learning, "D0 11 00", "D0", "PPS directly behind RATS"},
         {learning, "0A 03 00", "0A 03 6D 00", "learns its number from the first block"},
@@ -134,8 +133,8 @@ TEST(SmartCardBlocks, CardNumbersDecideWhoseBlockItIs) {
         {withNad, "E0 50", "03 40 01", "promises NAD"},
         {withNad, "06 21 00", "06 12 6D 00", "and turns it round"},
     };
-    for (const auto& step : dialogue)
-        EXPECT_EQ(step.card.reader.send(step.send), step.answer) << step.why;
+    for (const auto& [card, block, answer, why] : dialogue)
+        EXPECT_EQ(card.reader.send(block), answer) << why;
     withoutCid.tag.quirks().undeclaredCidTaken = true;
     EXPECT_EQ(withoutCid.reader.send("0A 00 00"), "0A 00 6D 00");
 }

@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <regex>
+#include <tuple>
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -150,11 +151,7 @@ TEST(SimulatorProgram, EndsWithItsInputOrASignalAndCleansUp) {
 TEST(SimulatorProgram, RefusesWhatItCannotServe) {
     const TempDirectory directory;
     const std::string plan = directory.write("plan", "4A 1 no reply\n4A oops\n"), root = "--root";
-    struct {
-        std::vector<std::string> arguments;
-        int status;
-        const char* complaint;
-    } const kMistakes[] = {
+    const std::tuple<std::vector<std::string>, int, const char*> kMistakes[] = {
         {{root, directory.path(), "none.mfd"}, 2, "qvlreadersim: none.mfd: there is no such file"},
         {{root, directory.path(), "--faults", plan}, 2, "plan: line 2: a count is missing"},
         {{root, directory.path(), "--faults", "none"}, 2, "none: the fault plan cannot be read"},
@@ -166,12 +163,14 @@ TEST(SimulatorProgram, RefusesWhatItCannotServe) {
         {{root, plan}, 1, "the directory cannot be made"},
         {{root, directory.path(), "--control", "/no/such/place"}, 1, "the control socket cannot be made"},
     };
-    for (const auto& each : kMistakes) {
-        Program program(each.arguments);
+    for (const auto& [arguments, status, expected] : kMistakes) {
+        Program program(arguments);
         const std::string complaint = program.line(ChildProgram::errors);
-        EXPECT_NE(complaint.find(each.complaint), std::string::npos) << complaint;
-        EXPECT_EQ(program.wait(), each.status) << complaint;
+        EXPECT_NE(complaint.find(expected), std::string::npos) << complaint;
+        EXPECT_EQ(program.wait(), status) << complaint;
     }
+    for (const char* other : {"--com=1", "--baud=9600", "--cascade-tag", "--atqa-high-first", "--refused-13"})
+        EXPECT_EQ(Program({"--reader", "mf500", other}).wait(), 2) << other;
 }
 
 TEST(Simulator, SavesWhatChangedWhenTagsLeave) {

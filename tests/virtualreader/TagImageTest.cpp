@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 std::string asText(const std::vector<std::uint8_t>& bytes) { return {bytes.begin(), bytes.end()}; }
@@ -24,27 +26,23 @@ std::string describe(const MadeTag& made) {
 
 TEST(TagImages, ComeInAndGoOutByteForByte) {
     const TempDirectory directory;
-    struct {
-        const char* file;
-        std::vector<std::uint8_t> image;
-        const char* identity;
-    } const kImages[] = {
+    const std::tuple<const char*, std::vector<std::uint8_t>, const char*> kImages[] = {
         {"mini.mfd", MifareClassicTag::blankImage(320, hex("DEADBEEF")), "Classic Mini 0004 09 DE AD BE EF"},
         {"one.bin", MifareClassicTag::blankImage(1024, hex("01020304")), "Classic 1K 0004 08 01 02 03 04"},
         {"four.dump", MifareClassicTag::blankImage(4096, hex("88020304")), "Classic 4K 0002 18 88 02 03 04"},
         {"light", UltralightTag::blankImage(hex("04112233445566")), "Ultralight 0044 00 04 11 22 33 44 55 66"},
     };
-    for (const auto& each : kImages) {
-        const std::string path = directory.write(each.file, asText(each.image));
+    for (const auto& [file, image, identity] : kImages) {
+        const std::string path = directory.write(file, asText(image));
         const MadeTag made = makeTag(path);
-        EXPECT_EQ(describe(made), each.identity);
+        EXPECT_EQ(describe(made), identity);
         EXPECT_EQ(imagePathOf(path), path);
         const std::uint8_t change[] = {0x12, 0x34};
         made.tag->memory()->write(60, change);
         EXPECT_EQ(saveTag(*made.tag, path), "");
-        auto changed = each.image;
+        auto changed = image;
         std::ranges::copy(change, changed.begin() + 60);
-        EXPECT_EQ(directory.read(each.file), asText(changed));
+        EXPECT_EQ(directory.read(file), asText(changed));
     }
     const std::string nowhere = directory / "no/such/place";
     EXPECT_EQ(saveTag(*makeTag("new:1k").tag, nowhere), nowhere + ": cannot be written");
@@ -54,9 +52,7 @@ TEST(TagImages, ComeInAndGoOutByteForByte) {
 TEST(TagImages, DescriptionsSayWhatAnImageCannot) {
     const TempDirectory directory;
     directory.write("seven.bin", asText(MifareClassicTag::blankImage(1024, hex("04112233445566"))));
-    struct {
-        const char *lines, *identity, *image;
-    } constexpr kCards[] = {
+    constexpr std::tuple<const char*, const char*, const char*> kCards[] = {
         {"kind 1k\nuid 04 11 22 33 44 55 66 # long\nimage seven.bin\n", "Classic 1K 0044 08 04 11 22 33 44 55 66",
          "seven.bin"},
         {"kind 4k\r\nuid 04112233445566\r\nsak 88\r\n", "Classic 4K 0042 88 04 11 22 33 44 55 66", ""},
@@ -64,11 +60,11 @@ TEST(TagImages, DescriptionsSayWhatAnImageCannot) {
          "smart card 0004 20 08 01 02 03", ""},
         {"kind ultralight", "Ultralight 0044 00 04 11 22 33 44 55 66", ""},
     };
-    for (const auto& each : kCards) {
-        const std::string path = directory.write("a.card", each.lines);
+    for (const auto& [lines, identity, image] : kCards) {
+        const std::string path = directory.write("a.card", lines);
         const MadeTag made = makeTag(path);
-        EXPECT_EQ(describe(made), each.identity) << made.message;
-        EXPECT_EQ(imagePathOf(path), *each.image ? directory / each.image : "");
+        EXPECT_EQ(describe(made), identity) << made.message;
+        EXPECT_EQ(imagePathOf(path), *image ? directory / image : "");
     }
     const MadeTag card = makeTag(directory.write("b.card", "kind card\nats 40 00\nquirk strict-cid"));
     EXPECT_EQ(text(dynamic_cast<SmartCard&>(*card.tag).ats()), "40 00");
