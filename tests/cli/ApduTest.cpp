@@ -71,29 +71,27 @@ TEST_F(ApduTest, ShowsCardCommandsAndAnswers) {
 }
 
 TEST_F(ApduTest, SaysWhatStatusWordsMean) {
-    struct {
-        const char *word, *meaning;
-        bool fine = false;
-    } const kWords[] = {
-        {"6110", "done, 16 more bytes", true}, {"6100", "256 more bytes", true},
-        {"6c05", "wrong Le: 5 bytes would"},   {"63c3", "3 tries left"},
-        {"6381", "the file is full"},          {"62f0", "memory is unchanged"},
-        {"6a82", "file or application not"},   {"6982", "authenticate first"},
-        {"69f0", "command not allowed"},       {"6e00", "class (CLA) not supported"},
-        {"91ae", "the application's"},         {"1234", "no status word"},
+    const std::pair<std::string, const char*> kWords[] = {
+        {"6110", "done, 16 more bytes"},     {"6100", "256 more bytes"},
+        {"6c05", "wrong Le: 5 bytes would"}, {"63c3", "3 tries left"},
+        {"6381", "the file is full"},        {"62f0", "memory is unchanged"},
+        {"6a82", "file or application not"}, {"6982", "authenticate first"},
+        {"69f0", "command not allowed"},     {"6e00", "class (CLA) not supported"},
+        {"91ae", "the application's"},       {"1234", "no status word"},
     };
     std::string answers;
     Words commands;
-    for (const auto& each : kWords) {
-        answers += std::string("answer 0001") + each.word + " " + each.word + "\n";
-        commands.push_back(std::string("0001") + each.word);
+    for (const auto& [word, meaning] : kWords) {
+        answers += "answer 0001" + word + " " + word + "\n";
+        commands.push_back("0001" + word);
     }
     const auto all = exchanges(card(answers), commands, 1);
     ASSERT_EQ(all.size(), std::size(kWords));
     for (std::size_t i = 0; i < all.size(); ++i) {
-        EXPECT_EQ(all[i].value("sw", ""), kWords[i].word);
-        EXPECT_THAT(all[i].value("meaning", ""), HasSubstr(kWords[i].meaning));
-        EXPECT_EQ(all[i].value("fine", !kWords[i].fine), kWords[i].fine) << kWords[i].word;
+        const auto& [word, meaning] = kWords[i];
+        EXPECT_EQ(all[i].value("sw", ""), word);
+        EXPECT_THAT(all[i].value("meaning", ""), HasSubstr(meaning));
+        EXPECT_EQ(all[i]["fine"], Json(word.starts_with("61"))) << word;
     }
 }
 
@@ -104,10 +102,7 @@ TEST_F(ApduTest, FollowGetsAllOfAnAnswer) {
                                    "answer 00CC000001FF00 6C02\nanswer 00CC000001FF02 0A0B 9000\n"
                                    "answer 00CD0000000000 6C00\nanswer 00CD0000000100 0C 9000\n"
                                    "answer 00CE* 6C01\nanswer 00CF0000 6101\nanswer 00C0000001 6101\n");
-    struct {
-        const char *command, *data, *sw;
-        std::vector<std::string> followUps;
-    } const kRows[] = {
+    const std::tuple<const char*, const char*, std::string, Words> kRows[] = {
         {"81ca0000", "0102030405", "9000", {"00c0000002", "00c0000003"}},
         {"02ca0000", "06", "9000", {"02c0000001"}},
         {"00cb0000", "070809", "9000", {"00cb000003"}},
@@ -115,11 +110,11 @@ TEST_F(ApduTest, FollowGetsAllOfAnAnswer) {
         {"00cd0000000000", "0c", "9000", {"00cd0000000100"}},
         {"00ce000005", "", "6c01", {"00ce000001"}},
     };
-    for (const auto& each : kRows) {
-        const Json object = only(exchanges(image, {each.command, "--follow"}, each.sw == std::string("9000") ? 0 : 1));
-        EXPECT_EQ(object.value("data", "none"), each.data) << each.command;
-        EXPECT_EQ(object.value("sw", ""), each.sw) << each.command;
-        EXPECT_EQ(object["followUps"], Json(each.followUps)) << each.command;
+    for (const auto& [command, data, sw, followUps] : kRows) {
+        const Json object = only(exchanges(image, {command, "--follow"}, sw == "9000" ? 0 : 1));
+        EXPECT_EQ(object.value("data", "none"), data) << command;
+        EXPECT_EQ(object.value("sw", ""), sw) << command;
+        EXPECT_EQ(object["followUps"], Json(followUps)) << command;
     }
     EXPECT_EQ(only(exchanges(image, {"00cf0000", "--follow"}, 0))["followUps"].size(), 512u) << "a card without end";
 }
@@ -145,10 +140,7 @@ TEST_F(ApduTest, TakesScriptsAndPipes) {
 }
 
 TEST_F(ApduTest, NamesThePlaceOfAMistakeBeforeAnythingIsSent) {
-    struct {
-        Words arguments;
-        std::string meaning;
-    } const kMistakes[] = {
+    const std::pair<Words, std::string> kMistakes[] = {
         {{"00A40400", "00A4x400"}, "command 2: character 5, 'x', is no hexadecimal digit"},
         {{"00 A4 4 00"}, "command 1: the byte at character 7 lacks its second digit"},
         {{"00A404"}, "a command APDU begins with 4 bytes, CLA INS P1 P2; here are 3"},
@@ -160,10 +152,10 @@ TEST_F(ApduTest, NamesThePlaceOfAMistakeBeforeAnythingIsSent) {
         {{"--raw", "--nad", "1", "60"}, "excludes"},
         {{"--nad", "256", "00A40400"}, "not in range"},
     };
-    for (const auto& each : kMistakes) {
-        const Json object = only(runJson(apdu("new:card", each.arguments), 2));
+    for (const auto& [arguments, meaning] : kMistakes) {
+        const Json object = only(runJson(apdu("new:card", arguments), 2));
         EXPECT_EQ(object.value("error", ""), "usage");
-        EXPECT_THAT(object.value("meaning", ""), HasSubstr(each.meaning));
+        EXPECT_THAT(object.value("meaning", ""), HasSubstr(meaning));
     }
 }
 
@@ -204,24 +196,20 @@ TEST_F(ApduTest, DeselectsAfterWhateverHappened) {
     const std::string firstCommand = isMf500 ? "fault 48 2 " : "fault 42 1 ";
     const std::string notDeselected = isMf500 ? "fault deselect from 1 lost" : "fault 44 1 status 14";
     const std::string complaint = isMf500 ? "no tag" : "reader status";
-    struct {
-        Words faults, arguments;
-        std::vector<std::string> said;
-        int status;
-    } const kRows[] = {
+    const std::tuple<Words, Words, Words, int> kRows[] = {
         {{notDeselected}, {"00A40400"}, {"9000", complaint}, 1},
         {{firstCommand + "tag gone", notDeselected}, {"00A40400", "00A40400"}, {"card lost", "1 more command"}, 1},
         {{firstCommand + "tag blinks"}, {"--retry", "00A40400"}, {"9000"}, 0},
     };
-    for (const auto& each : kRows) {
+    for (const auto& [faults, arguments, said, status] : kRows) {
         const auto reader = plugReaderIn();
         EXPECT_EQ(reader->ask("place " + card(kSimple) + " as card"), "ok card");
-        for (const std::string& fault : each.faults)
+        for (const std::string& fault : faults)
             EXPECT_EQ(reader->ask(fault), "ok");
-        const Result text = run(joined({"--no-wait", "apdu"}, each.arguments));
-        EXPECT_EQ(text.status, each.status) << text.out << text.err;
-        for (const std::string& said : each.said)
-            EXPECT_THAT(text.out + text.err, HasSubstr(said));
+        const Result text = run(joined({"--no-wait", "apdu"}, arguments));
+        EXPECT_EQ(text.status, status) << text.out << text.err;
+        for (const std::string& each : said)
+            EXPECT_THAT(text.out + text.err, HasSubstr(each));
     }
 }
 
@@ -251,10 +239,8 @@ TEST_F(ApduTest, ShowsTheRecordsOfAType4Tag) {
 }
 
 TEST_F(ApduTest, TrustsNoLengthOfAType4Tag) {
-    struct {
-        const char* meaning;
-        std::vector<std::pair<const char*, const char*>> tags;  // answers before the tag's own, and the message
-    } const kRows[] = {
+    // What is said, and of which tags: answers before the tag's own, and the message.
+    const std::pair<const char*, std::vector<std::pair<std::string, const char*>>> kRows[] = {
         {"it has no NDEF application (6a82, file or application not found)", {{"00A40400* 6A82", ""}}},
         {"there is no capability container", {{"00A4000C02E103 6A82", ""}}},
         {"there is no NDEF file", {{"00A4000C02E104 6A82", ""}}},
@@ -277,12 +263,12 @@ TEST_F(ApduTest, TrustsNoLengthOfAType4Tag) {
         {"does not end with its last record", {{"", "D1010055D1010055"}, {"", "F1010054"}}},
         {"do not fit together", {{"", "B101005451010054"}, {"", "D6010054"}}},
     };
-    for (const auto& each : kRows)
-        for (const auto& [answers, message] : each.tags) {
-            const std::string rule = *answers ? std::string("answer ") + answers + "\n" : "";
+    for (const auto& [meaning, tags] : kRows)
+        for (const auto& [answers, message] : tags) {
+            const std::string rule = answers.empty() ? "" : "answer " + answers + "\n";
             const Json complaint = only(exchanges(type4(message, rule), {"--ndef"}, 1));
             EXPECT_EQ(complaint.value("error", ""), "no NDEF message");
-            EXPECT_THAT(complaint.value("meaning", ""), HasSubstr(each.meaning)) << answers << message;
+            EXPECT_THAT(complaint.value("meaning", ""), HasSubstr(meaning)) << answers << message;
         }
 }
 

@@ -72,22 +72,19 @@ TEST_F(QvltagTest, PollTellsOfAReaderThatGoesAndComes) {
 }
 
 TEST_F(QvltagTest, CtrlCEndsPollAndTheVirtualReader) {
-    struct {
-        Words options;
-        int signal, status;
-    } const kEndings[] = {{{}, SIGINT, 0},
-                          {{"--for", "600"}, SIGTERM, 0},
-                          {{"--count", "2"}, SIGINT, 1},
-                          {{"--count", "2", "--for", "600"}, SIGHUP, 1}};
-    for (const auto& each : kEndings) {
-        const auto child = start(joined({"--virtual", classicImage(), "poll"}, each.options));
+    const std::tuple<Words, int, int> kEndings[] = {{{}, SIGINT, 0},
+                                                    {{"--for", "600"}, SIGTERM, 0},
+                                                    {{"--count", "2"}, SIGINT, 1},
+                                                    {{"--count", "2", "--for", "600"}, SIGHUP, 1}};
+    for (const auto& [options, signal, status] : kEndings) {
+        const auto child = start(joined({"--virtual", classicImage(), "poll"}, options));
         EXPECT_THAT(child->line(), HasSubstr("01020304"));
         EXPECT_FALSE(std::filesystem::is_empty(place / "tmp"));
-        child->signalGroup(each.signal);
+        child->signalGroup(signal);
         EXPECT_EQ(child->rest(), "") << "the virtual reader must outlive the poll";
-        EXPECT_EQ(child->wait(), each.status);
+        EXPECT_EQ(child->wait(), status);
         EXPECT_TRUE(child->allGone(0));
-        EXPECT_EQ(child->rest(ChildProgram::errors).find("cancelled") != std::string::npos, each.status == 1);
+        EXPECT_EQ(child->rest(ChildProgram::errors).find("cancelled") != std::string::npos, status == 1);
         EXPECT_TRUE(std::filesystem::is_empty(place / "tmp"));
     }
 }

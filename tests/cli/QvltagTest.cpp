@@ -35,11 +35,7 @@ TEST_F(QvltagTest, LedBurnsWhileTheProgramStays) {
 }
 
 TEST_F(QvltagTest, ComplaintsSayWhatIsWrongAndWhatToTry) {
-    struct {
-        Words arguments;
-        int status;
-        const char *name, *meaning, *advice;
-    } const kMistakes[] = {
+    const std::tuple<Words, int, std::string, const char*, const char*> kMistakes[] = {
         {{"info"}, 3, "no reader", "none is ready", "--virtual new:1k"},
         {{}, 2, "usage", "subcommand is required", "qvltag --help"},
         {{"dance"}, 2, "usage", "\"dance\" is no command", "qvltag --help"},
@@ -56,18 +52,18 @@ TEST_F(QvltagTest, ComplaintsSayWhatIsWrongAndWhatToTry) {
         {{"--virtual", "none.mfd", "info"}, 2, "no such tag", "none.mfd: there is no such file", "qvlreadersim(1)"},
         {{"--virtual", "-q", "info"}, 2, "no such tag", "-q: there is no such file", "qvlreadersim(1)"},
     };
-    for (const auto& each : kMistakes) {
-        const Result text = run(each.arguments);
-        EXPECT_EQ(text.status, each.status) << text.err;
+    for (const auto& [arguments, status, name, meaning, advice] : kMistakes) {
+        const Result text = run(arguments);
+        EXPECT_EQ(text.status, status) << text.err;
         EXPECT_EQ(text.out, "");
-        EXPECT_THAT(text.err, StartsWith("qvltag: " + std::string(each.name) + ": "));
-        EXPECT_THAT(text.err, HasSubstr(each.meaning));
-        EXPECT_THAT(text.err, HasSubstr(each.advice));
-        const Json object = only(runJson(each.arguments, each.status));
-        EXPECT_EQ(object.value("error", ""), each.name);
-        EXPECT_THAT(object.value("meaning", ""), HasSubstr(each.meaning));
-        EXPECT_THAT(object.value("advice", ""), HasSubstr(each.advice));
-        EXPECT_EQ(object.value("status", 0), each.status == 3 ? 3137 : 0);
+        EXPECT_THAT(text.err, StartsWith("qvltag: " + name + ": "));
+        EXPECT_THAT(text.err, HasSubstr(meaning));
+        EXPECT_THAT(text.err, HasSubstr(advice));
+        const Json object = only(runJson(arguments, status));
+        EXPECT_EQ(object.value("error", ""), name);
+        EXPECT_THAT(object.value("meaning", ""), HasSubstr(meaning));
+        EXPECT_THAT(object.value("advice", ""), HasSubstr(advice));
+        EXPECT_EQ(object.value("status", 0), status == 3 ? 3137 : 0);
     }
 }
 

@@ -301,10 +301,7 @@ TEST_F(TagMemoryTest, WrongLinesAreRefusedBeforeAReaderIsTouched) {
     const std::string big = place.write("big", std::string(4097, 'x'));
     const std::string odd = place.write("odd.keys", "FFFFFFFFFFFF\nFFFF\n");
     const std::string newKeys = " --new-key-a mad --new-key-b mad", both = " --key-a mad --key-b mad";
-    const struct {
-        const char* meaning;
-        std::vector<std::string> lines;
-    } kMistakes[] = {
+    const std::pair<const char*, std::vector<std::string>> kMistakes[] = {
         {"is required", {"read", "dump", "format", "unformat", "app", "app init 4711 1" + newKeys}},
         {"not in range",
          {"read 256", "app init 4711 16 --mad-key-b mad" + newKeys, "value set 4 2147483648", "value inc 4 0",
@@ -334,17 +331,17 @@ TEST_F(TagMemoryTest, WrongLinesAreRefusedBeforeAReaderIsTouched) {
         {"use \"value init\"", {"access block 4 value" + both}},
         {"excludes", {"key set --app 4711 --count 2" + newKeys}},
     };
-    for (const auto& each : kMistakes)
-        for (const std::string& line : each.lines) {
+    for (const auto& [meaning, lines] : kMistakes)
+        for (const std::string& line : lines) {
             SCOPED_TRACE(line);
             // There is no reader: touching one would be exit status 3.
             const Json object = only(runJson(wordsOf(line), 2));
             EXPECT_EQ(object.value("error", ""), "usage");
-            EXPECT_THAT(object.value("meaning", ""), HasSubstr(each.meaning));
+            EXPECT_THAT(object.value("meaning", ""), HasSubstr(meaning));
             const bool hasSubcommand = std::regex_search(line, std::regex("^(app|value|access|key) (?!dance)"));
             const std::string command = wordsOf(line)[0] + (hasSubcommand ? " " + wordsOf(line)[1] : "");
             EXPECT_THAT(object.value("advice", ""), HasSubstr("\"qvltag " + command + " --help\""));
-            if (line == each.lines[0]) {
+            if (line == lines[0]) {
                 EXPECT_EQ(run(wordsOf(command + " --help")).status, 0);
             }
         }
