@@ -57,6 +57,19 @@ TEST_F(ALostReader, IsOpenedAnewByWhateverIsAskedNext) {
     EXPECT_EQ(place.reader->commandCount(0x26) - before, isMf500UnderTest() ? 0u : 2u) << "and so is LED 3";
 }
 
+TEST_F(ALostReader, IsFoundAgainByAHostThatAsksForNoTag) {
+    for (const bool asksForLight : {false, true}) {
+        const auto ask = [&] { return asksForLight ? adaptor.switchReaderLED(2, 1, 5) : place.askReaderId(); };
+        place.reader->vanish();
+        if (!asksForLight || !isMf500UnderTest()) {
+            EXPECT_EQ(ask(), kReaderFailed);
+        }
+        place.reader->comeBack();
+        EXPECT_EQ(ask(), kOk);
+    }
+    EXPECT_EQ(place.host.heard(), isMf500UnderTest() ? "-+" : "-+-+") << "an MF RC500 has no LED command";
+}
+
 // The command of LED 3 turns it over: a reader that kept its power would go dark.
 TEST_F(ALostReader, KeepsItsLedsIfItWasOnlySilent) {
     if (isMf500UnderTest()) GTEST_SKIP() << "it has no LEDs";

@@ -116,6 +116,17 @@ TEST_F(InProcess, AForcedPollMayLeaveALostReaderToTheNextOne) {
     EXPECT_EQ(place.poll(), "deadbeef 2002");
 }
 
+TEST(APlainMf500, ReportsNoTagWithoutAUid) {
+    if (!isMf500UnderTest()) GTEST_SKIP() << "the driver of a PN531 refuses such a reply";
+    Workplace place(Line::inProcess, {.knowsLinkKey = false});
+    place.start();
+    place.placeClassic();
+    ASSERT_TRUE(place.adaptor->initReader());
+    ASSERT_EQ(place.reader->addFaults("43 1 xor 5 04"), "");  // the length of the UID becomes 0
+    EXPECT_EQ(place.poll(), "");
+    EXPECT_EQ(place.poll(), "deadbeef 2002");
+}
+
 TEST_F(InProcess, ATagLevelFailureIsNoLostReader) {
     ASSERT_TRUE(place.adaptor->initReader());
     place.placeClassic();

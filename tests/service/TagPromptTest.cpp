@@ -1,6 +1,7 @@
 // The prompt's life and its order, as operations and hosts use it.
 
 #include "TagPrompt.h"
+#include "../platform/ForkedChild.h"
 #include "QvlMf500ReaderImpl.h"
 #include "TagPromptControl.h"
 #include "Workplace.h"
@@ -113,6 +114,18 @@ TEST_F(ThePrompt, EndsWithItsSurfaceItsOperationAndItsAdaptor) {
     place.adaptor.reset();
     EXPECT_FALSE(tagPromptStands());
     EXPECT_EQ(surface.hidden, 2) << "destruction waits for the prompt's thread";
+}
+
+// The thread that would end it has stayed with the parent.
+TEST_F(ThePrompt, IsNoneOfAForkedChild) {
+    Surface surface;
+    EXPECT_TRUE(adaptor.showTagPrompt());
+    ForkedChild child([] {
+        setTagPromptSurface(nullptr);
+        return tagPromptStands() ? 1 : 0;
+    });
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_TRUE(tagPromptStands());
 }
 
 TEST_F(ThePrompt, ComesAndGoesManyTimesUnderCancels) {

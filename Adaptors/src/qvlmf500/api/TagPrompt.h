@@ -18,9 +18,10 @@ class QVL_API TagPromptSurface {
     virtual void hide() = 0;
 };
 
-/// Puts `surface` in place for all adaptors of the process; null, the default, takes it out again. Either way the call
-/// closes a standing prompt and waits for its end, after which the surface that was in place may be destroyed. Not from
-/// show() or hide(), which must not wait for a thread that is inside an operation either.
+/// Puts `surface` in place for all adaptors of the process; null, the default, takes it out again. Another surface than
+/// the one in place closes a standing prompt and waits for its end, after which the old surface may be destroyed. A
+/// forked child has no surface in place. Not from show() or hide(), which must not wait for a thread that is inside an
+/// operation either.
 QVL_API void setTagPromptSurface(TagPromptSurface* surface);
 
 /// What a Cancel button calls, from any thread: the prompt goes away and the wait under it ends with 3121. Harmless

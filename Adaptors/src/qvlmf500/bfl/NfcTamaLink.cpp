@@ -70,10 +70,9 @@ bool NfcTamaBfl::isDeviceGone() {
 
 // Told before anything is scrambled: a command that is not sent takes nothing from the key stream.
 short NfcTamaBfl::deviceReady() const {
-    if (!mDevice) return kBflNoDevice;
-    if (mDeviceGone) {
-        noteFailure(true);  // an adaptor whose watch came after the loss has not heard of it
-        return kBflDeviceFailed;
+    if (!mDevice || mDeviceGone) {
+        noteFailure(true);  // whoever watches now was not there when it went, or when another user closed it
+        return mDevice ? kBflDeviceFailed : kBflNoDevice;
     }
     return mayAsk() ? kBflOk : kBflDeviceTimedOut;
 }

@@ -23,6 +23,24 @@ constexpr const char* kUsbDll = "usbdll";
 std::atomic<std::uint32_t> gLastScanTick{0};
 std::atomic<bool> gUsbEventPending{false};
 
+GetCurrentDevInstID loadInstanceHelper() {
+    const std::string file = platform::dynamicLibraryFileName(kUsbDll);
+    const char* installPath = getInstallPath();
+    std::string path = installPath != nullptr ? std::string(installPath) + "/bin/" + file : file;
+    bool isThere = installPath != nullptr && platform::pathExists(path.c_str());
+    // Beside the program only with plain rights: a link to a program with more may lie anywhere.
+    if (!isThere && !platform::hasRaisedRights()) {
+        const std::string programPath = platform::programDirectory();
+        if (!programPath.empty()) path = programPath + "/" + file;
+        isThere = !programPath.empty() && platform::pathExists(path.c_str());
+    }
+    if (!isThere) {
+        QVL_LOG(kLogFailure, "Cannot access the usbdll file - %s!\n", path.c_str());
+        return nullptr;
+    }
+    return reinterpret_cast<GetCurrentDevInstID>(platform::loadSymbol(path.c_str(), "USBLib_GetCurrentDevInstID"));
+}
+
 }  // namespace
 
 std::shared_ptr<Qvl14443bfl> FoundReader::makeDriver() const {
@@ -34,6 +52,10 @@ std::shared_ptr<Qvl14443bfl> FoundReader::makeDriver() const {
     if (!driver) throw std::bad_alloc();
     if (!path.empty()) driver->setDeviceName(reinterpret_cast<const std::uint8_t*>(path.c_str()));
     return driver;
+}
+
+GetCurrentDevInstID FoundReader::findInstanceHelper() const {
+    return kind == BflTypeMf500 ? loadInstanceHelper() : nullptr;
 }
 
 std::optional<FoundReader> DeviceScan::run(int event) {
@@ -64,22 +86,4 @@ FoundReader DeviceScan::choose(int status) const {
     if (device->isTama == 0) return {BflTypeMf500, device->path};
     QVL_LOG(kLogProgress, "QvlMf500ReaderImpl ------------instantiates NFCTAMABFL");
     return {BflTypeNfcTama, device->path};
-}
-
-GetCurrentDevInstID findDeviceInstanceHelper() {
-    const std::string file = platform::dynamicLibraryFileName(kUsbDll);
-    const char* installPath = getInstallPath();
-    std::string path = installPath != nullptr ? std::string(installPath) + "/bin/" + file : file;
-    bool isThere = installPath != nullptr && platform::pathExists(path.c_str());
-    // Beside the program only with plain rights: a link to a program with more may lie anywhere.
-    if (!isThere && !platform::hasRaisedRights()) {
-        const std::string programPath = platform::programDirectory();
-        if (!programPath.empty()) path = programPath + "/" + file;
-        isThere = !programPath.empty() && platform::pathExists(path.c_str());
-    }
-    if (!isThere) {
-        QVL_LOG(kLogFailure, "Cannot access the usbdll file - %s!\n", path.c_str());
-        return nullptr;
-    }
-    return reinterpret_cast<GetCurrentDevInstID>(platform::loadSymbol(path.c_str(), "USBLib_GetCurrentDevInstID"));
 }

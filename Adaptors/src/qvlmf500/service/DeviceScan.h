@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+using GetCurrentDevInstID = int (*)(char* buffer, int size, std::uint16_t* length);
+
 /// A reader as a device scan finds it.
 struct FoundReader {
     BflType kind = BflTypeMf500;
@@ -16,6 +18,8 @@ struct FoundReader {
     bool operator==(const FoundReader&) const = default;
     /// A new driver for it, or the one that all adaptors share, with the path as its device name.
     std::shared_ptr<Qvl14443bfl> makeDriver() const;
+    /// What tells the instance id of its device: an operation of a helper library. Null without one.
+    GetCurrentDevInstID findInstanceHelper() const;
 };
 
 /// Which reader is attached. Under the reader lock.
@@ -34,7 +38,3 @@ class DeviceScan {
     USBFileIO mUSBFileIO;
     bool mHasRun = false;
 };
-
-using GetCurrentDevInstID = int (*)(char* buffer, int size, std::uint16_t* length);
-/// The operation of the helper library that knows the instance id of an MF RC500 reader's device; null without it.
-GetCurrentDevInstID findDeviceInstanceHelper();

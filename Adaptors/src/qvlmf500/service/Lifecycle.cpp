@@ -26,7 +26,7 @@ QvlMf500ReaderImpl::QvlMf500ReaderImpl(QVLReaderServiceIntf* service)
     : mTcl(std::make_unique<QvlTcl>()), mReader(*mTcl), mSuspendTime(kDefaultSuspendTimeMs),
       mDefaultSuspendTime(kDefaultSuspendTimeMs), mService(service), mLED(kNoLed), mDur(kNoLed) {
     if (const auto found = mScan.run(DeviceScan::kDeviceEvent1)) use(*found);
-    if (mFound.kind == BflTypeMf500) mGetCurrentDevInstID = findDeviceInstanceHelper();
+    mGetCurrentDevInstID = mFound.findInstanceHelper();
 }
 
 QvlMf500ReaderImpl::~QvlMf500ReaderImpl() {
@@ -120,6 +120,7 @@ bool QvlMf500ReaderImpl::openAndConfigure() {
     mTcl->reset(kCardRepetitions);
     mReader.mOpened = true;
     mReader.mInitialised = true;
+    ++mReader.mOpenings;
     mReader.mLoss = ReaderState::Loss::none;
     return true;
 }
@@ -203,15 +204,17 @@ bool QvlMf500ReaderImpl::revive() {
     const auto isLost = [this] { return mReader.mLoss == Loss::noted || mReader.mLoss == Loss::told; };
     if (isLost()) {
         const ReaderLock lock(mReader);
-        if (isLost()) reopen(kBflDeviceFailed);
+        if (isLost()) reopen(kBflDeviceFailed, mReader.mOpenings);
     }
     return mReader.isReady();
 }
 
-void QvlMf500ReaderImpl::reopen(int bflStatus) {
+// `opening` is the one in which the reader was lost: while this thread waited, another one may have opened it anew.
+void QvlMf500ReaderImpl::reopen(int bflStatus, unsigned opening) {
     using Loss = ReaderState::Loss;
+    const ReaderLock lock(mReader);
+    if (opening != mReader.mOpenings) return;
     QVL_LOG(kLogFailure, "interface encountering problems %d. Trying to reopen", bflStatus);
-    const ReaderLock lock(mReader);  // not under an operation of another thread
     // LED 3 is a switch: its command goes only to a reader that has come up dark.
     if (driver()->isDeviceGone()) mCtrl = false;
     driver()->interfaceClose();

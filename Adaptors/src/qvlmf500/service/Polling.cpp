@@ -48,6 +48,7 @@ bool QvlMf500ReaderImpl::report(const TagUID& tag, EventObject*& event) {
 }
 
 int QvlMf500ReaderImpl::getTagIdOnce(TagUID& tag, bool forced) {
+    const unsigned opening = mReader.mOpenings;
     if (!mReader.isReady()) return kReaderNotReady;
     std::uint8_t atq[2] = {};
     std::uint8_t sak = 0;
@@ -62,7 +63,7 @@ int QvlMf500ReaderImpl::getTagIdOnce(TagUID& tag, bool forced) {
         return tag.getUidLen() == uidLen ? kOk : kNoTag;
     }
     if (status == kBflOk) status = kBadUidLength;
-    if (isDeviceLost(status)) reopen(status);
+    if (isDeviceLost(status)) reopen(status, opening);
     return kNoTag;
 }
 

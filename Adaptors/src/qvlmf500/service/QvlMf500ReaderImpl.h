@@ -146,8 +146,12 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl, private TagFinder {
     bool configured(Qvl14443bfl& bfl);
     void restoreLeds();
     bool revive();
-    void reopen(int bflStatus);
+    void reopen(int bflStatus, unsigned opening);
     void turnOffAndClose(const char* logged);
+
+    // ReaderIdentity.cpp
+    template <typename Ask>
+    int askReader(Ask ask);
 
     // Polling.cpp
     void startReader();

@@ -29,6 +29,7 @@ class ReaderState {
     std::atomic<bool> mInitialised{false};  ///< initReader has succeeded, and nothing has undone it.
     std::atomic<bool> mOpened{false};       ///< The driver in place is the one that was initialised.
     std::atomic<Loss> mLoss{Loss::none};    ///< In an operation; the next one opens the reader anew.
+    std::atomic<unsigned> mOpenings{0};     ///< Counts the starts that have succeeded.
 
   private:
     friend class ReaderLock;

@@ -6,12 +6,14 @@
 #include "Clock.h"
 #include "CountedThreads.h"
 #include "LogService.h"
+#include "Process.h"
 #include "QvlMf500ReaderImpl.h"
 #include "TagPromptControl.h"
 
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 
 namespace {
@@ -20,6 +22,7 @@ enum class PromptState { none, starting, up, closing };
 
 // Everything about the one prompt of the process. Never destroyed: a prompt may outlive static objects.
 struct Prompt {
+    const std::uint32_t process = platform::processGeneration();
     std::mutex mutex;
     std::condition_variable changed;
     PromptState state = PromptState::none;
@@ -36,9 +39,13 @@ struct Prompt {
     }
 };
 
+// A forked child begins with one of its own: the thread that would end its parent's prompt did not come along.
 Prompt& prompt() {
-    static Prompt* const instance = new Prompt;
-    return *instance;
+    static std::atomic<Prompt*> instance{new Prompt};
+    Prompt* current = instance;
+    if (current->process == platform::processGeneration()) return *current;
+    auto fresh = std::make_unique<Prompt>();
+    return instance.compare_exchange_strong(current, fresh.get()) ? *fresh.release() : *current;
 }
 
 bool showSurface(TagPromptSurface& surface) noexcept {
