@@ -71,7 +71,7 @@ for _ in $(seq 100); do
 done
 cat ready
 
-# The settings of a product that may be installed on this machine play no part.
+# The settings of a product that may be installed on this machine are ignored.
 export QVL_PATH="$work" QVL_DEVICE_ROOT="$work/devices"
 show qvltag info
 show qvltag poll --count 3

@@ -101,7 +101,7 @@ bool QVLParamCollection::reserve(std::uint64_t count) {
     if (count == 0) return true;
     const std::uint64_t needed = mSize + count;
     if (mBuffer && needed <= mCapacity) {
-        if (count > left()) seekEnd();  // a read went on behind what was written
+        if (count > left()) seekEnd();  // a read went on after what was written
         return true;
     }
     const std::uint64_t steps = (needed - mCapacity + kGrowthStep - 1) / kGrowthStep;

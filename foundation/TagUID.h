@@ -30,7 +30,7 @@ class QVL_API TagUID final : public QVLParameter {
     void setUidLen(std::uint32_t length);
     void setTagType(std::uint32_t type) { mTagType = type; }
 
-    /// Same length and same bytes; the type plays no part.
+    /// Same length and same bytes; the type is ignored.
     bool operator==(const TagUID& other) const;
 
     /// New terminated text, two lower-case digits a byte, which the caller deletes as an array; null without a UID.

@@ -189,7 +189,7 @@ TEST_F(Mf500, SendsEachCommandWhichFailsByStatusByAShortReplyAndByTheLink) {
 }
 
 TEST_F(Mf500, CopiesABlockOnlyAsAWholeAndIntoRoomEnough) {
-    constexpr std::size_t kMostSent = 4158;  // what a message may hold behind status and length
+    constexpr std::size_t kMostSent = 4158;  // what a message may hold after status and length
     for (const std::size_t sent : {0u, 1u, 2u, 3u, 4u, 15u, 16u, 17u, 255u, 256u, 257u, 4095u, 4096u, 4097u, 65535u}) {
         answering(Bytes{0, 0, static_cast<std::uint8_t>(sent), static_cast<std::uint8_t>(sent >> 8)} +
                   Bytes(std::min(sent, kMostSent), 0x5A));

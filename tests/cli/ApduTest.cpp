@@ -22,7 +22,7 @@ class ApduTest : public QvltagTest {
     Words apdu(const std::string& image, const Words& arguments) {
         return joined({"--no-wait", "--virtual", image, "apdu"}, arguments);
     }
-    /// All objects behind the one of the card.
+    /// All objects after the one of the card.
     std::vector<Json> exchanges(const std::string& image, const Words& arguments, int status) {
         auto all = runJson(apdu(image, arguments), status);
         EXPECT_EQ(all.empty() ? "" : all[0].value("card", ""), kUid);

@@ -61,7 +61,7 @@ TEST_F(IniFile, EveryLineMeansWhatItSays) {
         {"K=1", "K", "", "(null)"},
         {"[]\nK=1", "", "K", "1"},
         {"[S]\nK=1\r2\n", "S", "K", "1"},
-        {"[S]\nK=1" + kNul + "2\nL=3", "S", "K", "1"},  // the rest of a piece behind a NUL is lost
+        {"[S]\nK=1" + kNul + "2\nL=3", "S", "K", "1"},  // the rest of a piece after a NUL is lost
         {"[S]\nK=1" + kNul + "2\nL=3", "S", "L", "3"},
         {"[S]\n" + kNul + "K=1\n", "S", "K", "(null)"},
         // Pieces of 255 characters count as lines.

@@ -127,7 +127,7 @@ TEST(ParamCollection, WhatWasNeverWrittenReadsAsZero) {
 
 TEST(ParamCollection, WritesGoToTheCursorUnlessTheBufferGrows) {
     QVLParamCollection stream = streamOf("03010302");
-    stream.addByte(3);  // no room: behind the end
+    stream.addByte(3);  // no room: beyond the end
     EXPECT_EQ(hex(stream), "030103020303");
     stream.rewind();
     stream.addByte(4);

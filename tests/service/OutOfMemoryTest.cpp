@@ -13,7 +13,7 @@ class OutOfMemory : public ::testing::TestWithParam<bool> {
     OutOfMemory() { place.placeClassic(); }
     ~OutOfMemory() override { gAllowed = -1; }
 
-    /// Runs `operation` with the n-th allocation failing, for all n that it reaches, and `after` behind each.
+    /// Runs `operation` with the n-th allocation failing, for all n that it reaches, and `after` after each.
     template <typename Operation, typename After>
     void sweep(Operation operation, After after) {
         long allowed = 0;

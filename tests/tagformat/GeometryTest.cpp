@@ -82,7 +82,7 @@ TEST(Geometry, ARunCoversExactlyItsSectors) {
                     << first << "+" << count;
             }
             SectorRun run;
-            const int most = count + (type == kTagUltralight ? 1 : 0);  // the page behind the last one counts too
+            const int most = count + (type == kTagUltralight ? 1 : 0);  // the page after the last one counts too
             ASSERT_EQ(blockRangeToSectors(type, static_cast<int>(first), most, run), kOk) << first;
             ASSERT_EQ(blockRangeToSectors(type, static_cast<int>(first), most + 1, run), kOutOfRange) << first;
         }

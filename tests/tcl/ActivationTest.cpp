@@ -104,7 +104,7 @@ class CardLayer : public ::testing::Test {
     short select(const Bytes& answered, std::uint8_t cid) {
         cardAnswers(answered);
         EXPECT_EQ(activate(), 0);
-        std::ranges::fill(ats, std::uint8_t{0xFF});  // what stands behind the ATS must not count
+        std::ranges::fill(ats, std::uint8_t{0xFF});  // what stands after the ATS must not count
         return getAts(cid);
     }
     PiccInfo& card(int cid) { return *tcl.mPicc[cid]; }

@@ -35,7 +35,7 @@ TEST(FrameAssembler, FindsTheEndOfEachKindOfFrame) {
         std::size_t end;
         bool bad;
     } cases[] = {
-        {"ACK, with a byte of the reply behind it", {0, 0, 0xFF, 0x00, 0xFF, 0, 0xAA}, 6, false},
+        {"ACK, with a byte of the reply after it", {0, 0, 0xFF, 0x00, 0xFF, 0, 0xAA}, 6, false},
         {"NACK", {0, 0, 0xFF, 0xFF, 0x00, 0, 0xAA}, 6, false},
         {"normal", normal, 12, false},
         {"normal, cut", {0, 0, 0xFF, 0x05, 0xFB, 1, 2, 3, 4, 5, 6}, 0, false},

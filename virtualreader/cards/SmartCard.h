@@ -7,7 +7,7 @@
 #include <random>
 #include <vector>
 
-/// A card after ISO/IEC 14443-4: RATS, PPS, and from then on the block protocol, behind which an application answers
+/// A card after ISO/IEC 14443-4: RATS, PPS, and from then on the block protocol, in which an application answers
 /// the commands.
 class SmartCard : public VirtualTag {
   public:

@@ -73,7 +73,7 @@ class QVL_API ReaderImpl {
 
     /// Creates an application of `sectorCount` sectors in the tag's directory. `madKey` is key B of sector 0,
     /// `sectorKey` key B of free sectors (null: `madKey`). `access` is a data condition, 0 to 7. `done` sectors are
-    /// finished; one record for each sector tried. `spareShort` plays no part.
+    /// finished; one record for each sector tried. `spareShort` has no effect.
     virtual int initApp(int readerId, TagAppType appType, short appId, const std::uint8_t* madKey,
                         const std::uint8_t* sectorKey, short spareShort, short sectorCount, const TagUID& tag,
                         const std::uint8_t* newKeyA, const std::uint8_t* newKeyB, DataAccControl access, int& done,

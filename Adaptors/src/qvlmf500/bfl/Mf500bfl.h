@@ -7,7 +7,7 @@
 class USB;
 class USBProtocol;
 
-/// Driver of an MF RC500 reader. It finds its device by itself; a device name plays no part. Every operation is one
+/// Driver of an MF RC500 reader. It finds its device by itself; a device name has no effect. Every operation is one
 /// command of the reader. What the reader says in a reply reaches the caller's buffers even when its status is not 0. A
 /// reader that takes part in the key agreement of pcdConfig scrambles from then on, under a key that comes anew with
 /// each reply. After a time-out the next operation first asks the reader for its number, until no late reply can be

@@ -7,5 +7,5 @@
 
 /// Writes 16 bytes.
 void encodeValueBlock(std::int32_t value, std::uint8_t address, std::uint8_t* block);
-/// True when value, complement and copy agree. The address bytes play no part.
+/// True when value, complement and copy agree. The address bytes are ignored.
 bool isSoundValueBlock(const std::uint8_t* block);
