@@ -134,7 +134,7 @@ Outcome CommandLine::answer(const CLI::ParseError& thrown, Output& output) const
     if (option != words.end())
         meaning = "not expected: " + *option;
     else if (family && !words.empty())
-        meaning = "\"" + words.front() + "\" is no command or option";
+        meaning = "unknown command or option \"" + words.front() + "\"";
     const char* what = family ? "lists the commands." : "tells more.";
     return output.error({Outcome::usage, "usage", withoutKeys(meaning), "\"qvltag " + named + "--help\" " + what, 0});
 }

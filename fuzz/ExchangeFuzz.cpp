@@ -1,4 +1,4 @@
-// A card that answers with whatever the input holds, behind the reader to which the host says every block. The first
+// A card that answers with whatever the input holds, at a reader that the host tells every block. The first
 // bytes choose how the card was activated, the size of the command and of the buffer; then each answer of the card is a
 // length byte and that many bytes, the highest length being no answer.
 

@@ -1,6 +1,6 @@
 // Whatever a reader on a serial line may send: bytes through the frame assembler into the driver, whose operations then
 // pick them apart. The first byte of an input says whether lengths and checksums are put right, so that the fuzzer gets
-// behind them.
+// past them.
 
 #include "Fuzz.h"
 #include "NfcTamaBfl.h"

@@ -38,7 +38,7 @@ TEST_F(QvltagTest, ComplaintsSayWhatIsWrongAndWhatToTry) {
     const std::tuple<Words, int, std::string, const char*, const char*> kMistakes[] = {
         {{"info"}, 3, "no reader", "none is ready", "--virtual new:1k"},
         {{}, 2, "usage", "subcommand is required", "qvltag --help"},
-        {{"dance"}, 2, "usage", "\"dance\" is no command", "qvltag --help"},
+        {{"dance"}, 2, "usage", "unknown command or option \"dance\"", "qvltag --help"},
         {{"--dance", "info"}, 2, "usage", "not expected: --dance", "qvltag info --help"},
         {{"led", "4", "on"}, 2, "usage", "not in range 0 to 3", "qvltag led --help"},
         {{"led", "0", "green"}, 2, "usage", "green not in {on,off}", "qvltag led --help"},

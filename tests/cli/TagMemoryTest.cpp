@@ -320,7 +320,7 @@ TEST_F(TagMemoryTest, WrongLinesAreRefusedBeforeAReaderIsTouched) {
         {"odd.keys, line 2: a key is 12 hexadecimal digits", {"dump x --keys " + odd}},
         {"longer than 4096 bytes", {"restore " + big}},
         {"--mad", {"format --mad 3 --new-key-b mad"}},
-        {"\"dance\" is no command or option", {"app dance"}},
+        {"unknown command or option \"dance\"", {"app dance"}},
         {"there are read-only (010), write-b", {"app init 4711 1 --access any --mad-key-b mad" + newKeys}},
         {"32 hexadecimal digits", {"app write 4711 00 --fill 00"}},
         {"cannot start with 0", {"value init 4 0 --decrement-only" + both}},

@@ -60,7 +60,7 @@ TEST_P(CardSession, RunsFromTheWaitToTheDeselection) {
 
 TEST_P(CardSession, RelaysTheReadersOwnCommands) {
     if (isMf500UnderTest()) {
-        EXPECT_EQ(door.relay({0x63}), kNotImplemented) << "a reader behind a closed library";
+        EXPECT_EQ(door.relay({0x63}), kNotImplemented) << "a reader with a closed library";
         return;
     }
     EXPECT_EQ(door.relay({0x02}), kOk);

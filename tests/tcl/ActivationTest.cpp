@@ -134,7 +134,7 @@ TEST_P(OnBothReaders, AnAtsIsDecodedIntoTheCardsRecord) {
                  {{5, 0x48, 0x01, 0xAA, 0xBB}, {8, 7, 4, 0, 0, 0, 1, 1}, {0xAA, 0xBB}},
                  {{2, 0x0F}, {8, 7, 4, 0, 0, 1, 0, 2}},            // FSCI above 8
                  {{2, 0x02}, {2, 2, 4, 0, 0, 1, 0, 2}},            // FSCI below FSDI
-                 {{2, 0x25}, {5, 5, 0, 0, 0, 1, 0, 2}},            // TB1 behind the end reads as 0
+                 {{2, 0x25}, {5, 5, 0, 0, 0, 1, 0, 2}},            // TB1 beyond the end reads as 0
                  {{3, 0x55, 0x77}, {5, 5, 4, 0, 0x77, 0, 0, 0}}};  // and so does TC1
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);

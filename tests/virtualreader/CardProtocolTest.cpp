@@ -132,7 +132,7 @@ TEST(CardFaults, EachEffectOnTheAir) {
 
 TEST(CardFaults, MistakesInRules) {
     constexpr std::pair<const char*, const char*> kMistakes[] = {
-        {"blocks 1 lost", "\"blocks\" is no command: two hexadecimal digits, \"any\", \"write\", \"block\" or"},
+        {"blocks 1 lost", "unknown command \"blocks\": two hexadecimal digits, \"any\", \"write\", \"block\" or"},
         {"4A 1 lost", "\"lost\" goes with \"block\" and \"deselect\" only"},
         {"block 1 nack", "\"nack\" does not go with \"block\" and \"deselect\""},
         {"deselect 1 torn 3", "\"torn\" goes with \"write\" only"},

@@ -114,8 +114,8 @@ TEST_F(FaultTest, TagsLeaveReturnAndChangePlaces) {
 
 TEST(FaultPlanText, MistakesNameLineAndCause) {
     const std::pair<const char*, const char*> mistakes[] = {
-        {"4A 1 no reply\n4G 1 no reply", "line 2: \"4G\" is no command"},
-        {"4A5 1 no reply", "line 1: \"4A5\" is no command"},
+        {"4A 1 no reply\n4G 1 no reply", "line 2: unknown command \"4G\""},
+        {"4A5 1 no reply", "line 1: unknown command \"4A5\""},
         {"\n\n4A no reply", "line 3: a count is missing"},
         {"4A", "line 1: a count is missing"},
         {"4A 0 nack", "line 1: a count is missing"},

@@ -103,7 +103,7 @@ TEST(SimulatorProgram, IsSteeredOverItsControlSocket) {
         {"faults", "error: \"faults\" takes \"clear\""},
         {"led", "ok 00"},
         {"reader", "error: \"reader\" takes \"gone\" or \"back\""},
-        {"dance", "error: \"dance\" is no command; \"help\" lists them"},
+        {"dance", "error: unknown command \"dance\"; \"help\" lists them"},
     };
     for (const auto& [command, answer] : dialogue)
         EXPECT_EQ(peer.ask(command), answer + "\n");

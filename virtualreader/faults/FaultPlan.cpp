@@ -111,8 +111,8 @@ std::string takeWhen(Words& words, FaultRule& rule) {
     } else {
         const auto code = when.size() == 2 ? number(when, 16, 0xFF) : std::nullopt;
         if (!code)
-            return quoted(when) +
-                   " is no command: two hexadecimal digits, \"any\", \"write\", \"block\" or \"deselect\"";
+            return "unknown command " + quoted(when) +
+                   ": two hexadecimal digits, \"any\", \"write\", \"block\" or \"deselect\"";
         rule.when = When::command;
         rule.command = static_cast<std::uint8_t>(*code);
     }

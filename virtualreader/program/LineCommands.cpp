@@ -68,7 +68,7 @@ std::string LineCommands::run(std::string_view line) {
     const auto [word, rest] = splitWord(trimmed(line));
     if (word.empty()) return {};
     const auto command = std::ranges::find(kCommands, word, &Command::word);
-    if (command == std::end(kCommands)) return error("\"" + word + "\" is no command; \"help\" lists them");
+    if (command == std::end(kCommands)) return error("unknown command \"" + word + "\"; \"help\" lists them");
     return (this->*command->run)(rest);
 }
 
