@@ -31,6 +31,11 @@ void VirtualLine::close() {
     mCount = 0;
 }
 
+bool VirtualLine::isBroken() const {
+    const auto held = mReader->field().lock();
+    return mBroken;
+}
+
 IoResult VirtualLine::write(std::span<const std::uint8_t> message) {
     const auto held = mReader->field().lock();
     if (!mOpen || mBroken) return IoResult::failed;

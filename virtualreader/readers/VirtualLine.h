@@ -24,7 +24,7 @@ class VirtualLine : private ReaderSink, private ReaderWatcher {
     bool open();
     void close();
     /// The reader went away since the line was opened.
-    bool isBroken() const { return mBroken; }
+    bool isBroken() const;
 
     platform::IoResult write(std::span<const std::uint8_t> message);
     /// `count` gets the length of the message, which is above buffer.size() for one that did not fit and was not
