@@ -12,6 +12,7 @@ set(QVL_PUBLIC_HEADERS
   foundation/ServiceStatus.h
   foundation/TagTypes.h
   foundation/TagUID.h
+  ${QVL_SRC}/api/HostWait.h
   ${QVL_SRC}/api/QVLReaderServiceIntf.h
   ${QVL_SRC}/api/ReaderImpl.h
   ${QVL_SRC}/api/TagPrompt.h
@@ -22,6 +23,7 @@ set(QVL_PUBLIC_HEADERS
   ${QVL_SRC}/tcl/QvlTcl.h
   ${QVL_SRC}/tcl/QvlTclUtil.h)
 install(FILES ${QVL_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qvlmf500)
+install(DIRECTORY host/qvlmf500/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qvlmf500 FILES_MATCHING PATTERN "*.h")
 
 install(TARGETS qvlmf500 EXPORT qvlmf500Targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(EXPORT qvlmf500Targets NAMESPACE qvlmf500:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/qvlmf500)

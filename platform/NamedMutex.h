@@ -27,6 +27,10 @@ class NamedMutex {
     /// wait has taken 2 s; the wait goes on meanwhile, and lock() returns after the call. It may come from a thread of
     /// its own; it must not use this lock, and what it throws is dropped.
     void lock(const LongWait& onLongWait = {});
+    /// Asked between two attempts while somebody else holds the lock; pauses by itself. False ends the wait.
+    using MayWait = std::function<bool(long holderPid)>;
+    /// @return false if `mayWait` has ended the wait; then there is nothing to unlock.
+    bool lockWhile(const MayWait& mayWait);
     void unlock();
     /// @return false if somebody else holds it; never waits.
     bool try_lock();

@@ -307,6 +307,14 @@ void NamedMutex::lock(const LongWait& onLongWait) {
     if (mState->enter(report) == State::Entry::first) mState->takeRecord(report);
 }
 
+bool NamedMutex::lockWhile(const MayWait& mayWait) {
+    while (!try_lock()) {
+        const long other = mState->file() ? recordHolder(mState->file().get()) : 0;
+        if (!mayWait(other != 0 ? other : ::getpid())) return false;
+    }
+    return true;
+}
+
 bool NamedMutex::try_lock() {
     switch (mState->tryEnter()) {
     case State::Entry::first:

@@ -212,4 +212,10 @@ int ReaderImpl::freeMemory(TagUID* object) {
     return kMemoryOk;
 }
 
+int ReaderImpl::openCard(int, const TagUID&, std::uint8_t&, std::uint8_t*& ats, int& atsLength) {
+    ats = nullptr;
+    atsLength = 0;
+    return kNotImplemented;
+}
+
 int ReaderImpl::freeMemory(ReaderImpl*) { return kMemoryOk; }

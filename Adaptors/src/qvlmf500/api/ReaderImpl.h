@@ -192,6 +192,13 @@ class QVL_API ReaderImpl {
     virtual int freeMemory(OpResultCode* results);
     virtual int freeMemory(TagUID* tags);
 
+    /// Opens a session with the card of this UID, waiting for it, beside those that are open: neither they nor the
+    /// field are touched. `cid` is its number, `ats` its ATS, which the host releases. The commands 40, 41 and 43 go on
+    /// with it.
+    /// @return 3100; -21 for a UID of no or more than 10 bytes; -45 when sixteen cards are known; 3121, 3122 for no
+    /// such card; 3137 without a reader; else the status of the card layer.
+    virtual int openCard(int readerId, const TagUID& tag, std::uint8_t& cid, std::uint8_t*& ats, int& atsLength);
+
     /// Does nothing; an adaptor ends through its virtual destructor. Always 3000.
     static int freeMemory(ReaderImpl* adaptor);
 

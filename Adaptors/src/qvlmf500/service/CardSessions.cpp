@@ -141,6 +141,15 @@ int CardSessions::waitForCard(TagUID& tag, int timeoutMs, std::uint8_t& cid, Car
     return fetchAts(cid, ats);
 }
 
+int CardSessions::open(const TagUID& tag, std::uint8_t& cid, CardData& ats) {
+    if (tag.getUidLen() == 0 || isTooLong(tag)) return refuseUid("openCard", tag);
+    Card card(tag);
+    if (card.isKnownTo(mCards, cid)) mCards.TclDeselect(cid);
+    if (cid == QvlTcl::kCards) return kNoFreeCid;
+    if (const int result = wake(card, 0); result != kOk) return result;
+    return fetchAts(cid, ats);
+}
+
 int CardSessions::deselect(const TagUID& tag) {
     if (isTooLong(tag)) return refuseUid("deselect", tag);
     const Card card(tag);

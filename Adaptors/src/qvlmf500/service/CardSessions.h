@@ -24,6 +24,9 @@ class CardSessions {
     int send(const TagUID& tag, std::uint8_t nad, CardData& command, bool retry, CardData& answer);
     /// Waits for a card, the one named in `tag` if it is in the table, else any one, which `tag` then names.
     int waitForCard(TagUID& tag, int timeoutMs, std::uint8_t& cid, CardData& ats);
+    /// Waits for the card of this UID beside those in the table and tells its number and ATS. One that is in the table
+    /// begins anew.
+    int open(const TagUID& tag, std::uint8_t& cid, CardData& ats);
     int deselect(const TagUID& tag);
     int relay(CardData& command, CardData& reply);
 

@@ -8,6 +8,7 @@
 #include "SecretBytes.h"
 #include "TagPromptScope.h"
 
+#include <algorithm>
 #include <memory>
 
 namespace {
@@ -211,5 +212,22 @@ int QvlMf500ReaderImpl::runCommand(int id, QVLParamCollection& in, QVLParamColle
         const TagPromptScope prompt(*this);
         CardSessions sessions(*mTcl, mSuspendTime);
         return CommandRun(*this, sessions, in, out).run(id);
+    });
+}
+
+int QvlMf500ReaderImpl::openCard(int, const TagUID& tag, std::uint8_t& cid, std::uint8_t*& ats, int& atsLength) {
+    ats = nullptr;
+    atsLength = 0;
+    return guarded("openCard", int{kReaderFailed}, [&]() -> int {
+        const ReaderLock lock(mReader);
+        if (!revive()) return kReaderNotReady;
+        const TagPromptScope prompt(*this);
+        CardSessions sessions(*mTcl, mSuspendTime);
+        CardData bytes;
+        if (const int result = sessions.open(tag, cid, bytes); result != kOk) return result;
+        ats = new std::uint8_t[bytes.size()];
+        std::ranges::copy(bytes, ats);
+        atsLength = static_cast<int>(bytes.size());
+        return kOk;
     });
 }

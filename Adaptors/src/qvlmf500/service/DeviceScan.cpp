@@ -4,6 +4,7 @@
 #include "DeviceScan.h"
 
 #include "Clock.h"
+#include "Devices.h"
 #include "DynamicLibrary.h"
 #include "Files.h"
 #include "IniManager.h"
@@ -42,6 +43,13 @@ GetCurrentDevInstID loadInstanceHelper() {
 }
 
 }  // namespace
+
+std::string FoundReader::serialPort() const { return path.starts_with("COM") ? path.substr(0, path.find(';')) : ""; }
+
+bool FoundReader::isNamed() const {
+    if (iniLookup(iniLookup(getIniRoot(), "READER").node, "SERIAL_PORT").type == INI_VALUE) return true;
+    return platform::serialPortPath(serialPort().c_str()).starts_with(platform::deviceRoot() + '/');
+}
 
 std::shared_ptr<Qvl14443bfl> FoundReader::makeDriver() const {
     std::shared_ptr<Qvl14443bfl> driver;

@@ -16,6 +16,10 @@ struct FoundReader {
     std::string path;  ///< Empty: the driver finds its device by itself.
 
     bool operator==(const FoundReader&) const = default;
+    /// Whether it is on a serial port, here without its baud rate; empty if not.
+    std::string serialPort() const;
+    /// The settings or the device root name its serial port.
+    bool isNamed() const;
     /// A new driver for it, or the one that all adaptors share, with the path as its device name.
     std::shared_ptr<Qvl14443bfl> makeDriver() const;
     /// What tells the instance id of its device: an operation of a helper library. Null without one.

@@ -2,12 +2,14 @@
 // re-opening after a failure of the device, stopping.
 
 #include "Guarded.h"
+#include "HostWait.h"
 #include "IniManager.h"
 #include "LogService.h"
 #include "QvlMf500ReaderImpl.h"
 #include "TagPromptControl.h"
 
 #include <memory>
+#include <string>
 
 namespace {
 
@@ -126,6 +128,8 @@ bool QvlMf500ReaderImpl::openAndConfigure() {
 }
 
 bool QvlMf500ReaderImpl::interfaceOpened(Qvl14443bfl& bfl) {
+    const std::string port = mFound.serialPort();
+    if (hostWait() != nullptr && !port.empty() && !hostWait()->mayTryPort(port.c_str(), mFound.isNamed())) return false;
     // Opening cuts the baud rate off a serial name; the scan's path brings it back.
     if (!mFound.path.empty()) bfl.setDeviceName(reinterpret_cast<const std::uint8_t*>(mFound.path.c_str()));
     const short status = bfl.interfaceOpen(49, 0);

@@ -130,6 +130,7 @@ class QvlMf500ReaderImpl : public virtual ReaderImpl, private TagFinder {
 
     // Commands.cpp
     int runCommand(int id, QVLParamCollection& in, QVLParamCollection*& out) override;
+    int openCard(int readerId, const TagUID& tag, std::uint8_t& cid, std::uint8_t*& ats, int& atsLength) override;
 
     /// Puts up the prompt. @return true when the caller has to take it down with closeTagPrompt at the end of its
     /// operation; false when another prompt stands already, under which the operation may wait as well.

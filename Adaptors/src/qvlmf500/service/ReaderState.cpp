@@ -1,12 +1,30 @@
 #include "ReaderState.h"
 
+#include "HostWait.h"
 #include "LogService.h"
 
 #include <exception>
+#include <stdexcept>
 
 namespace {
 
 constexpr const char* kReaderMutexName = "QUORVELREADER_MUTEX";
+
+void tellHolder(long holder) {
+    if (holder != 0)
+        QVL_LOG(kLogFailure, "ReaderLock: waiting for the reader, held by process %ld", holder);
+    else
+        QVL_LOG(kLogFailure, "ReaderLock: waiting for the reader, held by another process or thread");
+}
+
+void waitFor(platform::NamedMutex& mutex) {
+    constexpr std::uint32_t kStepMs = 5;
+    HostWait* const host = hostWait();
+    if (host == nullptr)
+        mutex.lock(tellHolder);
+    else if (!mutex.lockWhile([host](long holder) { return host->waitForReader(kStepMs, holder); }))
+        throw std::runtime_error("the host does not wait for the reader any longer");
+}
 
 std::unique_ptr<platform::NamedMutex> makeReaderMutex() {
     try {
@@ -37,13 +55,7 @@ WatchedLink::~WatchedLink() {
 }
 
 ReaderLock::Held::Held(ReaderState& state) : reader(state) {
-    static const platform::NamedMutex::LongWait tell = [](long holder) {
-        if (holder != 0)
-            QVL_LOG(kLogFailure, "ReaderLock: waiting for the reader, held by process %ld", holder);
-        else
-            QVL_LOG(kLogFailure, "ReaderLock: waiting for the reader, held by another process or thread");
-    };
-    if (reader.mMutex) reader.mMutex->lock(tell);
+    if (reader.mMutex) waitFor(*reader.mMutex);
     reader.mPendingCalls.fetch_add(1);
 }
 

@@ -58,10 +58,11 @@ class WatchedLink {
     LinkWatch mWatch;
 };
 
-/// One operation inside the reader lock: waits for it without limit, and gives it back at the end of the scope. Nests
-/// on its thread.
+/// One operation inside the reader lock: waits for it, without limit unless the host of the thread sets one, and gives
+/// it back at the end of the scope. Nests on its thread.
 class ReaderLock {
   public:
+    /// @throws std::runtime_error if the host has ended the wait.
     explicit ReaderLock(ReaderState& reader) : mHeld(reader), mLink(reader) {}
 
   private:

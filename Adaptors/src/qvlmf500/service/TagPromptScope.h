@@ -1,12 +1,14 @@
 #pragma once
 
+#include "HostWait.h"
 #include "QvlMf500ReaderImpl.h"
 #include "TagPromptControl.h"
 
-/// The prompt of one operation: up at the start of the scope, down at its end if it was this operation's own.
+/// The prompt of one operation: up at the start of the scope, down at its end if it was this operation's own. A host
+/// that waits by itself needs none.
 class TagPromptScope {
   public:
-    explicit TagPromptScope(QvlMf500ReaderImpl& reader) : mIsOurs(reader.showTagPrompt()) {}
+    explicit TagPromptScope(QvlMf500ReaderImpl& reader) : mIsOurs(hostWait() == nullptr && reader.showTagPrompt()) {}
     ~TagPromptScope() {
         if (mIsOurs) closeTagPrompt();
     }

@@ -1,0 +1,158 @@
+#pragma once
+
+#include "Bytes.h"
+#include "Limit.h"
+#include "QVLParamCollection.h"
+#include "Session.h"
+#include "Uid.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace qvl {
+
+/// What a smart card answered to a command APDU (ISO/IEC 7816-4).
+struct ApduAnswer {
+    Bytes data;  ///< Without the status word.
+    std::uint8_t sw1 = 0, sw2 = 0;
+
+    std::uint16_t statusWord() const { return static_cast<std::uint16_t>(sw1 << 8 | sw2); }
+    bool ok() const { return statusWord() == 0x9000; }
+};
+
+/// A session with a smart card (ISO/IEC 14443-4) that a Reader has opened. It ends with this object, which moves and
+/// does not copy. Several can be open at once. One thread at a time.
+class Card {
+  public:
+    Card(Card&& other) noexcept = default;
+    Card& operator=(Card&& other) noexcept {
+        if (this == &other) return *this;
+        end();
+        mSession = std::move(other.mSession);
+        mUid = other.mUid;
+        mAts = std::move(other.mAts);
+        return *this;
+    }
+    ~Card() { end(); }
+
+    const Uid& uid() const { return mUid; }
+    /// Answer to select, its length byte first.
+    const Bytes& ats() const { return mAts; }
+
+    /// Sends bytes and gives the answer as it comes. A card that does not answer is not sent to again: it may have done
+    /// what it was told. @throws Error: lost if the exchange failed, notPermitted (status -50) for an answer above 4096
+    /// bytes, whose rest is dropped.
+    Bytes transmit(ByteView command, const Limit& limit = Limit(std::chrono::seconds(5))) {
+        return send(command, false, limit);
+    }
+    /// The same for a command that may be repeated: if the exchange fails, the card is woken and it is sent once more.
+    Bytes transmitAgain(ByteView command, const Limit& limit = Limit(std::chrono::seconds(5))) {
+        return send(command, true, limit);
+    }
+    /// Sends a command APDU, fetches what waits (61xx) with GET RESPONSE, and repeats a command with a wrong Le (6Cxx)
+    /// with the right one. @throws Error as transmit; content for an answer without a status word or without an end.
+    ApduAnswer exchange(ByteView command, const Limit& limit = Limit(std::chrono::seconds(5))) {
+        constexpr std::uint8_t kMoreWaits = 0x61, kWrongLe = 0x6C, kGetResponse = 0xC0;
+        constexpr std::size_t kShortCase2 = 5, kMostFollowUps = 1024;
+        ApduAnswer answer = split(transmit(command, limit));
+        if (answer.sw1 == kWrongLe && command.size() >= kShortCase2) {
+            Bytes again(command.begin(), command.end());
+            again.back() = answer.sw2;
+            answer = split(transmit(again, limit));
+        }
+        Bytes all = std::move(answer.data);
+        for (std::size_t i = 0; answer.sw1 == kMoreWaits; ++i) {
+            if (i == kMostFollowUps) throw Error(Reason::content, "the answer of the card does not end");
+            const std::uint8_t classByte = command.empty() ? std::uint8_t{0} : command[0];
+            answer = split(transmit(Bytes{classByte, kGetResponse, 0, 0, answer.sw2}, limit));
+            all.insert(all.end(), answer.data.begin(), answer.data.end());
+        }
+        answer.data = std::move(all);
+        return answer;
+    }
+
+    /// Deselects the card. Its operations then throw Error (noReader).
+    void close() {
+        const detail::SessionPtr session = std::exchange(mSession, nullptr);
+        if (!session) return;
+        --session->openCards;
+        detail::Call call(session, Limit(std::chrono::seconds(1)));
+        QVLParamCollection in;
+        TagUID tag = tagUid();
+        in.addParameter(tag);
+        in.rewind();
+        detail::FromLibrary<QVLParamCollection> out(call.library());
+        const int status = call.library().runCommand(kDeselect, in, out.out());
+        if (status != kOk) call.fail(status, "card " + mUid.text());
+    }
+
+  private:
+    friend class Reader;
+    Card(detail::SessionPtr session, const Uid& uid, Bytes ats)
+        : mSession(std::move(session)), mUid(uid), mAts(std::move(ats)) {
+        ++mSession->openCards;
+    }
+
+    static constexpr int kSend = 40, kDeselect = 43;
+
+    TagUID tagUid() const {
+        return {mUid.bytes().data(), static_cast<std::uint32_t>(mUid.bytes().size()), kTagUnknown};
+    }
+    void end() noexcept {
+        try {
+            close();
+        } catch (const std::exception&) {
+            // The card is out of the field, or the reader is: the session is over either way.
+        }
+    }
+    Bytes send(ByteView command, bool retry, const Limit& limit) {
+        if (!mSession) throw Error(Reason::noReader, "the session with the card is closed");
+        detail::Call call(mSession, limit);
+        Bytes answer;
+        const int status = sendOnce(call, command, retry, answer);
+        if (status == kTclRestPending) dropRest(call, command);
+        if (status != kOk) call.fail(status, "card " + mUid.text());
+        return answer;
+    }
+    int sendOnce(detail::Call& call, ByteView command, bool retry, Bytes& answer) const {
+        QVLParamCollection in;
+        TagUID tag = tagUid();
+        const bool isComplete = in.addParameter(tag) == kMemoryOk && in.addByte(0) == kMemoryOk &&
+                                in.addBytes(static_cast<std::uint32_t>(command.size()), command.data()) == kMemoryOk &&
+                                in.addByte(static_cast<std::uint8_t>(retry)) == kMemoryOk;
+        if (!isComplete) return kStreamFull;
+        in.rewind();
+        detail::FromLibrary<QVLParamCollection> out(call.library());
+        const int status = call.library().runCommand(kSend, in, out.out());
+        if (status != kOk) return status;
+        out.get()->rewind();
+        std::uint32_t length = 0;
+        std::uint8_t* data = nullptr;
+        if (const int got = out.get()->getBytes(length, data); got != kMemoryOk) return got;
+        const std::unique_ptr<std::uint8_t[]> owner(data);
+        answer.assign(data, data + (data ? length : 0));
+        return kOk;
+    }
+    /// What the library keeps of an answer would be taken for that of the next command.
+    void dropRest(detail::Call& call, ByteView command) const {
+        constexpr int kMostRests = 64;
+        Bytes rest;
+        for (int i = 0; i < kMostRests && sendOnce(call, command, false, rest) == kTclRestPending; ++i) {
+        }
+    }
+    static ApduAnswer split(const Bytes& answer) {
+        constexpr std::size_t kStatusWord = 2;
+        if (answer.size() < kStatusWord) throw Error(Reason::content, "the answer of the card has no status word");
+        return {Bytes(answer.begin(), answer.end() - kStatusWord), answer[answer.size() - 2], answer.back()};
+    }
+
+    detail::SessionPtr mSession;  // null once it is closed
+    Uid mUid;
+    Bytes mAts;
+};
+
+}  // namespace qvl
