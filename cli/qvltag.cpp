@@ -106,10 +106,18 @@ void CommandLine::addSharedOptions(Options& options) {
         .needs(images);
     const Option noWait = options.flag(
         "--no-wait", [this] { mSettings.wait = false; }, "One attempt at a tag, no prompt, no wait");
-    options.value("--wait", mSettings.waitSeconds, "How long to wait for a tag (default: the reader's settings)")
+    options.value("--wait", mSettings.waitSeconds, "How long an operation waits for a tag; 30 by default")
         .type("SECONDS")
         .range(kShortestWaitSeconds, kLongestWaitSeconds)
         .excludes(noWait);
+    options.value("--deadline", mSettings.deadlineSeconds, "Time for the whole command, all its waits together")
+        .type("SECONDS")
+        .range(kShortestWaitSeconds, kLongestWaitSeconds);
+    options
+        .value("--wait-for-reader", mSettings.readerSeconds,
+               "How long to wait for a reader, or for another program to\nleave it; 1 by default")
+        .type("SECONDS")
+        .range(kShortestWaitSeconds, kLongestWaitSeconds);
     mApp.set_version_flag("-V,--version", "qvltag " QVL_VERSION);
 }
 
@@ -136,7 +144,8 @@ Outcome CommandLine::answer(const CLI::ParseError& thrown, Output& output) const
     else if (family && !words.empty())
         meaning = "unknown command or option \"" + words.front() + "\"";
     const char* what = family ? "lists the commands." : "tells more.";
-    return output.error({Outcome::usage, "usage", withoutKeys(meaning), "\"qvltag " + named + "--help\" " + what, 0});
+    return output.error(
+        {Outcome::usage, "usage", withoutKeys(meaning), "\"qvltag " + named + "--help\" " + what, 0, ""});
 }
 
 /// Complaints about the line itself need to know before it is read.
@@ -146,8 +155,13 @@ bool asksForJson(int argc, char** argv) {
 
 Outcome runCommand(const CommandLine& line, Output& output, Interrupt& interrupt) {
     Session session(line.settings(), output, interrupt);
-    Outcome outcome = session.open();
-    if (outcome == Outcome::done) outcome = line.work()(session);
+    Outcome outcome = Outcome::done;
+    try {
+        session.open();
+        outcome = line.work()(session);
+    } catch (const qvl::Error& error) {
+        outcome = session.fail(error);
+    }
     const Outcome ending = session.close();
     if (outcome == Outcome::done) outcome = ending;
     return outcome == Outcome::done && !output.isOpen() ? Outcome::failed : outcome;
@@ -171,6 +185,6 @@ int main(int argc, char** argv) {
     try {
         return static_cast<int>(runProgram(argc, argv, output, interrupt));
     } catch (const std::exception& error) {
-        return static_cast<int>(output.error({Outcome::failed, "failed", error.what(), "", 0}));
+        return static_cast<int>(output.error({Outcome::failed, "failed", error.what(), "", 0, ""}));
     }
 }

@@ -12,7 +12,7 @@ using Work = std::function<Outcome(Session&)>;
 
 /// A sub-command. `setUp` adds its arguments and further help to `options` and gives its work, which owns what the
 /// arguments are read into. Whatever can be seen to be wrong with the arguments alone, it complains about while the
-/// line is parsed (std::invalid_argument): before any reader is touched.
+/// line is parsed (std::invalid_argument): before any reader is touched. The work may throw qvl::Error.
 struct Command {
     const char* name;
     const char* summary;

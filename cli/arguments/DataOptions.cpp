@@ -60,11 +60,11 @@ void addDataOptions(Options& options, DataArguments& data) {
     });
 }
 
-short blockCountFromText(const std::string& text) {
-    if (text == "all") return kAllBlocks;
+int blockCountFromText(const std::string& text) {
+    if (text == "all") return qvl::kAllBlocks;
     int count = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
     if (error != std::errc() || end != text.data() + text.size() || count < 1 || count > kLastBlock + 1)
         throw std::invalid_argument("a number of blocks is 1 to 256, or \"all\"");
-    return static_cast<short>(count);
+    return count;
 }

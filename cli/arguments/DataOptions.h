@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-/// As a count of blocks: all up to the end of the tag or application.
-inline constexpr short kAllBlocks = 999;
 inline constexpr int kLastBlock = 255;
 
 /// Bytes for a tag, given in one of three ways.
@@ -19,4 +17,4 @@ struct DataArguments {
 void addDataOptions(Options& options, DataArguments& data);
 
 /// A number of blocks, or "all". @throws std::invalid_argument.
-short blockCountFromText(const std::string& text);
+int blockCountFromText(const std::string& text);

@@ -40,6 +40,10 @@ Option Options::value(const char* name, short& value, const char* description) {
 Option Options::value(const char* name, int& value, const char* description) {
     return Option(*mApp.add_option(name, value, description));
 }
+Option Options::value(const char* name, std::optional<int>& value, const char* description) {
+    return Option(*mApp.add_option(name, value, description));
+}
+
 Option Options::value(const char* name, unsigned& value, const char* description) {
     return Option(*mApp.add_option(name, value, description));
 }
@@ -63,7 +67,7 @@ Option Options::text(const char* name, std::function<void(const std::string&)> t
     const auto read = [name, take = std::move(take)](const std::string& text) {
         try {
             take(text);
-        } catch (const std::invalid_argument& wrong) {
+        } catch (const std::exception& wrong) {
             throw CLI::ValidationError(name, wrong.what());
         }
     };
@@ -83,7 +87,7 @@ void Options::whenRead(std::function<void()> check) {
     mApp.callback([check = std::move(check)] {
         try {
             check();
-        } catch (const std::invalid_argument& wrong) {
+        } catch (const std::exception& wrong) {
             throw CLI::ValidationError(wrong.what());
         }
     });

@@ -52,25 +52,28 @@ class Options {
     Option flag(const char* name, std::function<void()> act, const char* description);
     Option value(const char* name, short& value, const char* description);
     Option value(const char* name, int& value, const char* description);
+    Option value(const char* name, std::optional<int>& value, const char* description);
     Option value(const char* name, unsigned& value, const char* description);
     Option value(const char* name, std::int64_t& value, const char* description);
     Option value(const char* name, double& value, const char* description);
     Option value(const char* name, std::optional<double>& value, const char* description);
     Option value(const char* name, std::string& value, const char* description);
     Option value(const char* name, std::vector<std::string>& values, const char* description);
-    /// A text that `take` reads. What it throws as std::invalid_argument becomes a complaint about this option.
+    /// A text that `take` reads. What it throws becomes a complaint about this option.
     Option text(const char* name, std::function<void(const std::string&)> take, const char* description);
     /// One of some words, each of which stands for a value. `target` is one such value, or an optional one.
     template <typename Value, typename Target>
     Option choice(const char* name, Target& target, const std::map<std::string, Value>& words, bool ignoreCase,
                   const std::string& description) {
-        const std::map<std::string, int> numbers(words.begin(), words.end());
+        std::map<std::string, int> numbers;
+        for (const auto& [word, value] : words)
+            numbers.emplace(word, static_cast<int>(value));
         const auto store = [&target](int number) { target = static_cast<Value>(number); };
         return addChoice(name, store, numbers, ignoreCase, description);
     }
 
     void footer(const char* text);
-    /// Runs `check` once all values are stored. What it throws as std::invalid_argument becomes a complaint.
+    /// Runs `check` once all values are stored. What it throws becomes a complaint.
     void whenRead(std::function<void()> check);
 
     CLI::App& app() const { return mApp; }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "Records.h"
 #include "TagAccess.h"
 
 inline constexpr int kLastSector = 39;
@@ -8,7 +7,7 @@ inline constexpr int kLastSector = 39;
 /// Sectors that a command changes: a run of the tag's, or all of an application.
 struct SectorPlace {
     int sector = -1;
-    short count = 1;
+    int count = 1;
 
     /// @throws std::invalid_argument unless the line says just one of the two.
     void check(const TagAccess& access) const;
@@ -16,6 +15,3 @@ struct SectorPlace {
 
 /// --count and --app.
 void addSectorCount(Options& options, SectorPlace& place, TagAccess& access);
-
-/// Says which sectors were changed, `what` being what they have got, or what went wrong.
-Outcome tellSectors(Session& session, int status, const Records& records, const char* what);

@@ -1,17 +1,13 @@
 // "access": the conditions of blocks and trailers, and what they mean.
 
-#include "AccessText.h"
 #include "Command.h"
 #include "DataOptions.h"
 #include "Progress.h"
-#include "Records.h"
+#include "ResultsText.h"
 #include "SectorPlace.h"
-#include "ServiceStatus.h"
 #include "TagAccess.h"
-#include "TagLayout.h"
 #include "Text.h"
 
-#include <array>
 #include <map>
 #include <memory>
 #include <optional>
@@ -21,38 +17,36 @@
 
 namespace {
 
-constexpr short kDataBlockKind = 2051;
 constexpr int kSmallGroups = 3;
 
 struct AccessArguments {
     TagAccess access;
     SectorPlace place;
-    std::optional<Key> keyA, keyB;
+    std::optional<qvl::Key> keyA, keyB;
     int block = 0;
-    DataAccControl condition = AccInvalid;
-    std::optional<AuthKeyMode> keyMode;
+    qvl::DataAccess condition = qvl::DataAccess::open;
+    std::optional<qvl::KeyType> keyType;
     std::vector<std::string> words;  // [SECTOR] STATE
 };
 
-using Conditions = std::array<DataAccControl, 4>;
-
 /// "block 4" or "blocks 128-132": what a group is on the tag, or in an application its indices.
-std::string groupText(const TagLayout& layout, bool inApp, int sector, int group) {
+std::string groupText(const qvl::Geometry& layout, bool inApp, int sector, int group) {
     const int size = inApp ? 1 : layout.groupSize(sector);
     const int first = (inApp ? sector * kSmallGroups : layout.firstBlock(sector)) + group * size;
     if (size == 1) return "block " + std::to_string(first);
     return "blocks " + std::to_string(first) + "-" + std::to_string(first + size - 1);
 }
 
-void tellSector(Session& session, const TagLayout& layout, bool inApp, int sector, const Conditions& conditions) {
-    const TrailerRule& trailer = trailerRule(conditions[kSmallGroups]);
+void tellSector(Session& session, const qvl::Geometry& layout, bool inApp, int sector,
+                const qvl::SectorAccess& access) {
+    const qvl::TrailerRule& trailer = qvl::rule(access.trailer);
     Json object{{inApp ? "position" : "sector", sector}};
     Json blocks = Json::array();
     std::vector<std::vector<std::string>> rows{
         {(inApp ? "Position " : "Sector ") + std::to_string(sector), "", "read", "write", "increment", "decrement"}};
     for (int group = 0; group < kSmallGroups; ++group) {
-        const DataRule& rule = dataRule(conditions[static_cast<std::size_t>(group)]);
-        const auto who = [&](Who named) { return whoText(trailer.inEffect(named)); };
+        const qvl::DataRule& rule = qvl::rule(access.data[static_cast<std::size_t>(group)]);
+        const auto who = [&](qvl::Who named) { return qvl::name(trailer.inEffect(named)); };
         const std::string name = groupText(layout, inApp, sector, group);
         rows.push_back(
             {name, rule.bits, who(rule.read), who(rule.write), who(rule.increment), who(rule.decrement), rule.word});
@@ -64,8 +58,8 @@ void tellSector(Session& session, const TagLayout& layout, bool inApp, int secto
                               {"increment", who(rule.increment)},
                               {"decrement", who(rule.decrement)}});
     }
-    const auto who = [&](Who named) { return whoText(trailer.inEffect(named)); };
-    rows.push_back({"key A", trailer.bits, whoText(nobody), who(trailer.writeKeyA)});
+    const auto who = [&](qvl::Who named) { return qvl::name(trailer.inEffect(named)); };
+    rows.push_back({"key A", trailer.bits, qvl::name(qvl::Who::nobody), who(trailer.writeKeyA)});
     rows.push_back({"access bits", "", who(trailer.readAccess), who(trailer.writeAccess)});
     rows.push_back({"key B", "", who(trailer.readKeyB), who(trailer.writeKeyB)});
     object.add("blocks", blocks);
@@ -81,33 +75,33 @@ void tellSector(Session& session, const TagLayout& layout, bool inApp, int secto
     session.output().put(object, text);
 }
 
-int conditionsOf(Session& session, const TagAccess& access, const TagUID& tag, int sector, Conditions& conditions) {
-    return session.adaptor().getSectorAccessMode(0, access.appType(), tag, access.appIdOr(sector), access.keyMode,
-                                                 access.key.data(), static_cast<short>(sector), conditions.data(),
-                                                 access.madKeyMode, access.madKeyBytes());
-}
+/// The end of an application shows by asking beyond it.
+bool isEnd(const qvl::Error& error, int sector) { return error.status() == kOutOfRange && sector > 0; }
 
 /// One sector, or all of them: then one that cannot be read does not hide the others.
-Outcome showAccess(Session& session, const AccessArguments& arguments, const TagUID& tag) {
-    const auto layout = TagLayout::of(tag.getTagType());
-    if (!layout || !layout->hasTrailers) return session.fail(kNoTrailers, typeText(tag));
+Outcome showAccess(Session& session, const AccessArguments& arguments, const qvl::Tag& tag, const qvl::Memory& memory) {
+    const auto geometry = tag.geometry();
+    if (!geometry || !geometry->hasTrailers)
+        return session.fail({qvl::Reason::notPermitted, kNoTrailers, qvl::statusInfo(kNoTrailers).meaning},
+                            tag.typeName());
     const bool all = arguments.place.sector < 0, inApp = arguments.access.app.has_value();
-    const int first = all ? 0 : arguments.place.sector, end = all ? layout->sectors : first + 1;
+    const int first = all ? 0 : arguments.place.sector, end = all ? geometry->sectors : first + 1;
     Progress progress(session, "Sector", end - first);
-    Outcome outcome = Outcome::done;
+    std::vector<int> refused;
+    std::optional<qvl::Error> refusal;
     for (int sector = first; sector < end; ++sector) {
-        if (!progress.begins(sector - first)) return session.fail(kCancelled);
-        Conditions conditions{};
-        const int status = conditionsOf(session, arguments.access, tag, sector, conditions);
-        if (status == kOutOfRange && all && sector > 0) break;  // The application ends here.
-        const std::string name = (inApp ? "position " : "sector ") + std::to_string(sector);
-        if (status == kOk)
-            tellSector(session, *layout, inApp, sector, conditions);
-        else
-            outcome = session.fail(status, name);
-        if (status != kOk && status != kTrailerNotRead && status != kAccessRefused) break;
+        progress.begins(sector - first);
+        try {
+            tellSector(session, *geometry, inApp, sector,
+                       memory.access(sector, arguments.access.login, session.limit()));
+        } catch (const qvl::Error& error) {
+            if (all && inApp && isEnd(error, sector)) break;
+            if (error.reason() != qvl::Reason::wrongKey && error.reason() != qvl::Reason::notPermitted) throw;
+            refused.push_back(sector);
+            refusal = error;
+        }
     }
-    return outcome;
+    return refusal ? session.fail(*refusal, named(inApp ? "position" : "sector", refused)) : Outcome::done;
 }
 
 Work setUpShow(Options& options) {
@@ -121,20 +115,17 @@ Work setUpShow(Options& options) {
     options.footer("The table says which key allows what. Key A can never be read.\n\n"
                    "Example: qvltag access show 0 --key mad");
     return [arguments](Session& session) {
-        return onTag(session, arguments->access,
-                     [&](const TagUID& tag) { return showAccess(session, *arguments, tag); });
+        const TagAccess& access = arguments->access;
+        const qvl::Tag tag = findTag(session, access);
+        return access.app ? showAccess(session, *arguments, tag, tag.application(*access.app, access.directory))
+                          : showAccess(session, *arguments, tag, tag);
     };
 }
 
-Outcome setBlock(Session& session, const AccessArguments& arguments, const TagUID& tag) {
-    const TagAccess& access = arguments.access;
-    const int status =
-        session.adaptor().setDataBlockType(0, access.appType(), access.appId(), tag, arguments.keyA->data(),
-                                           arguments.keyB->data(), static_cast<short>(arguments.block), kDataBlockKind,
-                                           arguments.condition, 0, access.madKeyMode, access.madKeyBytes());
+Outcome setBlock(Session& session, const AccessArguments& arguments, const qvl::Memory& memory) {
+    memory.setAccess(arguments.block, arguments.condition, {*arguments.keyA, *arguments.keyB}, session.limit());
     const std::string name = "block " + std::to_string(arguments.block);
-    if (status != kOk) return session.fail(status, name);
-    const DataRule& rule = dataRule(arguments.condition);
+    const qvl::DataRule& rule = qvl::rule(arguments.condition);
     session.output().put({{"block", arguments.block}, {"condition", rule.bits}, {"word", rule.word}},
                          name + " is cleared and " + rule.word + " (" + rule.bits + ")");
     return Outcome::done;
@@ -152,8 +143,9 @@ Work setUpBlock(Options& options) {
         .text(
             "CODE",
             [arguments](const std::string& text) {
-                arguments->condition = dataConditionFromText(text);
-                if (arguments->condition == AccData110 || arguments->condition == AccData001)
+                arguments->condition = qvl::parseDataAccess(text);
+                if (arguments->condition == qvl::DataAccess::value ||
+                    arguments->condition == qvl::DataAccess::decrementOnly)
                     throw std::invalid_argument("a value block needs an amount: use \"value init\"");
             },
             "read-only (010), write-b (100), only-b (011), read-only-b (101),\nlocked (111) or open (000)")
@@ -164,20 +156,25 @@ Work setUpBlock(Options& options) {
     options.footer("The block is zeroed. In a sector of sixteen blocks the condition reaches a group of five.\n"
                    "Key B has to be one that may write the trailer.");
     return [arguments](Session& session) {
-        return onTag(session, arguments->access, [&](const TagUID& tag) { return setBlock(session, *arguments, tag); });
+        return onMemory(session, arguments->access,
+                        [&](const qvl::Memory& memory) { return setBlock(session, *arguments, memory); });
     };
 }
 
-Outcome setSectors(Session& session, const AccessArguments& arguments, const TagUID& tag) {
+Outcome setSectors(Session& session, const AccessArguments& arguments) {
+    using qvl::KeyType, qvl::TrailerAccess;
     const TagAccess& access = arguments.access;
+    const SectorPlace& place = arguments.place;
     const bool factory = arguments.words.back() == "factory";
-    const AuthKeyMode mode = arguments.keyMode.value_or(factory ? AuthKeyB : AuthKeyA);
-    Records records(session.adaptor());
-    const int status = session.adaptor().setTrailerBlockType(
-        0, access.appType(), access.appIdOr(arguments.place.sector), tag, mode, arguments.keyA->data(),
-        arguments.keyB->data(), factory ? AccTrailer001 : AccTrailer011, access.madKeyMode, access.madKeyBytes(),
-        arguments.place.count, records.count(), records.list());
-    return tellSectors(session, status, records, arguments.words.back().c_str());
+    const KeyType type = arguments.keyType.value_or(factory ? KeyType::b : KeyType::a);
+    const TrailerAccess wanted = factory ? TrailerAccess::bits001 : TrailerAccess::bits011;
+    const qvl::KeyPair keys{*arguments.keyA, *arguments.keyB};
+    const qvl::Tag tag = findTag(session, access);
+    return tellSectors(
+        session,
+        access.app ? tag.application(*access.app, access.directory).setTrailers(wanted, keys, type, session.limit())
+                   : tag.setTrailers(place.sector, place.count, wanted, keys, type, session.limit()),
+        arguments.words.back());
 }
 
 void readWords(AccessArguments& arguments) {
@@ -206,17 +203,14 @@ Work setUpSet(Options& options) {
     addSectorCount(options, arguments->place, arguments->access);
     addBothKeys(options, *arguments);
     options
-        .choice<AuthKeyMode>("--key-type", arguments->keyMode, {{"a", AuthKeyA}, {"b", AuthKeyB}}, true,
-                             "Which of the two opens the sector, a or b; a for formatted,\nb for factory by default")
+        .choice("--key-type", arguments->keyType, kKeyTypes, true,
+                "Which of the two opens the sector, a or b; a for formatted,\nb for factory by default")
         .type("TYPE");
     addUidOption(options, arguments->access);
     options.footer("All blocks of the sectors get the same condition; their data stays.\n\n"
                    "Example: qvltag access set 5 formatted --key-a factory --key-b factory");
     options.whenRead([arguments] { readWords(*arguments); });
-    return [arguments](Session& session) {
-        return onTag(session, arguments->access,
-                     [&](const TagUID& tag) { return setSectors(session, *arguments, tag); });
-    };
+    return [arguments](Session& session) { return setSectors(session, *arguments); };
 }
 
 }  // namespace

@@ -1,15 +1,12 @@
 // "apdu": commands to a smart card, from the line, a script, a pipe or a keyboard, and what the card answers.
 
-#include "ApduExchange.h"
 #include "ApduText.h"
 #include "AtsText.h"
-#include "CardSession.h"
 #include "Command.h"
+#include "ErrorText.h"
 #include "InputLines.h"
-#include "NdefFile.h"
-#include "NdefMessage.h"
-#include "QvlTcl.h"
-#include "ServiceStatus.h"
+#include "NdefText.h"
+#include "StatusWords.h"
 #include "TagAccess.h"
 #include "Terminal.h"
 #include "Text.h"
@@ -22,10 +19,11 @@
 
 namespace {
 
-using Bytes = CardSession::Bytes;
+using Bytes = qvl::Bytes;
 
 constexpr int kHighestNad = 0xFF;
 constexpr double kShortestWaitSeconds = 0.001, kLongestWaitSeconds = 86'400;
+constexpr const char* kCardPrompt = "Hold a card to the reader, Ctrl-C cancels";
 constexpr std::size_t kLongestLine = 4 * kLongestApdu;
 
 struct ApduArguments {
@@ -33,7 +31,7 @@ struct ApduArguments {
     std::vector<std::string> words;
     std::string script;
     std::optional<std::vector<Bytes>> commands;  // None for those of standard input.
-    CardSession::Options options;
+    qvl::SendOptions options;
     std::optional<double> timeoutSeconds;
     int nad = 0;
     bool follow = false;
@@ -41,37 +39,35 @@ struct ApduArguments {
     bool ndef = false;
 };
 
-void tellCard(Output& output, const CardSession::Card& card) {
-    Json object{{"card", hexDigits(card.uid)}};
-    std::vector<std::pair<std::string, std::string>> rows{{"Card", hexDigits(card.uid)}};
-    if (card.cid) {
-        object.add("cid", *card.cid);
-        object.add("ats", hexDigits(card.ats));
-        rows.emplace_back("CID", std::to_string(*card.cid));
-        rows.emplace_back("ATS", hexDigits(card.ats));
-        if (const auto ats = atsText(card.ats)) {
-            object.add("frameSize", ats->frameSize);
-            object.add("takesCid", ats->takesCid);
-            object.add("takesNad", ats->takesNad);
-            object.add("historical", hexDigits(ats->historical));
-            rows.back().second += "  (frames of " + std::to_string(ats->frameSize) + " bytes, " +
-                                  (ats->takesCid ? "CID" : "no CID") + ", " + (ats->takesNad ? "NAD" : "no NAD") + ")";
-            if (!ats->historical.empty())
-                rows.emplace_back("Historical", hexDigits(ats->historical) + "  " + printable(ats->historical));
-        }
-    } else {
-        rows.back().second += "  (another card answered first; the first command wakes this one)";
+void tellCard(Output& output, const qvl::Card& card) {
+    Json object{{"card", card.uid().text()}, {"cid", card.number()}, {"ats", hexDigits(card.ats())}};
+    std::vector<std::pair<std::string, std::string>> rows{
+        {"Card", card.uid().text()}, {"CID", std::to_string(card.number())}, {"ATS", hexDigits(card.ats())}};
+    if (const auto ats = atsText(card.ats())) {
+        object.add("frameSize", ats->frameSize);
+        object.add("takesCid", ats->takesCid);
+        object.add("takesNad", ats->takesNad);
+        object.add("historical", hexDigits(ats->historical));
+        rows.back().second += "  (frames of " + std::to_string(ats->frameSize) + " bytes, " +
+                              (ats->takesCid ? "CID" : "no CID") + ", " + (ats->takesNad ? "NAD" : "no NAD") + ")";
+        if (!ats->historical.empty())
+            rows.emplace_back("Historical", hexDigits(ats->historical) + "  " + printable(ats->historical));
     }
     output.put(object, alignedRows(rows));
 }
 
+/// What a card answered: an APDU's answer, or with --raw bytes without a status word.
+struct Answer {
+    Bytes data;
+    std::optional<StatusWord> statusWord;
+    std::vector<Bytes> followUps;
+};
+
 /// Sends commands one after the other, tells of each, and keeps in mind how it went.
 class Dialogue {
   public:
-    Dialogue(Session& session, CardSession& card, const ApduArguments& arguments)
-        : mSession(session), mCard(card), mArguments(arguments) {
-        showPromptIf(arguments.options.retry || !card.card().cid);
-    }
+    Dialogue(Session& session, qvl::Card& card, const ApduArguments& arguments)
+        : mSession(session), mCard(card), mArguments(arguments) {}
 
     Outcome sendAll(const std::vector<Bytes>& commands);
     Outcome sendInput();
@@ -79,17 +75,14 @@ class Dialogue {
   private:
     /// @return whether a script may go on.
     bool send(const Bytes& command);
-    void tell(const Bytes& command, const ApduExchange& exchange);
-    /// On a terminal the prompt would flash up with each command. Only a card that has to be woken may need it.
-    void showPromptIf(bool mayWait) {
-        if (terminal::isThere()) mSession.mutePrompt(!mayWait);
-    }
+    Answer exchange(const Bytes& command);
+    void tell(const Bytes& command, const Answer& answer);
     /// @return whether the end was requested, which is told.
     bool isCancelled();
     bool goesOn() { return mSession.output().isOpen() && !isCancelled(); }
 
     Session& mSession;
-    CardSession& mCard;
+    qvl::Card& mCard;
     const ApduArguments& mArguments;
     std::size_t mNumber = 0;
     Outcome mOutcome = Outcome::done;
@@ -97,52 +90,63 @@ class Dialogue {
 
 bool Dialogue::isCancelled() {
     if (!mSession.interrupt().requested()) return false;
-    mOutcome =
-        mSession.output().error({Outcome::failed, "cancelled", "the end was requested before all was sent", "", 0});
+    mOutcome = mSession.output().error({Outcome::failed, "cancelled", "the end was requested before all was sent", "",
+                                        0, qvl::name(qvl::Reason::cancelled)});
     return true;
 }
 
-void Dialogue::tell(const Bytes& command, const ApduExchange& exchange) {
+void Dialogue::tell(const Bytes& command, const Answer& answer) {
     Json object{{"command", hexDigits(command)}};
     std::string text = dumpRows("> ", command);
     std::vector<std::string> followUps;
-    for (const Bytes& each : exchange.followUps) {
+    for (const Bytes& each : answer.followUps) {
         followUps.push_back(hexDigits(each));
-        text += "\n" + dumpRows("> ", each);
+        text += '\n';
+        text += dumpRows("> ", each);
     }
     if (!followUps.empty()) object.add("followUps", followUps);
-    Bytes data = exchange.data;
-    if (mArguments.options.raw && exchange.statusWord)
-        data.insert(data.end(), {sw1(*exchange.statusWord), sw2(*exchange.statusWord)});
-    object.add("data", hexDigits(data));
-    if (!data.empty()) text += "\n" + dumpRows("< ", data);
-    if (exchange.lost > 0) object.add("lost", exchange.lost);
-    if (exchange.statusWord && !mArguments.options.raw) {
-        const std::uint8_t word[] = {sw1(*exchange.statusWord), sw2(*exchange.statusWord)};
-        const std::string meaning = statusWordText(*exchange.statusWord);
+    object.add("data", hexDigits(answer.data));
+    if (!answer.data.empty()) {
+        text += '\n';
+        text += dumpRows("< ", answer.data);
+    }
+    if (answer.statusWord) {
+        const std::uint8_t word[] = {sw1(*answer.statusWord), sw2(*answer.statusWord)};
+        const std::string meaning = statusWordText(*answer.statusWord);
         object.add("sw", hexDigits(word));
         object.add("meaning", meaning);
-        object.add("fine", isFine(*exchange.statusWord));
+        object.add("fine", isFine(*answer.statusWord));
         text += "\n< " + hexDigits(word) + "  " + meaning;
-    } else if (data.empty()) {
+    } else if (answer.data.empty()) {
         text += "\n< (nothing)";
     }
     mSession.output().put(object, text);
 }
 
+Answer Dialogue::exchange(const Bytes& command) {
+    if (mArguments.follow) {
+        qvl::ApduAnswer answer = mCard.exchange(command, mSession.limit(), mArguments.options);
+        return {std::move(answer.data), answer.statusWord(), std::move(answer.followUps)};
+    }
+    constexpr std::size_t kStatusWord = 2;
+    Bytes bytes = mCard.transmit(command, mSession.limit(), mArguments.options);
+    const auto word = mArguments.options.raw ? std::nullopt : statusWordOf(bytes);
+    if (word) bytes.resize(bytes.size() - kStatusWord);
+    return {std::move(bytes), word, {}};
+}
+
 bool Dialogue::send(const Bytes& command) {
     ++mNumber;
-    const ApduExchange exchange = exchangeApdu(mCard, command, mArguments.follow);
-    const bool hasRest = exchange.status == kTclRestPending;
-    showPromptIf(mArguments.options.retry || (exchange.status != kOk && !hasRest));
-    if (exchange.status == kOk || !exchange.data.empty()) tell(command, exchange);
-    if (exchange.status != kOk) {
-        mOutcome = mSession.fail(exchange.status, "command " + std::to_string(mNumber));
-        return hasRest && !mArguments.stopOnError;
+    try {
+        const Answer answer = exchange(command);
+        tell(command, answer);
+        if (mArguments.options.raw || (answer.statusWord && isFine(*answer.statusWord))) return true;
+        mOutcome = Outcome::failed;
+        return !mArguments.stopOnError;
+    } catch (const qvl::Error& error) {
+        mOutcome = mSession.fail(error, "command " + std::to_string(mNumber));
+        return error.status() == kTclRestPending && !mArguments.stopOnError;
     }
-    if (mArguments.options.raw || (exchange.statusWord && isFine(*exchange.statusWord))) return true;
-    mOutcome = Outcome::failed;
-    return !mArguments.stopOnError;
 }
 
 Outcome Dialogue::sendAll(const std::vector<Bytes>& commands) {
@@ -171,7 +175,7 @@ Outcome Dialogue::sendInput() {
         } catch (const std::invalid_argument& wrong) {
             const Outcome refused = mSession.output().error(
                 {Outcome::usage, "usage", (isInteractive ? "" : "line " + std::to_string(number) + ": ") + wrong.what(),
-                 "Example: 00 A4 04 00 07 D2760000850101 00", 0});
+                 "Example: 00 A4 04 00 07 D2760000850101 00", 0, ""});
             if (!isInteractive) return refused;
         }
     }
@@ -179,41 +183,41 @@ Outcome Dialogue::sendInput() {
     return mOutcome;
 }
 
-Outcome tellNdef(Session& session, CardSession& card) {
-    Bytes message;
-    if (const Outcome outcome = readNdefMessage(session, card, message); outcome != Outcome::done) return outcome;
-    if (message.empty()) session.output().note("the NDEF message is empty");
+Outcome tellNdef(Session& session, qvl::Card& card) {
+    const Bytes message = qvl::readNdef(card, session.limit());
+    if (message.empty()) {
+        session.output().note("the NDEF message is empty");
+        return Outcome::done;
+    }
     try {
         std::size_t number = 0;
-        if (!message.empty())
-            for (const NdefRecord& each : ndefRecords(message))
-                tellNdefRecord(session.output(), ++number, each);
-    } catch (const std::invalid_argument& wrong) {
-        return session.output().error({Outcome::failed, "no NDEF message",
-                                       std::string("the message is not sound: ") + wrong.what(),
-                                       "The bytes are " + hexDigits(message) + ".", 0});
+        for (const qvl::NdefRecord& each : qvl::NdefMessage::parse(message).records)
+            tellNdefRecord(session.output(), ++number, each);
+    } catch (const qvl::Error& error) {
+        Problem problem = problemOf(error);
+        problem.advice = "The bytes are " + hexDigits(message) + ".";
+        return session.output().error(problem, "NDEF message");
     }
     return Outcome::done;
 }
 
 Outcome talk(Session& session, const ApduArguments& arguments) {
-    CardSession card(session, arguments.options);
-    const auto timeout = fromSeconds(arguments.timeoutSeconds.value_or(0));
-    // The wait for a card has a time of its own, waking one has not.
-    if (arguments.timeoutSeconds) session.adaptor().resetSuspendTime(static_cast<std::uint32_t>(timeout.count()));
-    if (const int status = card.waitForCard(arguments.access.uid, timeout); status != kOk)
-        return session.fail(status, "waiting for a card");
-    tellCard(session.output(), card.card());
+    const qvl::Limit limit =
+        arguments.timeoutSeconds ? session.limit(fromSeconds(*arguments.timeoutSeconds), kCardPrompt) : session.limit();
+    qvl::Card card = session.reader().waitForCard(arguments.access.uid, limit);
+    tellCard(session.output(), card);
     Outcome outcome = Outcome::done;
     if (arguments.ndef) {
-        if (card.card().cid) session.mutePrompt(true);
         outcome = tellNdef(session, card);
     } else {
         Dialogue dialogue(session, card, arguments);
         outcome = arguments.commands ? dialogue.sendAll(*arguments.commands) : dialogue.sendInput();
     }
-    if (const int status = card.close(); status != kOk && outcome == Outcome::done)
-        outcome = session.fail(status, "deselecting the card");
+    try {
+        card.close();
+    } catch (const qvl::Error& error) {
+        if (outcome == Outcome::done) outcome = session.fail(error, "deselecting the card");
+    }
     return outcome;
 }
 

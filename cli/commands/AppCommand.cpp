@@ -1,11 +1,7 @@
 // "app": applications as a whole.
 
-#include "AccessText.h"
 #include "AppData.h"
 #include "Command.h"
-#include "DataOptions.h"
-#include "Records.h"
-#include "ServiceStatus.h"
 #include "TagAccess.h"
 #include "Text.h"
 
@@ -21,13 +17,13 @@ constexpr int kMostAppSectors = 15;
 struct AppArguments {
     TagAccess access;
     std::optional<std::uint16_t> id;  // of an application that need not be there yet
-    std::optional<Key> directoryKeyB, sectorKeyB, newKeyA, newKeyB;
-    DataAccControl condition = AccData100;
-    short from = 0;
-    short count = 0;
+    std::optional<qvl::Key> directoryKeyB, sectorKeyB, newKeyA, newKeyB;
+    qvl::DataAccess condition = qvl::DataAccess::writeB;
+    int from = 0;
+    int count = 0;
 };
 
-void addCount(Options& options, const char* name, short& count, const char* description) {
+void addCount(Options& options, const char* name, int& count, const char* description) {
     options.value(name, count, description).required().type("").range(1, kMostAppSectors);
 }
 
@@ -35,24 +31,28 @@ void addDirectoryKey(Options& options, AppArguments& arguments) {
     addKeyOption(options, "--mad-key-b", arguments.directoryKeyB, "Key B of the directory, which writes it").required();
 }
 
-/// The two operations that give sectors differ in one thing: whether the application is there already.
-using GiveSectors = decltype(&ReaderImpl::initApp);
+qvl::KeyPair newKeys(const AppArguments& arguments) { return {*arguments.newKeyA, *arguments.newKeyB}; }
 
-Outcome giveSectors(Session& session, const AppArguments& arguments, const TagUID& tag, GiveSectors give) {
-    Records records(session.adaptor());
-    int finished = 0;
-    const std::uint16_t id = arguments.id ? *arguments.id : *arguments.access.app;
-    const int status = (session.adaptor().*give)(0, TagAppMad1, static_cast<short>(id), arguments.directoryKeyB->data(),
-                                                 bytesOrNull(arguments.sectorKeyB), 0, arguments.count, tag,
-                                                 arguments.newKeyA->data(), arguments.newKeyB->data(),
-                                                 arguments.condition, finished, records.count(), records.list());
-    if (status != kOk) return failWithRecords(session, status, "sector", records.all(), appText(id));
-    std::vector<int> sectors;
-    for (const OpResultCode& each : records.all())
-        if (each.status == kOk) sectors.push_back(each.number);
+Outcome tellGiven(Session& session, std::uint16_t id, const std::vector<int>& sectors) {
     session.output().put({{"app", appText(id)}, {"sectors", sectors}},
                          "application " + appText(id) + " now has " + named("sector", sectors));
     return Outcome::done;
+}
+
+Outcome createApp(Session& session, const AppArguments& arguments) {
+    const qvl::Tag tag = findTag(session, arguments.access);
+    const qvl::Application app =
+        tag.createApplication(*arguments.id, arguments.count, *arguments.directoryKeyB, newKeys(arguments),
+                              arguments.sectorKeyB, arguments.condition, session.limit());
+    return tellGiven(session, *arguments.id, app.sectors(session.limit()));
+}
+
+Outcome addToApp(Session& session, const AppArguments& arguments) {
+    const std::uint16_t id = *arguments.access.app;
+    const qvl::Application app = findTag(session, arguments.access).application(id, arguments.access.directory);
+    return tellGiven(session, id,
+                     app.addSectors(arguments.count, *arguments.directoryKeyB, newKeys(arguments), arguments.sectorKeyB,
+                                    arguments.condition, session.limit()));
 }
 
 void addGivingOptions(Options& options, AppArguments& arguments) {
@@ -64,42 +64,34 @@ void addGivingOptions(Options& options, AppArguments& arguments) {
     addKeyOption(options, "--new-key-b", arguments.newKeyB, "Key B of these sectors from then on").required();
     options
         .text(
-            "--access", [&arguments](const std::string& text) { arguments.condition = dataConditionFromText(text); },
+            "--access", [&arguments](const std::string& text) { arguments.condition = qvl::parseDataAccess(text); },
             "Who may do what with the blocks, as \"access block\" has it;\nwrite-b by default")
         .type("CODE");
     addUidOption(options, arguments.access);
 }
 
-Outcome takeSectors(Session& session, const AppArguments& arguments, const TagUID& tag) {
+Outcome takeSectors(Session& session, const AppArguments& arguments) {
     const TagAccess& access = arguments.access;
-    std::vector<int> statuses(static_cast<std::size_t>(arguments.count));
-    const int status = session.adaptor().removeAppSector(0, TagAppMad1, access.appId(), arguments.directoryKeyB->data(),
-                                                         0, arguments.from, arguments.count, tag, access.keyMode,
-                                                         access.key.data(), bytesOrNull(arguments.newKeyA),
-                                                         bytesOrNull(arguments.newKeyB), statuses.data());
+    const qvl::Application app = findTag(session, access).application(*access.app, access.directory);
+    app.removeSectors(arguments.from, arguments.count, *arguments.directoryKeyB, access.login, arguments.newKeyA,
+                      arguments.newKeyB, session.limit());
     const std::string id = appText(*access.app);
-    if (status == kOk) {
-        session.output().put({{"app", id}, {"removed", arguments.count}},
-                             "application " + id + ": " + counted(static_cast<std::size_t>(arguments.count), "sector") +
-                                 " removed");
-        return Outcome::done;
-    }
-    std::vector<OpResultCode> records;
-    for (std::size_t i = 0; i < statuses.size() && statuses[i] != 0; ++i)
-        records.push_back({static_cast<short>(arguments.from + static_cast<short>(i)), statuses[i]});
-    return failWithRecords(session, status, "position", records, id);
+    session.output().put({{"app", id}, {"removed", arguments.count}},
+                         "application " + id + ": " + counted(static_cast<std::size_t>(arguments.count), "sector") +
+                             " removed");
+    return Outcome::done;
 }
 
 void addTakingOptions(Options& options, AppArguments& arguments) {
-    arguments.access.keyMode = AuthKeyB;
+    arguments.access.login.type = qvl::KeyType::b;
     addDirectoryKey(options, arguments);
     options
         .text(
-            "--key", [&arguments](const std::string& text) { arguments.access.key = keyFromText(text); },
+            "--key", [&arguments](const std::string& text) { arguments.access.login.key = keyFromText(text); },
             "Key of the sectors that may write their trailers")
         .type("KEY")
         .required();
-    addKeyTypeOption(options, arguments.access.keyMode, "b by default");
+    addKeyTypeOption(options, arguments.access.login.type, "b by default");
     addKeyOption(options, "--new-key-a", arguments.newKeyA, "Key A of the freed sectors; mad by default");
     addKeyOption(options, "--new-key-b", arguments.newKeyB, "Key B of the freed sectors; as --mad-key-b by default");
     addUidOption(options, arguments.access);
@@ -108,8 +100,7 @@ void addTakingOptions(Options& options, AppArguments& arguments) {
 
 /// The directory is read with the key that is there to write it: it always may.
 void readWithDirectoryKey(AppArguments& arguments) {
-    arguments.access.madKey = arguments.directoryKeyB;
-    arguments.access.madKeyMode = AuthKeyB;
+    arguments.access.directory = {*arguments.directoryKeyB, qvl::KeyType::b};
 }
 
 Work setUpInit(Options& options) {
@@ -117,10 +108,7 @@ Work setUpInit(Options& options) {
     addAppId(options, arguments->id);
     addGivingOptions(options, *arguments);
     options.footer("Example: qvltag app init 4711 2 --mad-key-b @master.key --new-key-a @door.a --new-key-b @door.b");
-    return [arguments](Session& session) {
-        return onTag(session, arguments->access,
-                     [&](const TagUID& tag) { return giveSectors(session, *arguments, tag, &ReaderImpl::initApp); });
-    };
+    return [arguments](Session& session) { return createApp(session, *arguments); };
 }
 
 Work setUpAdd(Options& options) {
@@ -129,20 +117,13 @@ Work setUpAdd(Options& options) {
     addGivingOptions(options, *arguments);
     options.footer("Only sectors above those that the application has are used.");
     options.whenRead([arguments] { readWithDirectoryKey(*arguments); });
-    return [arguments](Session& session) {
-        return onTag(session, arguments->access, [&](const TagUID& tag) {
-            return giveSectors(session, *arguments, tag, &ReaderImpl::addAppSector);
-        });
-    };
+    return [arguments](Session& session) { return addToApp(session, *arguments); };
 }
 
 Work takingWork(Options& options, const std::shared_ptr<AppArguments>& arguments) {
     addTakingOptions(options, *arguments);
     options.whenRead([arguments] { readWithDirectoryKey(*arguments); });
-    return [arguments](Session& session) {
-        return onTag(session, arguments->access,
-                     [&](const TagUID& tag) { return takeSectors(session, *arguments, tag); });
-    };
+    return [arguments](Session& session) { return takeSectors(session, *arguments); };
 }
 
 Work setUpRemove(Options& options) {

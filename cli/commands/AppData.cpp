@@ -1,10 +1,7 @@
 #include "AppData.h"
 
-#include "BlockText.h"
 #include "DataOptions.h"
-#include "FromLibrary.h"
-#include "Records.h"
-#include "ServiceStatus.h"
+#include "ResultsText.h"
 #include "TagAccess.h"
 #include "Text.h"
 
@@ -18,20 +15,16 @@
 
 namespace {
 
-constexpr std::size_t kDirectoryWords = 16;
 constexpr std::size_t kBlockSize = 16;
 constexpr std::uint16_t kFree = 0, kDefect = 1;
 constexpr std::size_t kDataBlocks = 3;  // of a sector; the directory knows small ones only
 
-Outcome listApps(Session& session, const TagAccess& access, const TagUID& tag) {
-    std::array<short, kDirectoryWords> directory{};
-    const int status =
-        session.adaptor().getAppIdDir(0, TagAppMad1, tag, directory.data(), access.madKeyMode, access.madKeyBytes());
-    if (status != kOk) return session.fail(status);
+Outcome listApps(Session& session, const TagAccess& access) {
+    const auto directory = findTag(session, access).directory(access.directory, session.limit());
     std::vector<std::uint16_t> order;
     std::map<std::uint16_t, std::vector<int>> sectors;
     for (std::size_t sector = 1; sector < directory.size(); ++sector) {
-        const auto id = static_cast<std::uint16_t>(directory[sector]);
+        const std::uint16_t id = directory[sector];
         if (id > kDefect && !sectors.contains(id)) order.push_back(id);
         sectors[id].push_back(static_cast<int>(sector));
     }
@@ -58,43 +51,35 @@ Outcome listApps(Session& session, const TagAccess& access, const TagUID& tag) {
 struct AppDataArguments {
     TagAccess access;
     DataArguments data;
-    std::optional<std::vector<std::uint8_t>> fill;
+    std::optional<std::array<std::uint8_t, kBlockSize>> fill;
     std::string file;
 };
 
-Outcome readApp(Session& session, const AppDataArguments& arguments, const TagUID& tag) {
-    const TagAccess& access = arguments.access;
-    FromLibrary<std::uint8_t> data(session.adaptor());
-    Records records(session.adaptor());
-    int length = 0;
-    const int status = session.adaptor().getAppData(0, access.appType(), tag, access.appId(), access.keyMode,
-                                                    access.key.data(), data.out(), length, access.madKeyMode,
-                                                    access.madKeyBytes(), records.count(), records.list());
-    return tellData(session, status, {data.get(), static_cast<std::size_t>(data.get() ? length : 0)}, records.all(),
-                    arguments.file);
+qvl::Application findApp(Session& session, const TagAccess& access) {
+    return findTag(session, access).application(*access.app, access.directory);
 }
 
-Outcome writeApp(Session& session, AppDataArguments& arguments, const TagUID& tag) {
-    const TagAccess& access = arguments.access;
-    auto& bytes = arguments.data.bytes;
-    Records records(session.adaptor());
-    const int status = session.adaptor().setAppData(
-        0, access.appType(), tag, access.appId(), access.keyMode, access.key.data(), bytes.data(),
-        static_cast<int>(bytes.size()), access.madKeyMode, access.madKeyBytes(),
-        arguments.fill ? arguments.fill->data() : nullptr, records.count(), records.list());
-    const std::string id = appText(*access.app);
-    if (status != kOk) return failWithRecords(session, status, "block", records.all(), id);
-    session.output().put({{"app", id}, {"bytes", bytes.size()}, {"blocks", records.all().size()}},
+Outcome readApp(Session& session, const AppDataArguments& arguments) {
+    const qvl::Application app = findApp(session, arguments.access);
+    return tellBlocks(session, app.readAll(arguments.access.login, session.limit()), arguments.file);
+}
+
+Outcome writeApp(Session& session, const AppDataArguments& arguments) {
+    const auto& bytes = arguments.data.bytes;
+    const qvl::Application app = findApp(session, arguments.access);
+    const qvl::Results results = app.writeAll(bytes, arguments.access.login, arguments.fill, session.limit());
+    const std::string id = appText(*arguments.access.app);
+    if (!results.complete()) return tellResults(session, results, "block", id);
+    session.output().put({{"app", id}, {"bytes", bytes.size()}, {"blocks", results.list().size()}},
                          "application " + id + ": " + counted(bytes.size(), "byte") + " written, " +
-                             counted(records.all().size(), "block") + " in all");
+                             counted(results.list().size(), "block") + " in all");
     return Outcome::done;
 }
 
-std::vector<std::uint8_t> fillFromText(const std::string& text) {
-    auto bytes = bytesFromHex(text);
-    if (!bytes || bytes->size() != kBlockSize)
-        throw std::invalid_argument("what fills up is a block of 32 hexadecimal digits");
-    return *bytes;
+std::array<std::uint8_t, kBlockSize> fillFromText(const std::string& text) {
+    std::array<std::uint8_t, kBlockSize> block{};
+    if (!bytesFromHex(text, block)) throw std::invalid_argument("what fills up is a block of 32 hexadecimal digits");
+    return block;
 }
 
 }  // namespace
@@ -103,9 +88,7 @@ Work setUpAppLs(Options& options) {
     const auto access = std::make_shared<TagAccess>();
     addMadKeyOptions(options, *access);
     addUidOption(options, *access);
-    return [access](Session& session) {
-        return onTag(session, *access, [&](const TagUID& tag) { return listApps(session, *access, tag); });
-    };
+    return [access](Session& session) { return listApps(session, *access); };
 }
 
 Work setUpAppRead(Options& options) {
@@ -117,9 +100,7 @@ Work setUpAppRead(Options& options) {
     addUidOption(options, arguments->access);
     options.footer("Blocks are numbered within the application. Single ones: \"read BLOCK --app ID\".\n\n"
                    "Example: qvltag app read 4711 --key @door.a");
-    return [arguments](Session& session) {
-        return onTag(session, arguments->access, [&](const TagUID& tag) { return readApp(session, *arguments, tag); });
-    };
+    return [arguments](Session& session) { return readApp(session, *arguments); };
 }
 
 Work setUpAppWrite(Options& options) {
@@ -136,7 +117,5 @@ Work setUpAppWrite(Options& options) {
     addUidOption(options, arguments->access);
     options.footer("The whole application is written, value blocks too. Single blocks: \"write BLOCK --app ID\".\n\n"
                    "Example: qvltag app write 4711 --text \"Door 17\" --key @door.b --key-type b");
-    return [arguments](Session& session) {
-        return onTag(session, arguments->access, [&](const TagUID& tag) { return writeApp(session, *arguments, tag); });
-    };
+    return [arguments](Session& session) { return writeApp(session, *arguments); };
 }

@@ -1,77 +1,49 @@
 // "format" and "unformat": a whole tag from the factory state to the system's own and back.
 
 #include "Command.h"
-#include "FromLibrary.h"
-#include "Records.h"
-#include "ServiceStatus.h"
+#include "ResultsText.h"
 #include "TagAccess.h"
-#include "Text.h"
 
-#include <array>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace {
 
-constexpr std::size_t kMostSectors = 40;
+using Directory = qvl::Tag::Directory;
 
 struct FormatArguments {
     TagAccess access;  // the UID alone
-    TagAppType directory = TagAppMad1;
-    std::optional<Key> keyA, keyB;
+    Directory directory = Directory::version1;
+    std::optional<qvl::Key> keyA, keyB;
 };
 
-/// The library chooses the tag by itself. Where a certain one is wanted, it has to be the only one.
-Outcome checkOnlyTag(Session& session, const TagAccess& access) {
-    if (access.uid.empty()) return Outcome::done;
-    FromLibrary<TagUID> tags(session.adaptor());
-    short count = 0;
-    const int status = session.adaptor().getAllTagId(0, TagAppNone, 0, AuthKeyA, nullptr, count, tags.out());
-    if (status != kOk) return session.fail(status);
-    if (count == 1 && uidText(*tags.get()) == hexDigits(access.uid)) return Outcome::done;
-    return session.output().error({Outcome::failed, "other tags",
-                                   "the tag " + hexDigits(access.uid) + " is not the only one at the reader",
-                                   "Lay this one tag on the reader and nothing else; \"ls\" shows what is there.", 0});
-}
-
-Outcome done(Session& session, const TagUID& tag, const char* what) {
-    session.output().put({{what, uidText(tag)}, {"type", typeText(tag)}},
-                         std::string(what) + ": " + uidText(tag) + ", " + typeText(tag));
+Outcome tell(Session& session, const qvl::Tag& tag, const qvl::Results& results, const char* what) {
+    if (!results.complete()) return tellResults(session, results, "sector");
+    const std::string uid = tag.uid().text();
+    session.output().put({{what, uid}, {"type", tag.typeName()}},
+                         std::string(what) + ": " + uid + ", " + tag.typeName());
     return Outcome::done;
 }
 
-Outcome formatTag(Session& session, FormatArguments& arguments) {
-    if (const Outcome check = checkOnlyTag(session, arguments.access); check != Outcome::done) return check;
-    FromLibrary<TagUID> tag(session.adaptor());
-    Records records(session.adaptor());
-    const int status = session.adaptor().formatTag(0, arguments.directory, bytesOrNull(arguments.keyB), tag.out(),
-                                                   bytesOrNull(arguments.keyA), records.count(), records.list());
-    if (status != kOk) return failWithRecords(session, status, "sector", records.all());
-    return done(session, *tag.get(), "formatted");
+Outcome formatTag(Session& session, const FormatArguments& arguments) {
+    const qvl::Tag tag = findTag(session, arguments.access);
+    return tell(session, tag, tag.format(*arguments.keyB, arguments.directory, arguments.keyA, session.limit()),
+                "formatted");
 }
 
-Outcome unformatTag(Session& session, FormatArguments& arguments) {
-    if (const Outcome check = checkOnlyTag(session, arguments.access); check != Outcome::done) return check;
-    FromLibrary<TagUID> tag(session.adaptor());
-    std::array<int, kMostSectors> statuses{};
-    const int status =
-        session.adaptor().unformatTag(0, arguments.directory, bytesOrNull(arguments.keyB), tag.out(), statuses.data());
-    if (status == kOk) return done(session, *tag.get(), "unformatted");
-    std::vector<OpResultCode> records;
-    for (std::size_t i = 0; i < statuses.size() && statuses[i] != 0; ++i)
-        records.push_back({static_cast<short>(i), statuses[i]});
-    return failWithRecords(session, status, "sector", records);
+Outcome unformatTag(Session& session, const FormatArguments& arguments) {
+    const qvl::Tag tag = findTag(session, arguments.access);
+    return tell(session, tag, tag.unformat(*arguments.keyB, arguments.directory, session.limit()), "unformatted");
 }
 
 }  // namespace
 
 Work setUpFormat(Options& options) {
     const auto arguments = std::make_shared<FormatArguments>();
-    static const std::map<std::string, TagAppType> kDirectories{
-        {"1", TagAppMad1}, {"2", TagAppMad2}, {"none", TagAppNone}};
+    static const std::map<std::string, Directory> kDirectories{
+        {"1", Directory::version1}, {"2", Directory::version2}, {"none", Directory::none}};
     options
         .choice("--mad", arguments->directory, kDirectories, false,
                 "Version of the application directory: 1 (the default),\n2 or none")
@@ -87,7 +59,7 @@ Work setUpFormat(Options& options) {
 
 Work setUpUnformat(Options& options) {
     const auto arguments = std::make_shared<FormatArguments>();
-    static const std::map<std::string, TagAppType> kDirectories{{"1", TagAppMad1}, {"none", TagAppNone}};
+    static const std::map<std::string, Directory> kDirectories{{"1", Directory::version1}, {"none", Directory::none}};
     addKeyOption(options, "--key-b", arguments->keyB, "Key B of all sectors").required();
     options
         .choice("--mad", arguments->directory, kDirectories, false,

@@ -1,9 +1,8 @@
 // "key": the keys of sectors.
 
 #include "Command.h"
-#include "Records.h"
+#include "ResultsText.h"
 #include "SectorPlace.h"
-#include "ServiceStatus.h"
 #include "TagAccess.h"
 
 #include <memory>
@@ -15,17 +14,19 @@ namespace {
 struct KeyArguments {
     TagAccess access;
     SectorPlace place;
-    std::optional<Key> newKeyA, newKeyB;
+    std::optional<qvl::Key> newKeyA, newKeyB;
 };
 
-Outcome setKeys(Session& session, const KeyArguments& arguments, const TagUID& tag) {
+Outcome setKeys(Session& session, const KeyArguments& arguments) {
     const TagAccess& access = arguments.access;
-    Records records(session.adaptor());
-    const int status = session.adaptor().setKey(0, access.appType(), access.appIdOr(arguments.place.sector), tag,
-                                                access.keyMode, access.key.data(), arguments.newKeyA->data(),
-                                                arguments.newKeyB->data(), arguments.place.count, access.madKeyMode,
-                                                access.madKeyBytes(), records.count(), records.list());
-    return tellSectors(session, status, records, "new keys");
+    const SectorPlace& place = arguments.place;
+    const qvl::KeyPair keys{*arguments.newKeyA, *arguments.newKeyB};
+    const qvl::Tag tag = findTag(session, access);
+    return tellSectors(session,
+                       access.app
+                           ? tag.application(*access.app, access.directory).setKeys(keys, access.login, session.limit())
+                           : tag.setKeys(place.sector, place.count, keys, access.login, session.limit()),
+                       "new keys");
 }
 
 Work setUpKeySet(Options& options) {
@@ -42,9 +43,7 @@ Work setUpKeySet(Options& options) {
         "Give the key that may write the trailer: A of factory sectors, B of formatted ones.\n\n"
         "Example: qvltag key set --app 4711 --key @old.b --key-type b --new-key-a @new.a --new-key-b @new.b");
     options.whenRead([arguments] { arguments->place.check(arguments->access); });
-    return [arguments](Session& session) {
-        return onTag(session, arguments->access, [&](const TagUID& tag) { return setKeys(session, *arguments, tag); });
-    };
+    return [arguments](Session& session) { return setKeys(session, *arguments); };
 }
 
 }  // namespace

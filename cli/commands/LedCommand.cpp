@@ -3,7 +3,6 @@
 #include "Command.h"
 #include "Text.h"
 
-#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -22,10 +21,7 @@ struct LedArguments {
 
 Outcome switchLed(Session& session, const LedArguments& arguments) {
     const bool on = arguments.state == "on";
-    const int status =
-        session.adaptor().switchReaderLED(static_cast<std::uint8_t>(arguments.led), static_cast<std::uint8_t>(on),
-                                          static_cast<std::uint8_t>(arguments.duration));
-    if (status != kOk) return session.fail(status, "LED " + std::to_string(arguments.led));
+    session.reader().setLight(arguments.led, on, arguments.duration, session.limit());
     session.output().put({{"led", arguments.led}, {"on", on}, {"duration", arguments.duration}},
                          "LED " + std::to_string(arguments.led) + " " + arguments.state);
     if (on) session.interrupt().waitFor(fromSeconds(arguments.staySeconds));

@@ -1,14 +1,11 @@
 // "ls": the tags in the field.
 
 #include "Command.h"
-#include "FromLibrary.h"
-#include "ServiceStatus.h"
-#include "StatusText.h"
+#include "ErrorText.h"
 #include "TagAccess.h"
 #include "Text.h"
 
 #include <memory>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -19,48 +16,69 @@ struct LsArguments {
     bool apps = false;
 };
 
-/// Adds the applications of a tag, or why there are none. They can fail for one tag and not for the next.
-void tellApps(Session& session, const TagAccess& access, const TagUID& tag, Json& object,
-              std::vector<std::string>& row) {
-    FromLibrary<short> ids(session.adaptor());
-    short count = 0;
-    const int status =
-        session.adaptor().getAllAppId(0, TagAppMad1, tag, count, ids.out(), access.madKeyMode, access.madKeyBytes());
-    if (status != kOk) {
-        const Problem problem = problemOf(status);
-        object.add("error", problem.name);
-        object.add("status", status);
-        return row.push_back(problem.name);
-    }
-    Json apps = Json::array();
-    std::string text;
-    for (const short each : std::span(ids.get(), static_cast<std::size_t>(count))) {
-        const std::string id = appText(static_cast<std::uint16_t>(each));
-        apps.push_back(id);
-        text += (text.empty() ? "" : " ") + id;
-    }
-    object.add("apps", apps);
-    row.push_back(text.empty() ? "no application" : text);
+/// Those with the application that is wanted, or all. Waits for the first.
+std::vector<qvl::Tag> wantedTags(Session& session, const TagAccess& access) {
+    static_cast<void>(findTag(session, access));
+    std::vector<qvl::Tag> tags = session.reader().tags(session.limit());
+    if (!access.app) return tags;
+    std::erase_if(tags, [&](const qvl::Tag& tag) {
+        try {
+            const auto ids = tag.applications(access.directory, session.limit());
+            return std::ranges::find(ids, *access.app) == ids.end();
+        } catch (const qvl::Error&) {
+            return true;
+        }
+    });
+    return tags;
 }
 
-Outcome listTags(Session& session, const LsArguments& arguments) {
-    const TagAccess& access = arguments.access;
-    FromLibrary<TagUID> tags(session.adaptor());
-    short count = 0;
-    const int status = session.adaptor().getAllTagId(0, access.appType(), access.appId(), access.madKeyMode,
-                                                     access.madKeyBytes(), count, tags.out());
-    if (status != kOk) return session.fail(status);
-    if (count == 0) return session.fail(kNoDirectory);
+/// Adds the applications of a tag, or why there are none. @return false if they could not be read.
+bool tellApps(Session& session, const TagAccess& access, const qvl::Tag& tag, Json& object,
+              std::vector<std::string>& row) {
+    try {
+        Json apps = Json::array();
+        std::string text;
+        for (const std::uint16_t each : tag.applications(access.directory, session.limit())) {
+            apps.push_back(appText(each));
+            if (!text.empty()) text += ' ';
+            text += appText(each);
+        }
+        object.add("apps", apps);
+        row.push_back(text.empty() ? "no application" : text);
+        return true;
+    } catch (const qvl::Error& error) {
+        const Problem problem = problemOf(error);
+        object.add("error", problem.name);
+        object.add("reason", problem.reason);
+        object.add("status", problem.status);
+        row.push_back(problem.name + ": " + problem.meaning);
+        return false;
+    }
+}
 
+/// A tag that holds no directory is no failure; one whose directory cannot be read is.
+Outcome listTags(Session& session, const LsArguments& arguments) {
     std::vector<std::vector<std::string>> rows;
-    for (const TagUID& tag : std::span(tags.get(), static_cast<std::size_t>(count))) {
-        Json object{{"uid", uidText(tag)}, {"type", typeText(tag)}};
-        rows.push_back({uidText(tag), typeText(tag)});
-        if (arguments.apps) tellApps(session, access, tag, object, rows.back());
+    Outcome outcome = Outcome::done;
+    for (const qvl::Tag& tag : wantedTags(session, arguments.access)) {
+        const std::string uid = tag.uid().text();
+        Json object{{"uid", uid}, {"type", tag.typeName()}};
+        rows.push_back({uid, tag.typeName()});
+        if (const auto geometry = tag.geometry()) {
+            object.add("bytes", geometry->bytes());
+            object.add("sectors", geometry->sectors);
+            object.add("blocks", geometry->blocks);
+            rows.back().push_back(std::to_string(geometry->bytes()) + " bytes, " +
+                                  counted(static_cast<std::size_t>(geometry->blocks), "block") + " in " +
+                                  counted(static_cast<std::size_t>(geometry->sectors), "sector"));
+        } else {
+            rows.back().emplace_back("");
+        }
+        if (arguments.apps && !tellApps(session, arguments.access, tag, object, rows.back())) outcome = Outcome::failed;
         if (session.output().isJson()) session.output().put(object, "");
     }
     if (!session.output().isJson()) session.output().put({}, alignedTable(rows));
-    return Outcome::done;
+    return outcome;
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
-// "poll": looks into the field again and again, and tells of each tag once, or with --forced in every round.
+// "poll": tells of the tags that come and go and of the reader.
 
 #include "Command.h"
-#include "StatusText.h"
-#include "TagTypes.h"
+#include "ErrorText.h"
 #include "Text.h"
 
 #include <chrono>
@@ -13,11 +12,9 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr std::chrono::milliseconds kRoundPause{100};
 constexpr double kShortestSeconds = 0.001, kLongestSeconds = 1e6;
 constexpr unsigned kLargestCount = 1'000'000'000;
+constexpr std::chrono::milliseconds kRoundPause{100};
 
 struct PollArguments {
     unsigned count = 0;  // 0 for no end
@@ -28,32 +25,36 @@ struct PollArguments {
 
 class Poll {
   public:
-    Poll(Session& session, const PollArguments& arguments) : mSession(session), mArguments(arguments) {
-        session.onReaderState([this](bool ready) { tell(ready ? "reader back" : "reader lost"); });
-    }
+    Poll(Session& session, const PollArguments& arguments) : mSession(session), mArguments(arguments) {}
 
+    /// A single look.
     Outcome once() {
-        look(mArguments.forced);
-        return mSeen > 0 ? Outcome::done : mSession.fail(kNoTag);
+        for (const qvl::Tag& tag : mSession.reader().tags(qvl::Limit::now().asking(goesOnQuestion())))
+            tellTag("tag arrived", std::chrono::system_clock::now(), tag.uid(), tag.type());
+        return mSeen > 0 ? Outcome::done : mSession.fail({qvl::Reason::noTag, kNoTag, qvl::statusInfo(kNoTag).meaning});
     }
-
-    Outcome follow() {
-        const auto begin = Clock::now();
-        bool timeIsUp = false;
-        while (goesOn() && !timeIsUp) {
-            round();
-            if (!goesOn()) break;
-            auto pause = kRoundPause;
-            if (mArguments.seconds) {
-                const auto rest = fromSeconds(*mArguments.seconds) -
-                                  std::chrono::floor<std::chrono::milliseconds>(Clock::now() - begin);
-                timeIsUp = rest <= pause;
-                pause = std::max(std::min(rest, pause), std::chrono::milliseconds::zero());
-            }
-            mSession.interrupt().waitFor(pause);
+    /// Every tag in every round.
+    Outcome rounds() {
+        const qvl::Limit limit = wholeTime();
+        while (goesOn() && !limit.isOver()) {
+            for (const qvl::Tag& tag : mSession.reader().tags(limit))
+                if (goesOn()) tellTag("tag", std::chrono::system_clock::now(), tag.uid(), tag.type());
+            if (goesOn()) mSession.interrupt().waitFor(kRoundPause);
         }
-        if (mSeen >= mArguments.count) return Outcome::done;
-        return mSession.fail(timeIsUp && !mSession.interrupt().requested() ? kWaitOver : kCancelled);
+        return end();
+    }
+    Outcome follow() {
+        qvl::Watch watch = mSession.reader().watch();
+        const qvl::Limit limit = wholeTime();
+        while (goesOn()) {
+            const auto event = next(watch, limit);
+            if (!event) break;
+            if (event->uid.empty())
+                tell(name(event->kind), event->time, {});
+            else
+                tellTag(name(event->kind), event->time, event->uid, event->type);
+        }
+        return end();
     }
 
   private:
@@ -61,41 +62,48 @@ class Poll {
         return (mArguments.count == 0 || mSeen < mArguments.count) && !mSession.interrupt().requested() &&
                mSession.output().isOpen();
     }
-
-    /// A forced look wakes all tags, the others then find those that are left. A look that is not forced ends every
-    /// round, since only such a one notices a lost reader.
-    void round() {
-        if (mArguments.forced) look(true);
-        while (goesOn() && look(false)) {
+    std::function<bool()> goesOnQuestion() {
+        return [this] { return !mSession.interrupt().requested(); };
+    }
+    qvl::Limit wholeTime() {
+        std::optional<std::chrono::milliseconds> time;
+        if (mArguments.seconds) time = fromSeconds(*mArguments.seconds);
+        return qvl::Limit(mSession.limit(time, nullptr).deadline()).asking(goesOnQuestion());
+    }
+    static std::optional<qvl::Event> next(qvl::Watch& watch, const qvl::Limit& limit) {
+        try {
+            return watch.next(limit);
+        } catch (const qvl::Error& error) {
+            if (error.reason() != qvl::Reason::cancelled) throw;
+            return std::nullopt;
         }
     }
-
-    /// @return true if a tag was there.
-    bool look(bool forced) {
-        EventObject* found = nullptr;
-        if (!mSession.adaptor().pollTag(found, forced, false)) return false;
-        const auto release = [this](EventObject* event) { mSession.adaptor().freeMemory(event); };
-        const std::unique_ptr<EventObject, decltype(release)> event(found, release);
-        ++mSeen;
-        tellTag(*event);
-        return true;
+    /// Done with what was asked for: a number of tags, a time, or until Ctrl-C.
+    Outcome end() {
+        if (mArguments.count == 0 || mSeen >= mArguments.count) return Outcome::done;
+        if (mSession.interrupt().requested()) return mSession.fail({qvl::Reason::cancelled, kCancelled, "cancelled"});
+        if (!mSession.output().isOpen()) return Outcome::failed;
+        return mSession.output().error(
+            {Outcome::failed, "wait over",
+             "the time is over, with " + counted(mSeen, "tag") + " of " + std::to_string(mArguments.count),
+             "Wait longer with --for.", kWaitOver, qvl::name(qvl::Reason::timedOut)});
     }
 
-    void tellTag(const EventObject& event) {
-        std::uint32_t length = 0;
-        std::uint8_t* bytes = nullptr;
-        event.getUid(length, bytes);
-        const std::string uid = hexDigits({bytes, length});
-        mSession.adaptor().freeMemory(bytes);
-        const char* type = tagInfoByType(wireToTagType(event.getType())).name;
-        const std::int64_t time = event.getTime();
-        mSession.output().put({{"event", "tag"}, {"time", isoTime(time)}, {"uid", uid}, {"type", type}},
-                              clockTime(time) + "  " + uid + "  " + type);
+    void tellTag(const char* event, std::chrono::system_clock::time_point time, const qvl::Uid& uid,
+                 std::uint32_t tagType) {
+        if (std::string_view(event) != "tag left") ++mSeen;
+        tell(event, time, {{"uid", uid.text()}, {"type", tagInfoByType(tagType).name}});
     }
-
-    void tell(const std::string& event) {
-        const std::int64_t time = secondsNow();
-        mSession.output().put({{"event", event}, {"time", isoTime(time)}}, clockTime(time) + "  " + event);
+    void tell(const char* event, std::chrono::system_clock::time_point time,
+              const std::vector<std::pair<std::string, std::string>>& members) {
+        const std::int64_t seconds = std::chrono::system_clock::to_time_t(time);
+        Json object{{"event", event}, {"time", isoTime(seconds)}};
+        std::string text = clockTime(seconds) + "  " + event;
+        for (const auto& [name, value] : members) {
+            object.add(name, value);
+            text += "  " + value;
+        }
+        mSession.output().put(object, text);
     }
 
     Session& mSession;
@@ -112,15 +120,17 @@ Work setUpPoll(Options& options) {
     const Option seconds = options.value("--for", arguments->seconds, "End after this time")
                                .type("SECONDS")
                                .range(kShortestSeconds, kLongestSeconds);
-    options.flag("--forced", arguments->forced, "Tell of every tag in the field in each round, not once");
+    options.flag("--forced", arguments->forced, "Tell of every tag in the field in each round");
     options.flag("--once", arguments->once, "A single look, which fails if no tag is there")
         .excludes(count)
         .excludes(seconds);
-    options.footer("Without --count, --for or --once it polls until Ctrl-C; it then ends successfully.\n"
-                   "If the reader is unplugged and plugged in again, it says so and polls on.\n\n"
+    options.footer("A tag that comes is told once, and so is one that leaves. Without --count, --for or --once\n"
+                   "it goes on until Ctrl-C. If the reader is unplugged and plugged in again, it says so and\n"
+                   "goes on; with --wait-for-reader it also waits for the first one.\n\n"
                    "Example: qvltag --virtual new:1k --virtual new:ultralight poll --count 2");
     return [arguments](Session& session) {
         Poll poll(session, *arguments);
-        return arguments->once ? poll.once() : poll.follow();
+        if (arguments->once) return poll.once();
+        return arguments->forced ? poll.rounds() : poll.follow();
     };
 }

@@ -1,11 +1,8 @@
 // "read": blocks of a tag or of an application.
 
-#include "BlockText.h"
 #include "Command.h"
 #include "DataOptions.h"
-#include "FromLibrary.h"
-#include "Records.h"
-#include "ServiceStatus.h"
+#include "ResultsText.h"
 #include "TagAccess.h"
 
 #include <memory>
@@ -15,22 +12,10 @@ namespace {
 
 struct ReadArguments {
     TagAccess access;
-    short block = 0;
-    short count = 1;
+    int block = 0;
+    int count = 1;
     std::string file;
 };
-
-Outcome readBlocks(Session& session, const ReadArguments& arguments, const TagUID& tag) {
-    const TagAccess& access = arguments.access;
-    FromLibrary<std::uint8_t> data(session.adaptor());
-    Records records(session.adaptor());
-    int length = 0;
-    const int status = session.adaptor().getBlockData(
-        0, access.appType(), tag, access.appId(), access.keyMode, access.key.data(), arguments.block, arguments.count,
-        data.out(), length, access.madKeyMode, access.madKeyBytes(), records.count(), records.list());
-    return tellData(session, status, {data.get(), static_cast<std::size_t>(data.get() ? length : 0)}, records.all(),
-                    arguments.file);
-}
 
 }  // namespace
 
@@ -50,7 +35,10 @@ Work setUpRead(Options& options) {
     options.footer("Trailers are no data: they are skipped and do not count.\n\n"
                    "Example: qvltag read 4 3 --key @door.key --key-type b");
     return [arguments](Session& session) {
-        return onTag(session, arguments->access,
-                     [&](const TagUID& tag) { return readBlocks(session, *arguments, tag); });
+        return onMemory(session, arguments->access, [&](const qvl::Memory& memory) {
+            return tellBlocks(session,
+                              memory.read(arguments->block, arguments->count, arguments->access.login, session.limit()),
+                              arguments->file);
+        });
     };
 }

@@ -2,11 +2,8 @@
 
 #include "ApduText.h"
 #include "Command.h"
-#include "FromLibrary.h"
-#include "ServiceStatus.h"
 #include "Text.h"
 
-#include <array>
 #include <memory>
 #include <optional>
 #include <span>
@@ -16,9 +13,8 @@
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using Bytes = qvl::Bytes;
 
-constexpr int kNfcRelay = 46;
 constexpr std::uint8_t kGetFirmwareVersion = 0x02;
 
 struct RelayArguments {
@@ -39,30 +35,10 @@ std::optional<std::string> firmwareOf(const Bytes& command, const Bytes& reply) 
     return std::nullopt;
 }
 
-int relay(ReaderImpl& adaptor, const Bytes& command, Bytes& reply) {
-    QVLParamCollection in;
-    if (const int status = in.addBytes(static_cast<std::uint32_t>(command.size()), command.data()); status != kMemoryOk)
-        return status;
-    in.rewind();
-    FromLibrary<QVLParamCollection> out(adaptor);
-    if (const int status = adaptor.runCommand(kNfcRelay, in, out.out()); status != kOk) return status;
-    out.get()->rewind();
-    std::uint32_t length = 0;
-    std::uint8_t* data = nullptr;
-    const int status = out.get()->getBytes(length, data);
-    const std::unique_ptr<std::uint8_t[]> owner(data);
-    if (status != kMemoryOk) return status;
-    reply.assign(data, data + (data ? length : 0));
-    return kOk;
-}
-
 Outcome relayAll(Session& session, const std::vector<Bytes>& commands) {
-    session.mutePrompt(true);  // Nothing here waits for a tag.
     for (const Bytes& command : commands) {
-        if (session.interrupt().requested()) return session.fail(kCancelled);
-        Bytes reply;
-        if (const int status = relay(session.adaptor(), command, reply); status != kOk)
-            return session.fail(status, "reader command " + hexDigits(command));
+        session.goOn();
+        const Bytes reply = session.reader().relay(command, session.limit());
         Json object{{"command", hexDigits(command)}, {"reply", hexDigits(reply)}};
         std::string text = dumpRows("> ", command) + "\n" + (reply.empty() ? "< (nothing)" : dumpRows("< ", reply));
         if (const auto firmware = firmwareOf(command, reply)) {

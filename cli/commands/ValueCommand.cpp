@@ -2,7 +2,6 @@
 
 #include "Command.h"
 #include "DataOptions.h"
-#include "ServiceStatus.h"
 #include "TagAccess.h"
 
 #include <cstdint>
@@ -13,72 +12,48 @@
 
 namespace {
 
-constexpr short kValueBlockKind = 2052;
-constexpr int kSameBlock = -1;
-
 struct ValueArguments {
     TagAccess access;
-    std::optional<Key> keyA, keyB;
+    std::optional<qvl::Key> keyA, keyB;
     int block = 0;
     std::int64_t amount = 0;
-    int to = kSameBlock;
+    std::optional<int> to;
     bool decrementOnly = false;
 };
 
 std::string blockText(int block) { return "block " + std::to_string(block); }
 
-Outcome getValue(Session& session, const ValueArguments& arguments, const TagUID& tag) {
-    const TagAccess& access = arguments.access;
-    int value = 0;
-    const int status =
-        session.adaptor().getValue(0, access.appType(), tag, access.appId(), access.keyMode, access.key.data(),
-                                   arguments.block, value, access.madKeyMode, access.madKeyBytes());
-    if (status != kOk) return session.fail(status, blockText(arguments.block));
+Outcome getValue(Session& session, const ValueArguments& arguments, const qvl::Memory& memory) {
+    const std::int32_t value = memory.value(arguments.block, arguments.access.login, session.limit());
     session.output().put({{"block", arguments.block}, {"value", value}}, std::to_string(value));
     return Outcome::done;
 }
 
-Outcome setValue(Session& session, const ValueArguments& arguments, const TagUID& tag) {
-    const TagAccess& access = arguments.access;
-    const auto value = static_cast<int>(arguments.amount);
-    const int status =
-        session.adaptor().setValue(0, access.appType(), tag, access.appId(), access.keyMode, access.key.data(),
-                                   arguments.block, value, access.madKeyMode, access.madKeyBytes());
-    if (status != kOk) return session.fail(status, blockText(arguments.block));
+Outcome setValue(Session& session, const ValueArguments& arguments, const qvl::Memory& memory) {
+    const auto value = static_cast<std::int32_t>(arguments.amount);
+    memory.setValue(arguments.block, value, arguments.access.login, session.limit());
     session.output().put({{"block", arguments.block}, {"value", value}},
                          blockText(arguments.block) + " is " + std::to_string(value));
     return Outcome::done;
 }
 
-Outcome adjustValue(Session& session, const ValueArguments& arguments, const TagUID& tag, ValueBlockOper operation) {
-    const TagAccess& access = arguments.access;
-    const int status = session.adaptor().adjustValue(
-        0, access.appType(), tag, access.appId(), access.keyMode, access.key.data(), arguments.block, operation,
-        static_cast<unsigned>(arguments.amount), arguments.to, access.madKeyMode, access.madKeyBytes());
-    if (status != kOk) return session.fail(status, blockText(arguments.block));
-    const bool up = operation == ValueIncrement;
+Outcome adjustValue(Session& session, const ValueArguments& arguments, const qvl::Memory& memory, bool up) {
+    const auto adjust = up ? &qvl::Memory::increment : &qvl::Memory::decrement;
+    (memory.*adjust)(arguments.block, static_cast<std::uint32_t>(arguments.amount), arguments.access.login,
+                     arguments.to, session.limit());
     const std::string amount = std::to_string(arguments.amount), block = blockText(arguments.block);
     Json object{{"block", arguments.block}, {up ? "added" : "taken", arguments.amount}};
-    if (arguments.to != kSameBlock) object.add("to", arguments.to);
-    session.output().put(object, arguments.to == kSameBlock
+    if (arguments.to) object.add("to", *arguments.to);
+    session.output().put(object, !arguments.to
                                      ? amount + (up ? " added to " : " taken from ") + block
-                                     : blockText(arguments.to) + " is " + block + (up ? " plus " : " less ") + amount);
+                                     : blockText(*arguments.to) + " is " + block + (up ? " plus " : " less ") + amount);
     return Outcome::done;
 }
 
-Outcome makeValueBlock(Session& session, const ValueArguments& arguments, const TagUID& tag) {
-    const TagAccess& access = arguments.access;
-    ReaderImpl& adaptor = session.adaptor();
-    const auto value = static_cast<int>(arguments.amount);
-    const std::uint8_t *keyA = arguments.keyA->data(), *keyB = arguments.keyB->data();
-    const int status =
-        arguments.decrementOnly
-            ? adaptor.initDecrementOnlyBlock(0, access.appType(), tag, access.appId(), keyA, keyB, arguments.block,
-                                             value, access.madKeyMode, access.madKeyBytes())
-            : adaptor.setDataBlockType(0, access.appType(), access.appId(), tag, keyA, keyB,
-                                       static_cast<short>(arguments.block), kValueBlockKind, AccData110,
-                                       static_cast<unsigned>(value), access.madKeyMode, access.madKeyBytes());
-    if (status != kOk) return session.fail(status, blockText(arguments.block));
+Outcome makeValueBlock(Session& session, const ValueArguments& arguments, const qvl::Memory& memory) {
+    const auto make = arguments.decrementOnly ? &qvl::Memory::makeDecrementOnlyBlock : &qvl::Memory::makeValueBlock;
+    const auto value = static_cast<std::int32_t>(arguments.amount);
+    (memory.*make)(arguments.block, value, {*arguments.keyA, *arguments.keyB}, session.limit());
     session.output().put({{"block", arguments.block}, {"value", value}, {"decrementOnly", arguments.decrementOnly}},
                          blockText(arguments.block) + " is a value block of " + std::to_string(value) +
                              (arguments.decrementOnly ? ", which can only be decremented" : ""));
@@ -102,8 +77,8 @@ void addAmount(Options& options, ValueArguments& arguments, const char* descript
 template <typename Operation>
 Work workOf(const std::shared_ptr<ValueArguments>& arguments, Operation operation) {
     return [arguments, operation](Session& session) {
-        return onTag(session, arguments->access,
-                     [&](const TagUID& tag) { return operation(session, *arguments, tag); });
+        return onMemory(session, arguments->access,
+                        [&](const qvl::Memory& memory) { return operation(session, *arguments, memory); });
     };
 }
 
@@ -122,7 +97,7 @@ Work setUpSet(Options& options) {
     return workOf(arguments, setValue);
 }
 
-template <ValueBlockOper operation>
+template <bool up>
 Work setUpAdjust(Options& options) {
     const auto arguments = std::make_shared<ValueArguments>();
     addPlace(options, *arguments);
@@ -132,8 +107,8 @@ Work setUpAdjust(Options& options) {
         .range(0, kLastBlock);
     addKeyOptions(options, arguments->access);
     options.footer("If it is unknown whether the change took place, read the value before you repeat it.");
-    return workOf(arguments, [](Session& session, const ValueArguments& given, const TagUID& tag) {
-        return adjustValue(session, given, tag, operation);
+    return workOf(arguments, [](Session& session, const ValueArguments& given, const qvl::Memory& memory) {
+        return adjustValue(session, given, memory, up);
     });
 }
 
@@ -161,8 +136,8 @@ Work setUpValue(Options& options) {
     static constexpr Command kCommands[] = {
         {"get", "Show the value", setUpGet},
         {"set", "Write a value", setUpSet},
-        {"inc", "Add to the value", setUpAdjust<ValueIncrement>},
-        {"dec", "Take from the value", setUpAdjust<ValueDecrement>},
+        {"inc", "Add to the value", setUpAdjust<true>},
+        {"dec", "Take from the value", setUpAdjust<false>},
         {"init", "Make a value block", setUpValueInit},
     };
     return addCommands(options, kCommands);

@@ -2,38 +2,33 @@
 
 #include "Command.h"
 #include "DataOptions.h"
-#include "Records.h"
-#include "ServiceStatus.h"
+#include "ResultsText.h"
 #include "TagAccess.h"
 #include "Text.h"
 
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
 struct WriteArguments {
     TagAccess access;
-    short block = 0;
-    std::optional<short> count;
+    int block = 0;
+    std::optional<int> count;
     DataArguments data;
 };
 
-Outcome writeBlocks(Session& session, WriteArguments& arguments, const TagUID& tag) {
-    const TagAccess& access = arguments.access;
-    auto& bytes = arguments.data.bytes;
-    const std::size_t size = tagInfoByType(tag.getTagType()).blockSize;
-    const std::size_t needed = size == 0 ? 0 : (bytes.size() + size - 1) / size;
-    const short count = arguments.count.value_or(static_cast<short>(needed));
-    Records records(session.adaptor());
-    const int status = session.adaptor().setBlockData(0, access.appType(), tag, access.appId(), access.keyMode,
-                                                      access.key.data(), arguments.block, count, bytes.data(),
-                                                      static_cast<int>(bytes.size()), access.madKeyMode,
-                                                      access.madKeyBytes(), nullptr, records.count(), records.list());
-    if (status != kOk) return failWithRecords(session, status, "block", records.all());
+Outcome writeBlocks(Session& session, const WriteArguments& arguments, const qvl::Memory& memory) {
+    const auto& bytes = arguments.data.bytes;
+    const qvl::Login& login = arguments.access.login;
+    const qvl::Results results = arguments.count
+                                     ? memory.write(arguments.block, *arguments.count, bytes, login, session.limit())
+                                     : memory.write(arguments.block, bytes, login, session.limit());
+    if (!results.complete()) return tellResults(session, results, "block");
     std::vector<int> blocks;
-    for (const OpResultCode& each : records.all())
+    for (const qvl::Result& each : results.list())
         blocks.push_back(each.number);
     session.output().put({{"written", blocks}}, named("block", blocks) + " written");
     return Outcome::done;
@@ -59,7 +54,7 @@ Work setUpWrite(Options& options) {
     options.footer("Trailers are skipped and do not count. What the data leaves of the blocks becomes zero.\n\n"
                    "Example: qvltag write 4 --text \"Door 17\" --key env:DOOR_KEY --key-type b");
     return [arguments](Session& session) {
-        return onTag(session, arguments->access,
-                     [&](const TagUID& tag) { return writeBlocks(session, *arguments, tag); });
+        return onMemory(session, arguments->access,
+                        [&](const qvl::Memory& memory) { return writeBlocks(session, *arguments, memory); });
     };
 }

@@ -2,10 +2,11 @@
 
 #include "Session.h"
 
+#include <chrono>
 #include <string>
 
-/// Says how far a long work is, in a line on a terminal that goes away with it; elsewhere nothing. The tag prompt,
-/// which would come and go with every step, gives way to it.
+/// Shows how far long work is, as a bar on a terminal that goes away with it, once it has taken a second; nothing
+/// elsewhere.
 class Progress {
   public:
     /// `what` as in "Reading sector".
@@ -14,12 +15,12 @@ class Progress {
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    /// Work on number `index`, from 0, begins. @return false once the user wants to end.
-    bool begins(int index);
+    /// Work on number `index`, from 0, begins. @throws qvl::Error once the user wants to end or the deadline is over.
+    void begins(int index);
 
   private:
     Session& mSession;
     const std::string mWhat;
     const int mTotal;
-    const bool mOnTerminal;
+    const std::chrono::steady_clock::time_point mStart = std::chrono::steady_clock::now();
 };

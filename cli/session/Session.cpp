@@ -1,64 +1,71 @@
 #include "Session.h"
 
-#include "ServiceStatus.h"
-#include "StatusText.h"
+#include "ErrorText.h"
 #include "Text.h"
 
-#include <cstdint>
+#include <algorithm>
 
-Session::Session(SessionSettings settings, Output& output, Interrupt& interrupt)
-    : mSettings(std::move(settings)), mOutput(output), mInterrupt(interrupt),
-      mListener([this](bool ready) { mOutput.note(ready ? "the reader is back" : "the reader was lost"); }) {}
+namespace {
 
-Outcome Session::open() {
-    if (!mSettings.images.empty()) {
-        const auto problem = mReaderProcess.emplace().start(mSettings.images, mSettings.model, mSettings.saveImages);
-        if (problem) return mOutput.error(*problem);
-        for (const std::string& remark : mReaderProcess->remarks())
-            mOutput.note(remark);
-    }
-    mAdaptor.reset(createAdaptorInstance(this));
-    if (!mAdaptor) return fail(kReaderFailed);
-    mAdaptor->loadReaderConfig();
-    setUpWaiting();
-    return mAdaptor->initReader() ? Outcome::done : fail(kReaderNotReady);
+using Clock = qvl::Limit::Clock;
+
+constexpr const char* kTagPrompt = "Hold a tag to the reader, Ctrl-C cancels";
+constexpr const char* kReaderPrompt = "Waiting for a reader, Ctrl-C cancels";
+/// A wait that is shorter, as for the end of another program's operation, is not worth a line.
+constexpr std::chrono::milliseconds kUntilPrompt{200};
+
+Clock::time_point deadlineOf(const SessionSettings& settings) {
+    return qvl::Limit(fromSeconds(settings.deadlineSeconds.value_or(1e9))).deadline();
 }
 
-void Session::setUpWaiting() {
-    if (!mSettings.wait) return mAdaptor->setTagPromptFlag(false);
-    mPrompt.emplace(mInterrupt, mOutput.isJson());
-    if (!mSettings.waitSeconds) return;
-    mAdaptor->setTagPromptFlag(true);
-    mAdaptor->resetSuspendTime(static_cast<std::uint32_t>(fromSeconds(*mSettings.waitSeconds).count()));
+}  // namespace
+
+Session::Session(SessionSettings settings, Output& output, Interrupt& interrupt)
+    : mSettings(std::move(settings)), mOutput(output), mInterrupt(interrupt), mDeadline(deadlineOf(mSettings)) {}
+
+void Session::open() {
+    if (!mSettings.images.empty()) {
+        qvl::VirtualReader::Options options;
+        options.model =
+            mSettings.model == "mf500" ? qvl::VirtualReader::Model::mfRc500 : qvl::VirtualReader::Model::pn531;
+        options.tags = mSettings.images;
+        options.saveOnExit = mSettings.saveImages;
+        mVirtualReader.emplace(std::move(options));
+        for (const std::string& remark : mVirtualReader->remarks())
+            mOutput.note(remark);
+    }
+    mReader.emplace(limit(fromSeconds(mSettings.readerSeconds), kReaderPrompt),
+                    [this](const std::string& port, bool isNamed) {
+                        if (isNamed) mOutput.note("looking for a reader on serial port " + port);
+                        return isNamed;
+                    });
 }
 
 Outcome Session::close() {
-    mAdaptor.reset();
-    mPrompt.reset();
-    const std::string complaint = mReaderProcess ? mReaderProcess->end() : std::string();
+    mReader.reset();
+    const std::string complaint = mVirtualReader ? mVirtualReader->end() : std::string();
     if (complaint.empty()) return Outcome::done;
-    return mOutput.error({Outcome::failed, "virtual reader", complaint, "", 0});
+    return mOutput.error({Outcome::failed, "virtual reader", complaint, "", 0, ""});
 }
 
-Outcome Session::fail(int status, const std::string& where) {
-    Problem problem = problemOf(status);
-    if (status == kCancelled && !mSettings.wait && !mInterrupt.requested()) {
-        // Nobody waited, and so nobody cancelled.
-        problem = problemOf(kNoTag);
-        problem.status = status;
-    }
-    return mOutput.error(problem, where);
+qvl::Limit Session::limit() {
+    return limit(mSettings.wait ? fromSeconds(mSettings.waitSeconds) : std::chrono::milliseconds::zero(), kTagPrompt);
 }
 
-void Session::mutePrompt(bool on) {
-    if (mPrompt) mPrompt->mute(on);
+qvl::Limit Session::limit(std::optional<std::chrono::milliseconds> time, const char* prompt) {
+    const auto begin = Clock::now();
+    const auto end = time ? std::min(qvl::Limit(*time).deadline(), mDeadline) : mDeadline;
+    return qvl::Limit(end).asking([this, begin, prompt] {
+        if (Clock::now() - begin > kUntilPrompt) mOutput.prompt(prompt);
+        return !mInterrupt.requested();
+    });
 }
 
-void Session::Stop::operator()(ReaderImpl* adaptor) const {
-    adaptor->stopReader();
-    delete adaptor;
+void Session::goOn() {
+    if (mInterrupt.requested()) throw qvl::Error(qvl::Reason::cancelled, "cancelled");
+    if (Clock::now() >= mDeadline) throw qvl::Error(qvl::Reason::timedOut, "the deadline of the command is over");
 }
 
-void Session::readerStateChanged(bool ready) { mListener(ready); }
-
-void Session::readerMessage(int, const char* text) { mOutput.note(text); }
+Outcome Session::fail(const qvl::Error& error, const std::string& where) {
+    return mOutput.error(problemOf(error), where);
+}

@@ -1,15 +1,13 @@
 #pragma once
 
-#include "ConsolePrompt.h"
 #include "Interrupt.h"
 #include "Outcome.h"
 #include "Output.h"
-#include "QVLReaderServiceIntf.h"
-#include "ReaderImpl.h"
-#include "ReaderProcess.h"
+#include "qvl.h"
+#include "qvl_virtual.h"
 
+#include <chrono>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,50 +17,45 @@ struct SessionSettings {
     std::vector<std::string> images;  ///< Tags of a virtual reader; none for a real one.
     std::string model = "tama";       ///< Of the virtual reader, as qvlreadersim names it.
     bool saveImages = false;
-    bool wait = true;                   ///< Operations wait for a tag.
-    std::optional<double> waitSeconds;  ///< How long; none for the value of the library's settings.
+    bool wait = true;                       ///< Operations wait for a tag.
+    double waitSeconds = 30;                ///< How long each of them does.
+    std::optional<double> deadlineSeconds;  ///< For the whole command.
+    double readerSeconds = 1;               ///< How long to wait for a reader.
 };
 
-/// One reader in use, from its opening to its end: the virtual reader if one is wanted, the tag prompt, the adaptor.
-/// What was done is undone at the end of its scope, in reverse.
-class Session final : private QVLReaderServiceIntf {
+/// One reader in use, from its opening to its end, and before it the virtual reader if one is wanted. What was done is
+/// undone at the end of its scope, in reverse.
+class Session {
   public:
     Session(SessionSettings settings, Output& output, Interrupt& interrupt);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// Makes the reader ready, or says why not. Commands run in an open session only.
-    Outcome open();
+    /// Makes the reader ready. Commands run in an open session only. @throws qvl::Error
+    void open();
     /// The end, for those who want to know how it went.
     Outcome close();
 
-    ReaderImpl& adaptor() { return *mAdaptor; }
+    qvl::Reader& reader() { return *mReader; }
     Output& output() { return mOutput; }
     Interrupt& interrupt() { return mInterrupt; }
 
-    /// Complains about a status that is not success; see Output::error.
-    Outcome fail(int status, const std::string& where = {});
-    /// For those who keep a line of the terminal busy: the prompt says nothing until it is unmuted.
-    void mutePrompt(bool on);
-    /// Who hears, in the middle of an operation, that the reader was lost (false) or is back (true). By default that
-    /// becomes a remark.
-    void onReaderState(std::function<void(bool ready)> listener) { mListener = std::move(listener); }
+    /// How long an operation that begins now may wait. While it waits, a line asks for a tag; Ctrl-C ends the wait.
+    qvl::Limit limit();
+    /// The same with a time of its own; none for no end but the deadline of the command.
+    qvl::Limit limit(std::optional<std::chrono::milliseconds> time, const char* prompt);
+    /// @throws qvl::Error if the user wants to end or the deadline is over: between the steps of long work.
+    void goOn();
+
+    /// Complains about what was thrown, with advice; see Output::error.
+    Outcome fail(const qvl::Error& error, const std::string& where = {});
 
   private:
-    struct Stop {
-        void operator()(ReaderImpl* adaptor) const;
-    };
-
-    void readerStateChanged(bool ready) override;
-    void readerMessage(int code, const char* text) override;
-    void setUpWaiting();
-
     const SessionSettings mSettings;
     Output& mOutput;
     Interrupt& mInterrupt;
-    std::function<void(bool)> mListener;
+    const qvl::Limit::Clock::time_point mDeadline;
     // In the order in which they come to life.
-    std::optional<ReaderProcess> mReaderProcess;
-    std::optional<ConsolePrompt> mPrompt;
-    std::unique_ptr<ReaderImpl, Stop> mAdaptor;
+    std::optional<qvl::VirtualReader> mVirtualReader;
+    std::optional<qvl::Reader> mReader;
 };

@@ -17,4 +17,5 @@ struct Problem {
     std::string meaning;  ///< What has happened.
     std::string advice;   ///< What to try; may be empty.
     int status = 0;       ///< Status from the library; 0 if it gave none.
+    std::string reason;   ///< Reason class of the host layer; empty for what is not from there.
 };

@@ -61,16 +61,22 @@ Descriptor openLockFile(const std::string& path) {
     return {};
 }
 
-struct flock wholeFile(short type) {
+// Two bytes of the file are locked. Whoever waits holds the place of the next, and gives it back once it has the lock:
+// a process that gives the lock back and wants it at once finds the place taken, so that nobody starves.
+enum class Byte : off_t { lock = 0, next = 1 };
+
+struct flock recordOf(Byte byte, short type) {
     struct flock record {};
     record.l_type = type;
     record.l_whence = SEEK_SET;
+    record.l_start = static_cast<off_t>(byte);
+    record.l_len = 1;
     return record;
 }
 
 // A record lock belongs to the process: it goes with its death and is not inherited.
-int setRecordLock(int file, int command, short type) {
-    struct flock record = wholeFile(type);
+int setRecordLock(int file, Byte byte, int command, short type) {
+    struct flock record = recordOf(byte, type);
     int result = 0;
     do {
         result = ::fcntl(file, command, &record);
@@ -80,9 +86,12 @@ int setRecordLock(int file, int command, short type) {
 
 // The other process that holds the lock of `file`, 0 if there is none or it is not known.
 long recordHolder(int file) {
-    struct flock record = wholeFile(F_WRLCK);
+    struct flock record = recordOf(Byte::lock, F_WRLCK);
     return ::fcntl(file, F_GETLK, &record) == 0 && record.l_type != F_UNLCK ? record.l_pid : 0;
 }
+
+// Any refusal but "another process has it" only costs the order between processes.
+bool isTaken(int error) { return error == EAGAIN || error == EACCES; }
 
 // The report of one wait: due at its time, made at most once.
 class LongWaitReport {
@@ -155,10 +164,10 @@ struct NamedMutex::State {
     Entry enter(LongWaitReport& report);
     Entry tryEnter();
     void takeRecord(LongWaitReport& report);
-    bool tryTakeRecord();
+    bool takeRecordWhile(const std::function<bool()>& mayWait);
+    bool isMachineWide() const { return static_cast<bool>(mFile); }
     void leave();
     void startUnownedInChild();
-    bool isMachineWide() const { return static_cast<bool>(mFile); }
     const Descriptor& file() const { return mFile; }
 
     std::mutex mGuard;
@@ -197,27 +206,39 @@ NamedMutex::State::Entry NamedMutex::State::enter(LongWaitReport& report) {
     return own();
 }
 
-// The machine-wide half. Any refusal but "another process has it" only costs the order between processes.
+// The machine-wide half, for the owner.
 void NamedMutex::State::takeRecord(LongWaitReport& report) {
     if (!mFile) return;
-    int error = setRecordLock(mFile.get(), F_SETLK, F_WRLCK);
-    if (error == EAGAIN || error == EACCES) {
+    const auto take = [&](Byte byte) {
+        int error = setRecordLock(mFile.get(), byte, F_SETLK, F_WRLCK);
+        if (!isTaken(error)) return error;
         const ReportWhileBlocked whileBlocked(report);
-        error = setRecordLock(mFile.get(), F_SETLKW, F_WRLCK);
+        error = setRecordLock(mFile.get(), byte, F_SETLKW, F_WRLCK);
         while (error == EDEADLK) {  // the system judges by processes, and may see a circle where there is none
             std::this_thread::sleep_for(kBetweenAttempts);
-            error = setRecordLock(mFile.get(), F_SETLKW, F_WRLCK);
+            error = setRecordLock(mFile.get(), byte, F_SETLKW, F_WRLCK);
         }
-    }
-    mHasRecord = error == 0;
+        return error;
+    };
+    take(Byte::next);
+    mHasRecord = take(Byte::lock) == 0;
+    setRecordLock(mFile.get(), Byte::next, F_SETLK, F_UNLCK);
 }
 
-// @return false if another process has it; then the ownership is given up again.
-bool NamedMutex::State::tryTakeRecord() {
+// @return false if `mayWait` has ended the wait; then the ownership is given up again.
+bool NamedMutex::State::takeRecordWhile(const std::function<bool()>& mayWait) {
     if (!mFile) return true;
-    const int error = setRecordLock(mFile.get(), F_SETLK, F_WRLCK);
+    const auto take = [&](Byte byte) {
+        for (;;) {
+            const int error = setRecordLock(mFile.get(), byte, F_SETLK, F_WRLCK);
+            if (!isTaken(error) || !mayWait()) return error;
+        }
+    };
+    int error = take(Byte::next);
+    if (!isTaken(error)) error = take(Byte::lock);
+    setRecordLock(mFile.get(), Byte::next, F_SETLK, F_UNLCK);
     mHasRecord = error == 0;
-    if (error != EAGAIN && error != EACCES) return true;
+    if (!isTaken(error)) return true;
     giveUpOwnership();
     return false;
 }
@@ -232,7 +253,7 @@ void NamedMutex::State::leave() {
             return;
         }
     }
-    if (std::exchange(mHasRecord, false)) setRecordLock(mFile.get(), F_SETLK, F_UNLCK);
+    if (std::exchange(mHasRecord, false)) setRecordLock(mFile.get(), Byte::lock, F_SETLK, F_UNLCK);
     giveUpOwnership();
 }
 
@@ -308,23 +329,18 @@ void NamedMutex::lock(const LongWait& onLongWait) {
 }
 
 bool NamedMutex::lockWhile(const MayWait& mayWait) {
-    while (!try_lock()) {
-        const long other = mState->file() ? recordHolder(mState->file().get()) : 0;
-        if (!mayWait(other != 0 ? other : ::getpid())) return false;
+    const auto holder = [&] { return mState->file() ? recordHolder(mState->file().get()) : 0; };
+    const auto waitForOther = [&] { return mayWait(holder()); };
+    for (;;) {
+        const State::Entry entry = mState->tryEnter();
+        if (entry == State::Entry::nested) return true;
+        if (entry == State::Entry::first) return mState->takeRecordWhile(waitForOther);
+        if (const long other = holder(); !mayWait(other != 0 ? other : ::getpid())) return false;
     }
-    return true;
 }
 
 bool NamedMutex::try_lock() {
-    switch (mState->tryEnter()) {
-    case State::Entry::first:
-        return mState->tryTakeRecord();
-    case State::Entry::nested:
-        return true;
-    case State::Entry::refused:
-        break;
-    }
-    return false;
+    return lockWhile([](long) { return false; });
 }
 
 void NamedMutex::unlock() { mState->leave(); }

@@ -1,9 +1,20 @@
-# Turns each ```cpp block of a page into a function, and lists them.
-/^```cpp$/ { printf "void example%d(ReaderImpl& adaptor) {\n#line %d \"host-guide.md\"\n", ++count, NR + 1; inside = 1; next }
-/^```$/ && inside { print "}"; inside = 0; next }
+# Turns each ```cpp block of a page into a function with these parameters, and lists them as NAME. Declarations stay visible to
+# the blocks that follow if `joined` is set.
+/^```cpp$/ {
+  if (!joined) printf "void %s%d(%s) {\n", name, ++count, parameters
+  printf "#line %d \"%s\"\n", NR + 1, page
+  inside = 1
+  next
+}
+/^```$/ && inside {
+  if (!joined) print "}"
+  inside = 0
+  next
+}
 inside { print }
 END {
-  print "using Example = void (*)(ReaderImpl&);\nconst Example kExamples[] = {"
-  for (i = 1; i <= count; i++) printf "example%d, ", i
+  if (joined) exit
+  printf "using Example = void (*)(%s);\nconst Example %ss[] = {", parameters, name
+  for (i = 1; i <= count; i++) printf "%s%d, ", name, i
   print "};"
 }

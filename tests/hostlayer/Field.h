@@ -1,10 +1,12 @@
 #pragma once
 
 #include "ReaderUnderTest.h"
+#include "qvlmf500/qvl.h"
 #include "qvlmf500/qvl_virtual.h"
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <utility>
@@ -27,3 +29,15 @@ inline void expectError(qvl::Reason reason, const std::string& text, const std::
         EXPECT_THAT(error.what(), ::testing::HasSubstr(text));
     }
 }
+
+/// Other tests of this machine use their readers meanwhile.
+inline const std::chrono::seconds kPatience{60};
+
+/// A virtual reader with tags and the reader opened on it.
+class Field {
+  public:
+    explicit Field(std::vector<std::string> tags) : simulator(readerWith(std::move(tags))), reader(kPatience) {}
+
+    qvl::VirtualReader simulator;
+    qvl::Reader reader;
+};

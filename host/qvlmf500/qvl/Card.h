@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace qvl {
 
@@ -19,9 +20,18 @@ namespace qvl {
 struct ApduAnswer {
     Bytes data;  ///< Without the status word.
     std::uint8_t sw1 = 0, sw2 = 0;
+    std::vector<Bytes> followUps{};  ///< What Card::exchange has sent after the command.
 
     std::uint16_t statusWord() const { return static_cast<std::uint16_t>(sw1 << 8 | sw2); }
     bool ok() const { return statusWord() == 0x9000; }
+};
+
+/// How a command goes to a card.
+struct SendOptions {
+    std::uint8_t nad = 0;  ///< Node address, for cards that take one.
+    bool raw = false;      ///< Without a place for a node address.
+    bool retry =
+        false;  ///< For a command that may be repeated: if the exchange fails, wake the card and send once more.
 };
 
 /// A session with a smart card (ISO/IEC 14443-4) that a Reader has opened. It ends with this object, which moves and
@@ -34,6 +44,7 @@ class Card {
         end();
         mSession = std::move(other.mSession);
         mUid = other.mUid;
+        mNumber = other.mNumber;
         mAts = std::move(other.mAts);
         return *this;
     }
@@ -43,35 +54,47 @@ class Card {
     /// Answer to select, its length byte first.
     const Bytes& ats() const { return mAts; }
 
-    /// Sends bytes and gives the answer as it comes. A card that does not answer is not sent to again: it may have done
-    /// what it was told. @throws Error: lost if the exchange failed, notPermitted (status -50) for an answer above 4096
-    /// bytes, whose rest is dropped.
-    Bytes transmit(ByteView command, const Limit& limit = Limit(std::chrono::seconds(5))) {
-        return send(command, false, limit);
-    }
-    /// The same for a command that may be repeated: if the exchange fails, the card is woken and it is sent once more.
-    Bytes transmitAgain(ByteView command, const Limit& limit = Limit(std::chrono::seconds(5))) {
-        return send(command, true, limit);
+    /// Its number on the line, 0 to 15.
+    std::uint8_t number() const { return mNumber; }
+
+    /// Sends bytes and gives the answer as it comes. @throws Error: lost if the exchange failed, and then it is not
+    /// known whether the card has done what it was told; notPermitted (status -50) for an answer above 4096 bytes,
+    /// whose rest is dropped.
+    Bytes transmit(ByteView command, const Limit& limit = Limit(std::chrono::seconds(5)),
+                   const SendOptions& options = {}) {
+        if (!mSession) throw Error(Reason::noReader, "the session with the card is closed");
+        detail::Call call(mSession, limit);
+        Bytes answer;
+        const int status = sendOnce(call, command, options, answer);
+        if (status == kTclRestPending) dropRest(call, command, options);
+        if (status != kOk) call.fail(status, "card " + mUid.text());
+        return answer;
     }
     /// Sends a command APDU, fetches what waits (61xx) with GET RESPONSE, and repeats a command with a wrong Le (6Cxx)
     /// with the right one. @throws Error as transmit; content for an answer without a status word or without an end.
-    ApduAnswer exchange(ByteView command, const Limit& limit = Limit(std::chrono::seconds(5))) {
+    ApduAnswer exchange(ByteView command, const Limit& limit = Limit(std::chrono::seconds(5)),
+                        const SendOptions& options = {}) {
         constexpr std::uint8_t kMoreWaits = 0x61, kWrongLe = 0x6C, kGetResponse = 0xC0;
-        constexpr std::size_t kShortCase2 = 5, kMostFollowUps = 1024;
-        ApduAnswer answer = split(transmit(command, limit));
-        if (answer.sw1 == kWrongLe && command.size() >= kShortCase2) {
+        constexpr std::size_t kShortestWithLe = 5, kMostFollowUps = 1024;
+        ApduAnswer answer = split(transmit(command, limit, options));
+        std::vector<Bytes> followUps;
+        const auto follow = [&](Bytes next) {
+            if (followUps.size() == kMostFollowUps) throw Error(Reason::content, "the answer of the card does not end");
+            followUps.push_back(std::move(next));
+            return split(transmit(followUps.back(), limit, options));
+        };
+        if (answer.sw1 == kWrongLe && command.size() >= kShortestWithLe) {
             Bytes again(command.begin(), command.end());
             again.back() = answer.sw2;
-            answer = split(transmit(again, limit));
+            answer = follow(std::move(again));
         }
         Bytes all = std::move(answer.data);
-        for (std::size_t i = 0; answer.sw1 == kMoreWaits; ++i) {
-            if (i == kMostFollowUps) throw Error(Reason::content, "the answer of the card does not end");
-            const std::uint8_t classByte = command.empty() ? std::uint8_t{0} : command[0];
-            answer = split(transmit(Bytes{classByte, kGetResponse, 0, 0, answer.sw2}, limit));
+        while (answer.sw1 == kMoreWaits) {
+            answer = follow({command.empty() ? std::uint8_t{0} : command[0], kGetResponse, 0, 0, answer.sw2});
             all.insert(all.end(), answer.data.begin(), answer.data.end());
         }
         answer.data = std::move(all);
+        answer.followUps = std::move(followUps);
         return answer;
     }
 
@@ -92,12 +115,12 @@ class Card {
 
   private:
     friend class Reader;
-    Card(detail::SessionPtr session, const Uid& uid, Bytes ats)
-        : mSession(std::move(session)), mUid(uid), mAts(std::move(ats)) {
+    Card(detail::SessionPtr session, const Uid& uid, std::uint8_t number, Bytes ats)
+        : mSession(std::move(session)), mUid(uid), mNumber(number), mAts(std::move(ats)) {
         ++mSession->openCards;
     }
 
-    static constexpr int kSend = 40, kDeselect = 43;
+    static constexpr int kSend = 40, kSendRaw = 41, kDeselect = 43;
 
     TagUID tagUid() const {
         return {mUid.bytes().data(), static_cast<std::uint32_t>(mUid.bytes().size()), kTagUnknown};
@@ -109,25 +132,19 @@ class Card {
             // The card is out of the field, or the reader is: the session is over either way.
         }
     }
-    Bytes send(ByteView command, bool retry, const Limit& limit) {
-        if (!mSession) throw Error(Reason::noReader, "the session with the card is closed");
-        detail::Call call(mSession, limit);
-        Bytes answer;
-        const int status = sendOnce(call, command, retry, answer);
-        if (status == kTclRestPending) dropRest(call, command);
-        if (status != kOk) call.fail(status, "card " + mUid.text());
-        return answer;
-    }
-    int sendOnce(detail::Call& call, ByteView command, bool retry, Bytes& answer) const {
+    int sendOnce(detail::Call& call, ByteView command, const SendOptions& options, Bytes& answer) const {
         QVLParamCollection in;
         TagUID tag = tagUid();
-        const bool isComplete = in.addParameter(tag) == kMemoryOk && in.addByte(0) == kMemoryOk &&
-                                in.addBytes(static_cast<std::uint32_t>(command.size()), command.data()) == kMemoryOk &&
-                                in.addByte(static_cast<std::uint8_t>(retry)) == kMemoryOk;
+        constexpr std::uint32_t kUnused = 0;
+        bool isComplete = in.addParameter(tag) == kMemoryOk;
+        if (!options.raw) isComplete = isComplete && in.addByte(options.nad) == kMemoryOk;
+        isComplete = isComplete && in.addBytes(static_cast<std::uint32_t>(command.size()), command.data()) == kMemoryOk;
+        if (options.raw) isComplete = isComplete && in.addLong(kUnused) == kMemoryOk;
+        isComplete = isComplete && in.addByte(static_cast<std::uint8_t>(options.retry)) == kMemoryOk;
         if (!isComplete) return kStreamFull;
         in.rewind();
         detail::FromLibrary<QVLParamCollection> out(call.library());
-        const int status = call.library().runCommand(kSend, in, out.out());
+        const int status = call.library().runCommand(options.raw ? kSendRaw : kSend, in, out.out());
         if (status != kOk) return status;
         out.get()->rewind();
         std::uint32_t length = 0;
@@ -138,20 +155,22 @@ class Card {
         return kOk;
     }
     /// What the library keeps of an answer would be taken for that of the next command.
-    void dropRest(detail::Call& call, ByteView command) const {
+    void dropRest(detail::Call& call, ByteView command, SendOptions options) const {
         constexpr int kMostRests = 64;
+        options.retry = false;
         Bytes rest;
-        for (int i = 0; i < kMostRests && sendOnce(call, command, false, rest) == kTclRestPending; ++i) {
+        for (int i = 0; i < kMostRests && sendOnce(call, command, options, rest) == kTclRestPending; ++i) {
         }
     }
     static ApduAnswer split(const Bytes& answer) {
         constexpr std::size_t kStatusWord = 2;
         if (answer.size() < kStatusWord) throw Error(Reason::content, "the answer of the card has no status word");
-        return {Bytes(answer.begin(), answer.end() - kStatusWord), answer[answer.size() - 2], answer.back()};
+        return {Bytes(answer.begin(), answer.end() - kStatusWord), answer[answer.size() - 2], answer.back(), {}};
     }
 
     detail::SessionPtr mSession;  // null once it is closed
     Uid mUid;
+    std::uint8_t mNumber;
     Bytes mAts;
 };
 

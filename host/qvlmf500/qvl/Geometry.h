@@ -46,6 +46,13 @@ struct Geometry {
         return block < kFirstLargeBlock ? block / kSmall : kSmallSectors + (block - kFirstLargeBlock) / kLarge;
     }
     constexpr bool isTrailer(int block) const { return hasTrailers && trailerOf(sectorOf(block)) == block; }
+    /// Data blocks, which trailers are not, from this block to the end.
+    constexpr int dataBlocksFrom(int block) const {
+        int count = 0;
+        for (int each = block; each < blocks; ++each)
+            count += isTrailer(each) ? 0 : 1;
+        return count;
+    }
     /// Data blocks that share an access condition, and the group of one, 0 to 2.
     constexpr int groupSize(int sector) const { return (blocksOf(sector) - 1) / 3; }
     constexpr int groupOf(int block) const {

@@ -8,6 +8,7 @@
 #include "Session.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <limits>
@@ -31,15 +32,16 @@ inline constexpr int kAllBlocks = 999;
 /// became of each block and throw only if none succeeded.
 class Memory {
   public:
-    /// Reads `count` data blocks from `first` on. Trailers are skipped and do not count.
+    /// Reads `count` data blocks from `first` on, or with kAllBlocks all to the end. Trailers are skipped and do not
+    /// count.
     Blocks read(int first, int count = 1, const Login& login = {}, const Limit& limit = Limit(kUsualWait)) const {
         detail::Call call(mSession, limit);
         detail::FromLibrary<std::uint8_t> data(call.library());
         detail::FromLibrary<OpResultCode> records(call.library());
         int length = 0, recordCount = 0;
         const int status = call.library().getBlockData(0, mAppType, mTag, mAppId, mode(login), bytes(login),
-                                                       small(first), small(count), data.out(), length, directoryMode(),
-                                                       directoryKey(), recordCount, records.out());
+                                                       small(first), blockCount(first, count), data.out(), length,
+                                                       directoryMode(), directoryKey(), recordCount, records.out());
         return blocks(call, status, data, length, results(records, recordCount));
     }
 
@@ -58,8 +60,8 @@ class Memory {
         detail::FromLibrary<OpResultCode> records(call.library());
         int recordCount = 0;
         const int status = call.library().setBlockData(
-            0, mAppType, mTag, mAppId, mode(login), bytes(login), small(first), small(count), copy.data(), length(copy),
-            directoryMode(), directoryKey(), nullptr, recordCount, records.out());
+            0, mAppType, mTag, mAppId, mode(login), bytes(login), small(first), blockCount(first, count), copy.data(),
+            length(copy), directoryMode(), directoryKey(), nullptr, recordCount, records.out());
         return checked(call, status, results(records, recordCount), "block");
     }
 
@@ -145,6 +147,11 @@ class Memory {
             throw Error(Reason::badArgument, kOutOfRange, std::to_string(number) + " is out of range");
         return static_cast<short>(number);
     }
+    short blockCount(int first, int count) const {
+        const auto geometry = Geometry::of(mTag.getTagType());
+        const bool isWhole = count == kAllBlocks && mAppType == TagAppNone && geometry;
+        return small(isWhole ? geometry->dataBlocksFrom(first) : count);
+    }
     static std::uint8_t* writable(const std::optional<Key>& key) { return const_cast<std::uint8_t*>(bytes(key)); }
     static int length(const Bytes& bytes) {
         if (bytes.size() > static_cast<std::size_t>(std::numeric_limits<int>::max()))
@@ -176,6 +183,14 @@ class Memory {
     }
     void check(detail::Call& call, int status) const { check(call, status, "", -1); }
 
+    std::array<std::uint16_t, 16> directoryEntries(const Login& login, const Limit& limit) const {
+        detail::Call call(mSession, limit);
+        std::array<short, 16> entries{};
+        check(call, call.library().getAppIdDir(0, TagAppMad1, mTag, entries.data(), mode(login), bytes(login)));
+        std::array<std::uint16_t, 16> directory{};
+        std::ranges::copy(entries, directory.begin());
+        return directory;
+    }
     Results changeKeys(int firstSector, int count, const KeyPair& newKeys, const Login& login,
                        const Limit& limit) const {
         detail::Call call(mSession, limit);

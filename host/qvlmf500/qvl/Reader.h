@@ -156,7 +156,7 @@ class Reader {
             const auto seen = detail::listField(call);
             for (const detail::Seen& each : seen.value_or(std::vector<detail::Seen>()))
                 if (uid.empty() ? mayBeCard(each) : each.uid == uid)
-                    if (auto ats = openCard(call, each)) return Card(mSession, each.uid, std::move(*ats));
+                    if (auto card = openCard(call, each)) return std::move(*card);
             pauseOrThrow(call, seen.has_value(),
                          uid.empty() ? "no card came" : "the card " + uid.text() + " did not come");
         }
@@ -213,7 +213,7 @@ class Reader {
                std::find(ids.get(), ids.get() + count, static_cast<short>(query.id)) != ids.get() + count;
     }
     /// None for a tag that is no card, or one that has left meanwhile.
-    static std::optional<Bytes> openCard(detail::Call& call, const detail::Seen& seen) {
+    std::optional<Card> openCard(detail::Call& call, const detail::Seen& seen) const {
         const detail::Call::Look look(call);
         detail::FromLibrary<std::uint8_t> ats(call.library());
         std::uint8_t cid = 0;
@@ -223,7 +223,7 @@ class Reader {
         call.throwEnd(status);
         if (status == detail::kNoFreeCid) call.fail(status);
         if (status != kOk) return std::nullopt;
-        return Bytes(ats.get(), ats.get() + length);
+        return Card(mSession, seen.uid, cid, Bytes(ats.get(), ats.get() + length));
     }
 
     detail::SessionPtr mSession;

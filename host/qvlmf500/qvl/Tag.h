@@ -21,6 +21,14 @@ class Application : public Memory {
   public:
     std::uint16_t id() const { return static_cast<std::uint16_t>(mAppId); }
 
+    /// The sectors of the tag that belong to it, in the order of its blocks.
+    std::vector<int> sectors(const Limit& limit = Limit(kUsualWait)) const {
+        std::vector<int> sectors;
+        const auto entries = directoryEntries(mDirectory.value_or(Login{Key::directory()}), limit);
+        for (std::size_t sector = 0; sector < entries.size(); ++sector)
+            if (entries[sector] == id()) sectors.push_back(static_cast<int>(sector));
+        return sectors;
+    }
     /// All of its blocks.
     Blocks readAll(const Login& login = {}, const Limit& limit = Limit(kUsualWait)) const {
         return read(0, kAllBlocks, login, limit);
@@ -45,16 +53,16 @@ class Application : public Memory {
                                 const Limit& limit = Limit(kUsualWait)) const {
         return give(&ReaderImpl::addAppSector, count, directoryB, newKeys, freeSectorB, access, limit);
     }
-    /// Takes sectors from it, from a place in the list of its sectors, and clears them. `login` may write their
-    /// trailers. All of them remove it. Freed sectors get `newKeys`, or the public key A and the directory's key B.
+    /// Takes sectors from it, from a place in the list of its sectors, and clears them; all of them remove it. `login`
+    /// may write their trailers. Freed sectors get the new keys, or the public key A and the directory's key B.
     void removeSectors(int from, int count, const Key& directoryB, const Login& login,
-                       const std::optional<KeyPair>& newKeys = {}, const Limit& limit = Limit(kUsualWait)) const {
+                       const std::optional<Key>& newKeyA = {}, const std::optional<Key>& newKeyB = {},
+                       const Limit& limit = Limit(kUsualWait)) const {
         std::vector<int> statuses(static_cast<std::size_t>(small(count)));
         detail::Call call(mSession, limit);
         check(call, call.library().removeAppSector(0, mAppType, mAppId, directoryB.bytes().data(), 0, small(from),
-                                                   small(count), mTag, mode(login), bytes(login),
-                                                   newKeys ? newKeys->a.bytes().data() : nullptr,
-                                                   newKeys ? newKeys->b.bytes().data() : nullptr, statuses.data()));
+                                                   small(count), mTag, mode(login), bytes(login), bytes(newKeyA),
+                                                   bytes(newKeyB), statuses.data()));
     }
     /// Replaces both keys of all its sectors; `login` may write the trailers.
     Results setKeys(const KeyPair& newKeys, const Login& login, const Limit& limit = Limit(kUsualWait)) const {
@@ -113,12 +121,7 @@ class Tag : public Memory {
     /// The entry of each sector at its number: an application, 0 for a free sector, 1 for a defect one.
     std::array<std::uint16_t, 16> directory(const Login& login = {Key::directory()},
                                             const Limit& limit = Limit(kUsualWait)) const {
-        detail::Call call(mSession, limit);
-        std::array<short, 16> entries{};
-        check(call, call.library().getAppIdDir(0, TagAppMad1, mTag, entries.data(), mode(login), bytes(login)));
-        std::array<std::uint16_t, 16> directory{};
-        std::ranges::copy(entries, directory.begin());
-        return directory;
+        return directoryEntries(login, limit);
     }
     /// An application that is on the tag; nothing is asked of the tag yet. `directory` opens sector 0.
     Application application(std::uint16_t id, const Login& directory = {Key::directory()}) const {
