@@ -244,6 +244,25 @@ TEST_F(Link, GoesOnWithoutAKeyAfterADamagedAgreement) {
     EXPECT_EQ(driver->pcdConfig(), kBflDeviceFailed) << "that of the step after it";
 }
 
+TEST_F(Link, WipesTheReplyThatBringsTheSessionKey) {
+    std::uint8_t last[16];
+    nextKeyPoolValue(last);
+    const auto challenge = md5(last);  // the next value of the pool
+    const KeyValue confirmation = rotateKey(challenge.data());
+    Bytes body = hex("1D 00");
+    body.insert(body.end(), confirmation.begin(), confirmation.end());
+    body.resize(24);
+    body.resize(40, 0xA5);
+    Bytes reply = frame(0xD5, body);
+    LinkCipher cipher;
+    cipher.setKey(confirmation.data());
+    cipher.crypt(tama::scrambledPart(reply).data(), 38);
+    script->expects({}).answers(ack()).answers(reply).writeFails(kDeviceFailed);
+    EXPECT_EQ(driver->pcdConfig(), kBflDeviceFailed);
+    const auto* const object = reinterpret_cast<const std::uint8_t*>(driver.get());
+    EXPECT_EQ(std::search_n(object, object + sizeof *driver, 16, 0xA5), object + sizeof *driver);
+}
+
 TEST(KeyMaterial, IsWipedAfterItsUse) {
     const Bytes key(16, 0x5A);
     CommandObject command;

@@ -30,6 +30,7 @@ struct Line {
     Bytes reply{0, 0}, heard;
     std::vector<std::uint32_t> limits;  ///< How long the driver has waited.
     bool isSilent = false, knowsItsNumber = false;
+    int leftOvers = 0;  ///< Late messages of earlier commands.
 };
 
 class LineDevice : public Mf500Device {
@@ -47,6 +48,7 @@ class LineDevice : public Mf500Device {
     platform::IoResult read(std::span<std::uint8_t> buffer, std::size_t& count, std::uint32_t timeoutMs) override {
         if (timeoutMs > 0) mLine.limits.push_back(timeoutMs);
         count = 0;
+        if (timeoutMs == 0 && mLine.leftOvers > 0) return --mLine.leftOvers, platform::IoResult::done;
         if (!std::exchange(mIsDue, false)) return platform::IoResult::timedOut;
         count = std::min(mPending.size(), buffer.size());
         std::copy_n(mPending.begin(), count, buffer.begin());
@@ -246,6 +248,14 @@ TEST_F(Mf500, WaitsAsLongAsTheReaderMay) {
     EXPECT_EQ(driver.piccActivateIdleLoop(0, out, out, out, out, 60), kBflDeviceTimedOut);
     EXPECT_EQ(driver.piccHalt(), kBflDeviceTimedOut) << "no longer for a question before it";
     EXPECT_EQ(line.limits, (std::vector<std::uint32_t>{6000, 66000, 6000}));
+}
+
+TEST_F(Mf500, DropsLateRepliesButNotForEver) {
+    for (const int sent : {3, 100000}) {
+        line.leftOvers = sent;
+        EXPECT_EQ(driver.piccHalt(), 0);
+        EXPECT_EQ(line.leftOvers > 0, sent > 3);
+    }
 }
 
 TEST(Mf500WithoutADevice, DoesNotOpen) {
