@@ -118,6 +118,14 @@ TEST(AMessageReader, DeliversOneMessagePerReadUntilItsPeerIsGone) {
     EXPECT_EQ(device.WriteBytesUnblocked(reinterpret_cast<const std::uint8_t*>("x"), 1, &count, 100), kDeviceFailed);
 }
 
+TEST(AFloodingReader, IsNotDrainedForEver) {
+    const TempDirectory directory;
+    TamaFileDevice device;
+    ASSERT_EQ(device.OpenInterface(directory.write("flood", std::string(1 << 20, 'x')).c_str(), 0, 0), kDeviceOk);
+    device.discardInput();
+    EXPECT_EQ(readFrame(device, kDeviceOk).size(), 1024u);
+}
+
 TEST(TheFactory, ChoosesByTheName) {
     TamaFrameAssembler assembler;
     EXPECT_NE(dynamic_cast<TamaSerialDevice*>(makeTamaDevice({"COM1", 9600, &assembler}).get()), nullptr);
