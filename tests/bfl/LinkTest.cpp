@@ -256,9 +256,10 @@ TEST_F(Link, WipesTheReplyThatBringsTheSessionKey) {
     Bytes reply = frame(0xD5, body);
     LinkCipher cipher;
     cipher.setKey(confirmation.data());
-    cipher.crypt(tama::scrambledPart(reply).data(), 38);
+    cipher.crypt(tama::scrambledPart(reply).data(), 39);
     script->expects({}).answers(ack()).answers(reply).writeFails(kDeviceFailed);
     EXPECT_EQ(driver->pcdConfig(), kBflDeviceFailed);
+    EXPECT_EQ(script->written.back()[6], 0x1E) << "the agreement was sound";
     const auto* const object = reinterpret_cast<const std::uint8_t*>(driver.get());
     EXPECT_EQ(std::search_n(object, object + sizeof *driver, 16, 0xA5), object + sizeof *driver);
 }
