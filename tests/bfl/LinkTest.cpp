@@ -206,6 +206,7 @@ TEST_F(Link, AsksOnceForTheReadersNumberAfterAFailedCommand) {
         {[&] { script->answers(ack()).readGives(kDeviceTimedOut); }, {late, ack(), rsp("25 14")}},
         {[&] { script->answers(ack()).answers(rsp("99")); }, {Bytes(1024, 0xFF), ack(), rsp("25 00")}},
         {[&] { script->answers(late); }, {late, ack(), rsp("25 00")}},
+        {[&] { script->answers(ack()).readGives(kDeviceFailed); }, {late, ack(), rsp("25 00")}},
     };
     for (const auto& c : cases) {
         script->expects({});
