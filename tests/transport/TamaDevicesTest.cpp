@@ -75,6 +75,9 @@ TEST(ASerialReader, DeliversOneFramePerReadAndEndsABadOneAtOnce) {
     terminal.write(kReply);
     EXPECT_EQ(readFrame(device, kDeviceOk), kReply) << "and nothing is carried over";
 
+    const std::vector<std::uint8_t> flood(1 << 20);
+    EXPECT_EQ(device.WriteBytesUnblocked(flood.data(), 1 << 20, &count, 30), kDeviceFailed);
+    EXPECT_FALSE(device.isGone()) << "it only takes no more";
     terminal.write(kReply.substr(0, 4));
     terminal.closeMaster();
     EXPECT_EQ(readFrame(device, kDeviceFailed), "");
