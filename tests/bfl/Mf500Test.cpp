@@ -95,6 +95,7 @@ TEST_F(Mf500, ReadsItsReplies) {
     EXPECT_STREQ(reinterpret_cast<const char*>(out), "V1.23");
     EXPECT_EQ(answering({0, 0, 3, 0, 0x11, 0x90, 0x00}).piccExchangeBlock(out, 2, out, &room, 1, 0), 0);
     EXPECT_EQ(room, 3);
+    EXPECT_EQ(answering(Bytes(6, 0)).piccActivateAny(out, &sak, out, &length), kBflNoTag) << "zeros are no UID";
     EXPECT_EQ(driver.piccActivateIdle(0, out, &sak, out, &length, out, &length), kBflNotImplemented);
     EXPECT_EQ(driver.switchLED(1, 1, 1), 0);
 }
