@@ -162,7 +162,7 @@ TEST_F(ApduTest, NamesThePlaceOfAMistakeBeforeAnythingIsSent) {
 TEST_F(ApduTest, FindsTheWantedCardOnly) {
     const Words noCard = apdu("new:1k", {"00A40400"});
     EXPECT_EQ(only(runJson(noCard, 1)).value("error", ""), "no tag");
-    const std::string other = card("answer 00A4* 01 9000\n", "04010101010101");
+    const std::string other = card("answer 00A4* 01 9000\n", "04F10101010101");
     const std::string wanted = card("answer 00A4* 02 9000\n");
     for (const Words& order : {Words{other, wanted}, Words{wanted, other}}) {
         const auto all = runJson(
@@ -173,6 +173,15 @@ TEST_F(ApduTest, FindsTheWantedCardOnly) {
     }
     const auto missing = runJson({"--virtual", other, "apdu", "--timeout", "0.2", "--uid", kUid, "00A40400"}, 1);
     EXPECT_EQ(missing.back().value("error", ""), "wait over");
+
+    const auto reader = plugReaderIn();
+    EXPECT_EQ(reader->ask("place " + other + " as other"), "ok other");
+    EXPECT_EQ(reader->ask("place " + wanted + " as wanted"), "ok wanted");
+    const auto child = start({"--wait", "20", "apdu", "--uid", kUid});
+    EXPECT_THAT(child->line(), HasSubstr(kUid));
+    EXPECT_THAT(reader->ask("list"), HasSubstr("  halted  ")) << "the other one answers first, and is put aside";
+    child->close(ChildProgram::input);
+    EXPECT_EQ(child->wait(), 0);
 }
 
 TEST_F(ApduTest, RawBytesHaveNoStatusWord) {

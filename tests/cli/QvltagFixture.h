@@ -17,9 +17,12 @@
 #include <tuple>
 #include <vector>
 
+using ::testing::AllOf;
+using ::testing::AnyOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 /// A machine without a reader, on which qvltag runs. It leaves nothing behind in the directory for temporary files.

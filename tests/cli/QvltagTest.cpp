@@ -2,6 +2,10 @@
 
 #include "QvltagFixture.h"
 
+#include <fstream>
+
+#include <sys/stat.h>
+
 namespace {
 
 TEST_F(QvltagTest, InfoShowsWhichReaderAnswers) {
@@ -102,6 +106,19 @@ TEST_F(QvltagTest, ShowsTheDeviceThatTheHelperLibraryOfTheInstallationKnows) {
     EXPECT_EQ(info.value("device", ""), isMf500UnderTest() ? "USB\\reader, 255 characters at most" : "");
 }
 
+TEST_F(QvltagTest, PromptsForNothingAfterCtrlC) {
+    const auto reader = plugReaderIn();
+    const std::string pipe = place / "key";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const auto child = start({"--wait", "1", "read", "4", "--key", "@" + pipe});
+    std::ofstream key(pipe);  // opens when qvltag does
+    child->signalGroup(SIGINT);
+    key << "FFFFFFFFFFFF" << std::flush;
+    key.close();
+    EXPECT_THAT(child->rest(ChildProgram::errors), StartsWith("qvltag: cancelled"));
+    EXPECT_EQ(child->wait(), 1);
+}
+
 TEST_F(QvltagTest, HelpAndVersionAreResults) {
     EXPECT_THAT(run({"--version"}).out, StartsWith("qvltag "));
     for (const Words& arguments : {Words{"--help"}, Words{"poll", "--help"}, Words{"led", "-h"}, Words{"info", "-h"}}) {
@@ -110,6 +127,8 @@ TEST_F(QvltagTest, HelpAndVersionAreResults) {
         EXPECT_THAT(help.out, HasSubstr("Usage: qvltag"));
         EXPECT_EQ(help.err, "");
     }
+    EXPECT_THAT(run({"--help"}, QVLREADERSIM).out,
+                AllOf(HasSubstr("  --com N  "), Not(AnyOf(HasSubstr(" in ["), HasSubstr("Excludes:")))));
 }
 
 }  // namespace

@@ -152,13 +152,22 @@ TEST_F(LogFile, PathIsTakenWithDriveAndBackslashesAndTheKindChoosesThePrefix) {
         inFreshProcess([kind = kind] { logMessage(0, "m", 1, "f", static_cast<LogFileKind>(kind)); });
         EXPECT_EQ(lines(file("x/" + std::string(prefix) + "0000.txt")).size(), 2u) << prefix;
     }
+    const auto load = [this](bool raised) {
+        gRaisedRights = raised;
+        fs::current_path(mInstall.path());
+        IniManager::instance().setDirectoryAndReload((mInstall / "data/conf").c_str());
+        IniManager::instance().loadAndReplace("QVLReader.ini");
+    };
+    configure("LOGENABLE=1\n", " ");
+    inFreshProcess([&] {
+        load(true);
+        EXPECT_STREQ(iniGetValue("LOGSERVICE", "LOGPATH"), "");
+        EXPECT_TRUE(logWanted(kLogFailure)) << "nothing stands for the default path, which begins at the root";
+    });
     configure("LOGENABLE=1\n", "rel\\ative");
     for (const bool raised : {true, false}) {
-        inFreshProcess([this, raised] {
-            gRaisedRights = raised;
-            fs::current_path(mInstall.path());
-            IniManager::instance().setDirectoryAndReload((mInstall / "data/conf").c_str());
-            IniManager::instance().loadAndReplace("QVLReader.ini");
+        inFreshProcess([&] {
+            load(raised);
             say("m");
         });
         EXPECT_EQ(fs::exists(mInstall / "rel"), !raised) << "the working directory must not say where files appear";
