@@ -1,5 +1,6 @@
 // Smart cards and the chip of the reader: commands from everywhere they may come from, and what is made of the answers.
 
+#include "HexBytes.h"
 #include "QvltagFixture.h"
 
 namespace {
@@ -31,10 +32,9 @@ class ApduTest : public QvltagTest {
     }
     /// A Type 4 Tag with this message, in hexadecimal; `answers` come before its own.
     std::string type4(const std::string& message, const std::string& answers = {}) {
-        const std::size_t size = message.size() / 2;
-        std::string file{static_cast<char>(size >> 8), static_cast<char>(size)};
-        for (std::size_t i = 0; i < size; ++i)
-            file += static_cast<char>(std::stoi(message.substr(2 * i, 2), nullptr, 16));
+        const auto bytes = hex(message);
+        std::string file{static_cast<char>(bytes.size() >> 8), static_cast<char>(bytes.size())};
+        file.append(bytes.begin(), bytes.end());
         place.write("message.ndef", file + std::string(8, '\0'));
         return card(answers + "ndef message.ndef\n");
     }

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string_view>
@@ -314,14 +315,15 @@ TEST_F(LogFile, ThreadsSetUpOnceAndKeepTheirLinesWholeFromFileToFile) {
 TEST_F(LogFile, ProcessesShareADirectoryAndLoseNothing) {
     constexpr int kProcesses = 8, kRecords = 400;
     const std::string filler = ' ' + std::string(1500, 'x');
-    std::vector<pid_t> children;
+    std::vector<std::unique_ptr<ForkedChild>> children;
     for (int p = 0; p < kProcesses; ++p)
-        children.push_back(startChild([&] {
+        children.push_back(std::make_unique<ForkedChild>([&] {
             for (int i = 0; i < kRecords; ++i)
                 say(std::to_string(p) + ' ' + std::to_string(i) + filler);
+            return 0;
         }));
-    for (const pid_t child : children)
-        expectChildSucceeds(child);
+    for (const auto& child : children)
+        EXPECT_EQ(child->wait(), 0);
 
     std::set<std::string> seen;
     for (const auto& entry : fs::directory_iterator(mLog))
@@ -375,13 +377,12 @@ struct LateLogger {
 };
 
 TEST_F(LogFile, StaticDestructorsMayLog) {
-    for (const bool isFirstCall : {true, false}) {
-        expectChildSucceeds(startChild([&] {
+    for (const bool isFirstCall : {true, false})
+        inFreshProcess([&] {
             static const LateLogger late;
             if (!isFirstCall) say("early");
             std::exit(0);
-        }));
-    }
+        });
     EXPECT_EQ(listing(), "rdrlog.dat:1 rdrlog0000.txt:4 ");
 }
 

@@ -84,13 +84,6 @@ TEST_F(FaultTest, HeldBackFramesComeBeforeTheNextAnswer) {
     EXPECT_EQ(all("02"), "ACK, 03 04 02, -");
 }
 
-TEST_F(FaultTest, CountsChooseTheCommand) {
-    EXPECT_EQ(reader->addFaults("# a plan\n26 2 status 11\n\n  any 4 no reply # the fourth of all\n26 from 3 error\n"),
-              "");
-    for (const char* expected : {"27 00", "27 11", "ERROR", "silence", "ERROR"})
-        EXPECT_EQ(host("26 00"), expected);
-}
-
 TEST_F(FaultTest, TagsLeaveReturnAndChangePlaces) {
     reader->field().place(std::make_shared<UltralightTag>(UltralightTag::blankImage(hex("04112233445566"))), "other");
     reader->field().setPresent("other", false);
