@@ -22,11 +22,12 @@ class ChildProgram {
     enum Stream { input, output, errors };
     static constexpr int kPatienceMs = 20'000;
 
-    ChildProgram(std::vector<std::string> arguments, const std::map<std::string, std::string>& environment = {}) {
+    ChildProgram(std::string program, std::vector<std::string> arguments,
+                 const std::map<std::string, std::string>& environment = {}) {
         std::array<std::array<int, 2>, 4> pipes{};
         for (auto& each : pipes)
             EXPECT_EQ(::pipe2(each.data(), O_CLOEXEC), 0);
-        std::vector<char*> words;
+        std::vector<char*> words{program.data()};
         for (std::string& argument : arguments)
             words.push_back(argument.data());
         words.push_back(nullptr);
@@ -39,7 +40,7 @@ class ChildProgram {
             ::dup2(pipes[kAlive][1], kInheritedAs);
             for (const auto& [name, value] : environment)
                 ::setenv(name.c_str(), value.c_str(), 1);
-            ::execv(words[0], words.data());
+            ::execv(program.c_str(), words.data());
             ::_exit(127);
         }
         mEnds = {pipes[input][1], pipes[output][0], pipes[errors][0], pipes[kAlive][0]};

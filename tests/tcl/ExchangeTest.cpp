@@ -7,7 +7,6 @@
 #include "QvlTclUtil.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <functional>
 #include <sstream>

@@ -121,6 +121,13 @@ TEST(FaultPlanText, MistakesNameLineAndCause) {
         {"4A 1 cut -1", "line 1: \"cut\" takes a decimal number"},
         {"4A 1 power lost", "line 1: \"power lost\" goes with \"write\" only"},
         {"write 1 nack", "line 1: \"nack\" does not go with \"write\""},
+        {"4A 1 lost", "line 1: \"lost\" goes with \"block\" and \"deselect\" only"},
+        {"blocks 1 lost", "line 1: unknown command \"blocks\": two hexadecimal digits, \"any\", \"write\""},
+        {"block 1 nack", "line 1: \"nack\" does not go with \"block\" and \"deselect\""},
+        {"deselect 1 torn 3", "line 1: \"torn\" goes with \"write\" only"},
+        {"block 1 wtx 256", "line 1: \"wtx\" takes a decimal number, at most 255"},
+        {"block 1 pcb", "line 1: \"pcb\" takes a byte in hexadecimal"},
+        {"block 1 gone", "line 1: \"gone\" is no effect; known are: xor, cut, pad, lost, late, previous, "},
     };
     for (const auto& [given, expected] : mistakes) {
         FaultPlan plan;

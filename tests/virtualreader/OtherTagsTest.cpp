@@ -1,12 +1,9 @@
-// The virtual Ultralight and smart card over the air.
+// What all virtual tags do over the air, and the virtual Ultralight.
 
 #include "AirReader.h"
-#include "SmartCard.h"
 #include "UltralightTag.h"
 
 #include <gtest/gtest.h>
-
-#include <tuple>
 
 namespace {
 
@@ -102,54 +99,6 @@ TEST(UltralightPages, OneTimeBitsAndLocksOnlyEverAppear) {
         EXPECT_EQ(other.send("A2 02 0000FFFF"), "A");
         EXPECT_EQ(other.page(2).substr(6), locks) << freeze;
     }
-}
-
-struct Card {
-    explicit Card(std::string_view ats = "7577810280", bool strictCid = false)
-        : tag(hex("04A1B2C3D4E5F6"), hex(ats)), reader(tag) {
-        tag.quirks().strictCid = strictCid;
-        reader.select();
-    }
-    SmartCard tag;
-    AirReader reader;
-};
-
-TEST(SmartCardBlocks, CardNumbersDecideWhoseBlockItIs) {
-    Card learning, strict("7577810280", true), withoutCid("40 00"), withNad("40 01");
-    const std::tuple<Card&, const char*, const char*, const char*> dialogue[] = {
-        {learning, "E0 50", "06 75 77 81 02 80", "no number yet"},
-        {learning, "D0 11 00", "D0", "PPS directly behind RATS"},
-        {learning, "0A 03 00", "0A 03 6D 00", "learns its number from the first block"},
-        {learning, "D0 11 00", "-", "too late for PPS"},
-        {learning, "0B 04 00", "-", "another card's"},
-        {learning, "CA 03", "CA 03", "deselection with the number"},
-        {strict, "E0 52", "06 75 77 81 02 80", "the number is 2"},
-        {strict, "02 00", "-", "blocks without number are for card 0"},
-        {strict, "0A 03 00", "-", "another card's"},
-        {strict, "0A 02 00", "0A 02 6D 00", "its own"},
-        {withoutCid, "E0 50", "03 40 00", "promises neither CID nor NAD"},
-        {withoutCid, "0A 00 00", "-", "so it knows no CID"},
-        {withoutCid, "06 00 00", "-", "nor NAD"},
-        {withNad, "E0 50", "03 40 01", "promises NAD"},
-        {withNad, "06 21 00", "06 12 6D 00", "and turns it round"},
-    };
-    for (const auto& [card, block, answer, why] : dialogue)
-        EXPECT_EQ(card.reader.send(block), answer) << why;
-    withoutCid.tag.quirks().undeclaredCidTaken = true;
-    EXPECT_EQ(withoutCid.reader.send("0A 00 00"), "0A 00 6D 00");
-}
-
-TEST(SmartCardBlocks, ACardInTheProtocolHearsNoRequests) {
-    Card card;
-    card.reader.send("E0 50");
-    std::uint16_t atqa = 0;
-    EXPECT_FALSE(card.tag.request(Request::wupa, atqa));
-    EXPECT_EQ(card.reader.send("02 00"), "02 6D 00");
-    card.tag.fieldOff();
-    card.tag.quirks().freshUid = true;
-    card.tag.fieldOn();
-    EXPECT_NE(text(card.tag.uid()), "04 A1 B2 C3 D4 E5 F6");
-    EXPECT_EQ(card.tag.uid()[0], 0x08);
 }
 
 }  // namespace
