@@ -273,7 +273,7 @@ TEST_F(LogFile, PlantedNamesAreNotWrittenThrough) {
                 fs::create_symlink(victim, file(name));
             inFreshProcess([] { say("m"); });
             EXPECT_EQ(mInstall.read("victim"), "5") << name;
-            expectRecords("rdrlog0000.txt", {"m"});
+            EXPECT_TRUE(isRecord(lines(file("rdrlog0000.txt")).at(1), "m")) << name;
         }
     }
 }

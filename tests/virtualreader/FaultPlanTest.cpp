@@ -60,7 +60,7 @@ TEST_F(FaultTest, EachEffectOnTheWire) {
             reader->comeBack();
             host.device.OpenInterface("", 0, 0);
             host("26 00");
-            EXPECT_EQ(under("26 1 " + each.substr(0, arrow), "26 15"), each.substr(arrow + 3));
+            EXPECT_EQ(under("any 1 " + each.substr(0, arrow), "26 15"), each.substr(arrow + 3));
             EXPECT_EQ(reader->ledByte() == 0x15, done);
             if (!reader->isPresent()) continue;
             host.device.discardInput();

@@ -149,7 +149,8 @@ TEST_F(Mf500Messages, ExchangeBlocksWithACard) {
 }
 
 TEST_F(Mf500Messages, AreAnsweredOrNotAsThePlanHasIt) {
-    ASSERT_EQ(reader.addFaults("22 1 no answer\n22 2 no reply\n22 3 late reply\n22 5 reply twice\n22 6 overdue 70\n"),
+    ASSERT_EQ(reader.addFaults("# a plan\n22 1 no answer\n\n  22 2 no reply # the second\n22 3 late reply\n"
+                               "22 5 reply twice\n22 6 overdue 70\n"),
               "");
     speak("22 > ");
     EXPECT_EQ(reader.commandCount(0x22), 0u) << "lost on the way";
