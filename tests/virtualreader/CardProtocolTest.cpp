@@ -75,12 +75,14 @@ TEST(CardBlocks, TheBitRateIsAgreedBeforeTheFirstBlockOnly) {
 
 TEST(CardBlocks, CardNumbersDecideWhoseBlockItIs) {
     constexpr std::string_view kBoth = "75 77 81 02 80";
-    Partner learning({}, kBoth), strict({}, kBoth), withoutCid({}, "40 00"), withNad({}, "40 01");
+    Partner learning({}, kBoth), numbered({}, kBoth), strict({}, kBoth);
+    Partner withoutCid({}, "40 00"), withNad({}, "40 01");
     // From the first block on it has that number, and may no longer be told a bit rate.
     learning.speak("E0 50 > 06 75 77 81 02 80; D0 11 00 > D0; 0A 03 00 > 0A 03 6D 00; D0 11 00 > -; 0B 04 00 > -; "
                    "CA 03 > CA 03");
+    numbered.speak("E0 52 > 06 75 77 81 02 80; 02 00 > -; 0A 03 00 > -; 0A 02 00 > 0A 02 6D 00");
     strict.card.quirks().strictCid = true;
-    strict.speak("E0 52 > 06 75 77 81 02 80; 02 00 > -; 0A 03 00 > -; 0A 02 00 > 0A 02 6D 00");
+    strict.speak("E0 50 > 06 75 77 81 02 80; 0A 03 00 > -; 0A 00 00 > 0A 00 6D 00");
     withoutCid.speak("E0 50 > 03 40 00; 0A 00 00 > -; 06 00 00 > -");
     withoutCid.card.quirks().undeclaredCidTaken = true;
     withoutCid.speak("0A 00 00 > 0A 00 6D 00");
