@@ -76,8 +76,7 @@ TEST_F(QvltagTest, RemarksOnImagesAreNoFailure) {
     const Result text = run({"--virtual", image, "info"});
     EXPECT_EQ(text.status, 0);
     EXPECT_THAT(text.err, HasSubstr("warning: byte 4 of block 0"));
-    const auto all = runJson({"--virtual", image, "info"}, 0);
-    ASSERT_EQ(all.size(), 2u);
+    const auto all = exactly(2, runJson({"--virtual", image, "info"}, 0));
     EXPECT_THAT(all[0].value("note", ""), HasSubstr("warning: byte 4 of block 0"));
     EXPECT_EQ(all[1].value("reader", ""), "QVLMF500");
 }
