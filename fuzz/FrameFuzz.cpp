@@ -2,7 +2,7 @@
 // pick them apart. The first byte of an input says whether lengths and checksums are put right, so that the fuzzer gets
 // past them.
 
-#include "Fuzz.h"
+#include "Driver.h"
 #include "NfcTamaBfl.h"
 #include "TamaDeviceFactory.h"
 #include "TamaFrameAssembler.h"
@@ -63,34 +63,13 @@ Bytes soundDialogue(std::span<const std::uint8_t> input, std::uint8_t code) {
     return out;
 }
 
-void useEverything(NfcTamaBfl& driver, std::size_t operation) {
-    std::uint8_t a[2], sak, uid[10], uidLen = 0, ats[255], atsLen = 0, data[300] = {}, key[6] = {};
-    std::uint16_t length = sizeof data;
-    std::uint8_t* reply = nullptr;
-    int replyLen = 0;
-    const std::function<void()> operations[] = {
-        [&] { driver.piccActivateIdle(0, a, &sak, uid, &uidLen); },
-        [&] { driver.piccActivateIdle(0, a, &sak, uid, &uidLen, ats, &atsLen); },
-        [&] { driver.piccActivateWakeup(0, a, &sak, key, 4); },
-        [&] { driver.piccActivateWakeup(0, a, &sak, key, 4, ats, &atsLen); },
-        [&] { driver.piccRead(4, data); },
-        [&] { driver.piccExchangeBlock(data, 5, data, &length, 1, 0); },
-        [&] { driver.pcdGetFwVersion(data, length); },
-        [&] { driver.pcdGetSnr(data, length); },
-        [&] { driver.pcdConfig(); },
-        [&] { driver.relayNFCCmd(data, 3, reply, replyLen); },
-        [&] { driver.piccHalt(); },
-    };
-    operations[operation % std::size(operations)]();
-    delete[] reply;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    constexpr std::uint8_t kReplyCodes[] = {0x4B, 0x4B, 0x4B, 0x4B, 0x41, 0x43, 0x25, 0x25, 0x1D, 0x01, 0x45};
+    constexpr std::uint8_t kReplyCodes[kDriverOperations] = {0x4B, 0x4B, 0x4B, 0x4B, 0x41, 0x43, 0x25, 0x25,
+                                                             0x1D, 0x01, 0x45, 0x4B, 0x4B, 0x4B, 0x4B};
     if (size < 2) return 0;
-    const std::size_t operation = data[1] % 11;
+    const std::size_t operation = data[1] % kDriverOperations;
     const std::span<const std::uint8_t> rest{data + 2, size - 2};
     const Bytes sound =
         data[0] % 2 == 0 ? soundDialogue(rest, kReplyCodes[operation]) : Bytes(rest.begin(), rest.end());
@@ -102,7 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto driver = NfcTamaBfl::acquire();
     driver->interfaceOpen(49, 0);
     for (int i = 0; i < 4 && !input.empty(); ++i)
-        useEverything(*driver, operation);
+        useDriver(*driver, operation);
     driver->interfaceClose();
     return 0;
 }

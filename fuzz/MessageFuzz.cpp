@@ -1,11 +1,9 @@
 // Whatever an MF RC500 may say: messages into the driver, whose operations then pick them apart. The first byte of an
 // input chooses whether the link is scrambled, the second the operation; each message has its length in front.
 
-#include "Fuzz.h"
+#include "Driver.h"
 #include "Mf500Device.h"
 #include "Mf500bfl.h"
-
-#include <array>
 
 namespace {
 
@@ -32,38 +30,6 @@ class InputDevice : public Mf500Device {
     Input& mInput;
 };
 
-/// Exactly as much room as an operation may use, so that a byte too many shows.
-template <std::size_t N>
-struct Room {
-    std::unique_ptr<std::array<std::uint8_t, N>> bytes = std::make_unique<std::array<std::uint8_t, N>>();
-    operator std::uint8_t*() { return bytes->data(); }
-};
-
-void useEverything(Mf500bfl& driver, std::size_t operation) {
-    Room<1> sak, uidLen, byte;
-    Room<2> atq;
-    Room<10> uid;
-    Room<12> key;
-    Room<16> block;
-    Room<55> version;
-    std::uint16_t length = 16;
-    const std::function<void()> operations[] = {
-        [&] { driver.piccActivateIdle(0, atq, sak, uid, uidLen); },
-        [&] { driver.piccActivateIdleLoop(0, atq, sak, uid, uidLen, 1); },
-        [&] { driver.piccActivateWakeup(0, atq, sak, uid, 4); },
-        [&] { driver.piccRead(4, block); },
-        [&] { driver.piccExchangeBlock(uid, 5, block, &length, 1, 0); },
-        [&] { driver.pcdGetFwVersion(version, length); },
-        [&] { driver.pcdGetSnr(uid, length); },
-        [&] { driver.pcdConfig(); },
-        [&] { driver.pcdGetAttrib(sak, uidLen, byte, atq, uid); },
-        [&] { driver.hostCodeKey(uid, key); },
-        [&] { driver.piccCascAnticoll(0x93, 0, uid); },
-        [&] { driver.piccHalt(); },
-    };
-    operations[operation % std::size(operations)]();
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -77,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     sessionKey[0] = data[0] % 2;
     if (data[0] % 2 == 1) driver.pcdConfig2(confirmation.data(), sessionKey.data());
     for (std::size_t i = 0; i < 4 && !input.empty(); ++i)
-        useEverything(driver, data[1] + (data[0] > 127 ? i : 0));
+        useDriver(driver, data[1] + (data[0] > 127 ? i : 0));
     driver.interfaceClose();
     return 0;
 }

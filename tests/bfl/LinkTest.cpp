@@ -206,6 +206,7 @@ TEST_F(Link, AsksOnceForTheReadersNumberAfterAFailedCommand) {
         {[&] { script->answers(ack()).readGives(kDeviceTimedOut); }, {late, ack(), rsp("25 14")}},
         {[&] { script->answers(ack()).answers(rsp("99")); }, {Bytes(1024, 0xFF), ack(), rsp("25 00")}},
         {[&] { script->answers(late); }, {late, ack(), rsp("25 00")}},
+        {[&] { script->answers(ack()).readGives(kDeviceFailed); }, {late, ack(), rsp("25 00")}},
     };
     for (const auto& c : cases) {
         script->expects({});
@@ -242,6 +243,26 @@ TEST_F(Link, GoesOnWithoutAKeyAfterADamagedAgreement) {
     damaged[damaged.size() - 2] ^= 1;
     script->expects({}).answers(ack()).answers(damaged).writeFails(kDeviceFailed);
     EXPECT_EQ(driver->pcdConfig(), kBflDeviceFailed) << "that of the step after it";
+}
+
+TEST_F(Link, WipesTheReplyThatBringsTheSessionKey) {
+    std::uint8_t last[16];
+    nextKeyPoolValue(last);
+    const auto challenge = md5(last);  // the next value of the pool
+    const KeyValue confirmation = rotateKey(challenge.data());
+    Bytes body = hex("1D 00");
+    body.insert(body.end(), confirmation.begin(), confirmation.end());
+    body.resize(24);
+    body.resize(40, 0xA5);
+    Bytes reply = frame(0xD5, body);
+    LinkCipher cipher;
+    cipher.setKey(confirmation.data());
+    cipher.crypt(tama::scrambledPart(reply).data(), 39);
+    script->expects({}).answers(ack()).answers(reply).writeFails(kDeviceFailed);
+    EXPECT_EQ(driver->pcdConfig(), kBflDeviceFailed);
+    EXPECT_EQ(script->written.back()[6], 0x1E) << "the agreement was sound";
+    const auto* const object = reinterpret_cast<const std::uint8_t*>(driver.get());
+    EXPECT_EQ(std::search_n(object, object + sizeof *driver, 16, 0xA5), object + sizeof *driver);
 }
 
 TEST(KeyMaterial, IsWipedAfterItsUse) {

@@ -30,6 +30,7 @@ struct Line {
     Bytes reply{0, 0}, heard;
     std::vector<std::uint32_t> limits;  ///< How long the driver has waited.
     bool isSilent = false, knowsItsNumber = false;
+    int leftOvers = 0;  ///< Late messages of earlier commands.
 };
 
 class LineDevice : public Mf500Device {
@@ -47,6 +48,7 @@ class LineDevice : public Mf500Device {
     platform::IoResult read(std::span<std::uint8_t> buffer, std::size_t& count, std::uint32_t timeoutMs) override {
         if (timeoutMs > 0) mLine.limits.push_back(timeoutMs);
         count = 0;
+        if (timeoutMs == 0 && mLine.leftOvers > 0) return --mLine.leftOvers, platform::IoResult::done;
         if (!std::exchange(mIsDue, false)) return platform::IoResult::timedOut;
         count = std::min(mPending.size(), buffer.size());
         std::copy_n(mPending.begin(), count, buffer.begin());
@@ -93,6 +95,7 @@ TEST_F(Mf500, ReadsItsReplies) {
     EXPECT_STREQ(reinterpret_cast<const char*>(out), "V1.23");
     EXPECT_EQ(answering({0, 0, 3, 0, 0x11, 0x90, 0x00}).piccExchangeBlock(out, 2, out, &room, 1, 0), 0);
     EXPECT_EQ(room, 3);
+    EXPECT_EQ(answering(Bytes(6, 0)).piccActivateAny(out, &sak, out, &length), kBflNoTag) << "zeros are no UID";
     EXPECT_EQ(driver.piccActivateIdle(0, out, &sak, out, &length, out, &length), kBflNotImplemented);
     EXPECT_EQ(driver.switchLED(1, 1, 1), 0);
 }
@@ -246,6 +249,14 @@ TEST_F(Mf500, WaitsAsLongAsTheReaderMay) {
     EXPECT_EQ(driver.piccActivateIdleLoop(0, out, out, out, out, 60), kBflDeviceTimedOut);
     EXPECT_EQ(driver.piccHalt(), kBflDeviceTimedOut) << "no longer for a question before it";
     EXPECT_EQ(line.limits, (std::vector<std::uint32_t>{6000, 66000, 6000}));
+}
+
+TEST_F(Mf500, DropsLateRepliesButNotForEver) {
+    for (const int sent : {3, 100000}) {
+        line.leftOvers = sent;
+        EXPECT_EQ(driver.piccHalt(), 0);
+        EXPECT_EQ(line.leftOvers > 0, sent > 3);
+    }
 }
 
 TEST(Mf500WithoutADevice, DoesNotOpen) {

@@ -1,10 +1,13 @@
 // The operations on a tag, one or two commands each.
 
 #include "ScriptedDevice.h"
+#include "TagUID.h"
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -104,6 +107,20 @@ TEST_F(TagOperations, WakeUpTakesOnlyTheTagThatWasNamed) {
     EXPECT_EQ(wakeUp("04 11 22 33 44 55 66"), kBflOk);
     Bytes endless(255, 0x01);
     EXPECT_EQ(driver->piccActivateWakeup(0, atq, &sak, endless.data(), 255), kBflOutOfRange) << "fits no frame";
+}
+
+TEST_F(TagOperations, SelectionLooksTwiceAtATagThatIsAwakeAlready) {
+    const TagUID tag(hex("DE AD BE EF").data(), 4, 0);
+    const std::tuple<const char*, short, bool> cases[] = {{"4B 01 01 04 00 08 04 DE AD BE EF", kBflOk, true},
+                                                          {"4B 00", kBflNoTag, false},  // it was another one
+                                                          {"4B 00 01", kBflOk, false}};
+    for (const auto& [second, status, isTypeTold] : cases) {
+        std::optional<std::uint8_t> told;
+        script->dialogue("4A 01 00 DE AD BE EF", "4B 00 01").dialogue("44 01", "45 00");
+        script->dialogue("4A 01 00 DE AD BE EF", second);
+        EXPECT_EQ(driver->piccSelectKnown(0x52, tag, told), status);
+        EXPECT_EQ(told.has_value(), isTypeTold);
+    }
 }
 
 TEST_F(TagOperations, WakeUpWithAts) {

@@ -1,5 +1,6 @@
 // Smart cards and the chip of the reader: commands from everywhere they may come from, and what is made of the answers.
 
+#include "HexBytes.h"
 #include "QvltagFixture.h"
 
 namespace {
@@ -31,10 +32,9 @@ class ApduTest : public QvltagTest {
     }
     /// A Type 4 Tag with this message, in hexadecimal; `answers` come before its own.
     std::string type4(const std::string& message, const std::string& answers = {}) {
-        const std::size_t size = message.size() / 2;
-        std::string file{static_cast<char>(size >> 8), static_cast<char>(size)};
-        for (std::size_t i = 0; i < size; ++i)
-            file += static_cast<char>(std::stoi(message.substr(2 * i, 2), nullptr, 16));
+        const auto bytes = hex(message);
+        std::string file{static_cast<char>(bytes.size() >> 8), static_cast<char>(bytes.size())};
+        file.append(bytes.begin(), bytes.end());
         place.write("message.ndef", file + std::string(8, '\0'));
         return card(answers + "ndef message.ndef\n");
     }
@@ -85,8 +85,7 @@ TEST_F(ApduTest, SaysWhatStatusWordsMean) {
         answers += "answer 0001" + word + " " + word + "\n";
         commands.push_back("0001" + word);
     }
-    const auto all = exchanges(card(answers), commands, 1);
-    ASSERT_EQ(all.size(), std::size(kWords));
+    const auto all = exactly(std::size(kWords), exchanges(card(answers), commands, 1));
     for (std::size_t i = 0; i < all.size(); ++i) {
         const auto& [word, meaning] = kWords[i];
         EXPECT_EQ(all[i].value("sw", ""), word);
@@ -124,8 +123,7 @@ TEST_F(ApduTest, TakesScriptsAndPipes) {
     const std::string lines = "# a session\n\n00 A4 04 00  # select\n 00:20:00:00\n00B0000005";
     const Words script{"--script", place.write("session.apdu", lines)};
     EXPECT_EQ(exchanges(image, script, 1).size(), 3u);
-    const auto stopped = exchanges(image, {script[0], script[1], "--stop-on-error"}, 1);
-    ASSERT_EQ(stopped.size(), 3u);
+    const auto stopped = exactly(3, exchanges(image, {script[0], script[1], "--stop-on-error"}, 1));
     EXPECT_EQ(stopped[1].value("sw", ""), "6d00");
     EXPECT_EQ(stopped[2].value("note", ""), "1 more command not sent");
 
@@ -162,7 +160,7 @@ TEST_F(ApduTest, NamesThePlaceOfAMistakeBeforeAnythingIsSent) {
 TEST_F(ApduTest, FindsTheWantedCardOnly) {
     const Words noCard = apdu("new:1k", {"00A40400"});
     EXPECT_EQ(only(runJson(noCard, 1)).value("error", ""), "no tag");
-    const std::string other = card("answer 00A4* 01 9000\n", "04010101010101");
+    const std::string other = card("answer 00A4* 01 9000\n", "04F10101010101");
     const std::string wanted = card("answer 00A4* 02 9000\n");
     for (const Words& order : {Words{other, wanted}, Words{wanted, other}}) {
         const auto all = runJson(
@@ -173,6 +171,15 @@ TEST_F(ApduTest, FindsTheWantedCardOnly) {
     }
     const auto missing = runJson({"--virtual", other, "apdu", "--timeout", "0.2", "--uid", kUid, "00A40400"}, 1);
     EXPECT_EQ(missing.back().value("error", ""), "wait over");
+
+    const auto reader = plugReaderIn();
+    EXPECT_EQ(reader->ask("place " + other + " as other"), "ok other");
+    EXPECT_EQ(reader->ask("place " + wanted + " as wanted"), "ok wanted");
+    const auto child = start({"--wait", "20", "apdu", "--uid", kUid});
+    EXPECT_THAT(child->line(), HasSubstr(kUid));
+    EXPECT_THAT(reader->ask("list"), HasSubstr("  halted  ")) << "the other one answers first, and is put aside";
+    child->close(ChildProgram::input);
+    EXPECT_EQ(child->wait(), 0);
 }
 
 TEST_F(ApduTest, RawBytesHaveNoStatusWord) {
@@ -181,8 +188,8 @@ TEST_F(ApduTest, RawBytesHaveNoStatusWord) {
 }
 
 TEST_F(ApduTest, AnAnswerThatIsTooLongDoesNotSpillIntoTheNext) {
-    const auto all = exchanges(card(kSimple + "answer 0099* count 9000 9000\n"), {"00990000", "00A40400"}, 1);
-    ASSERT_EQ(all.size(), 3u);
+    const auto all =
+        exactly(3, exchanges(card(kSimple + "answer 0099* count 9000 9000\n"), {"00990000", "00A40400"}, 1));
     EXPECT_EQ(all[0].value("lost", 0), 2 * 4096);
     EXPECT_EQ(all[0].value("data", "").size(), 2u * (9000 - 2 * 4096));
     EXPECT_EQ(all[1].value("error", ""), "answer too long");
@@ -224,8 +231,7 @@ TEST_F(ApduTest, ShowsTheRecordsOfAType4Tag) {
     EXPECT_EQ(text.status, 0) << text.err;
     EXPECT_EQ(text.out, cardRows() + "URI   https://a.b/.d\nText  H\xC3\xA4! (de)\nType  a/b\n"
                                      "      010203  ...\nType  urn:nfc:wkt:T\n      8261  .a\nType  empty\n");
-    const auto records = exchanges(image, {"--ndef"}, 0);
-    ASSERT_EQ(records.size(), 5u);
+    const auto records = exactly(5, exchanges(image, {"--ndef"}, 0));
     EXPECT_EQ(records[1], Json({{"record", 2}, {"text", "H\u00e4!"}, {"language", "de"}}));
     EXPECT_EQ(records[2], Json({{"record", 3}, {"id", "i"}, {"type", "a/b"}, {"data", "010203"}}));
 

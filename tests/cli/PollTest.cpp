@@ -19,8 +19,7 @@ TEST_F(QvltagTest, PollTellsOfEachTagOnce) {
     EXPECT_THAT(text.out, MatchesRegex(std::string(kClock) + "01020304  Mifare Standard\n" + kClock +
                                        "04213243546576  Mifare Ultralight\n"));
     const std::string before = isoNow();
-    const auto all = runJson(twoTags, 0);
-    ASSERT_EQ(all.size(), 2u);
+    const auto all = exactly(2, runJson(twoTags, 0));
     const std::string time = all[0].value("time", "");
     EXPECT_TRUE(before <= time && time <= isoNow()) << time;
     EXPECT_EQ(all[0], Json({{"event", "tag"}, {"time", time}, {"uid", "01020304"}, {"type", "Mifare Standard"}}));
@@ -46,8 +45,7 @@ TEST_F(QvltagTest, PollEndsAsItsOptionsSay) {
     EXPECT_EQ(reader->ask("place new:1k"), "ok tag1");
     EXPECT_EQ(only(runJson({"poll", "--once"}, 0)).value("uid", ""), "deadbeef");
     EXPECT_EQ(only(runJson({"poll", "--once", "--forced", "--no-wait"}, 0)).value("uid", ""), "deadbeef");
-    const auto tooFew = runJson({"poll", "--for", "0.01", "--count", "2"}, 1);
-    ASSERT_EQ(tooFew.size(), 2u);
+    const auto tooFew = exactly(2, runJson({"poll", "--for", "0.01", "--count", "2"}, 1));
     EXPECT_EQ(tooFew[1].value("error", ""), "wait over");
 }
 

@@ -17,9 +17,12 @@
 #include <tuple>
 #include <vector>
 
+using ::testing::AllOf;
+using ::testing::AnyOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 /// A machine without a reader, on which qvltag runs. It leaves nothing behind in the directory for temporary files.
@@ -58,7 +61,7 @@ class QvltagTest : public ::testing::Test {
         const auto virtualReader = std::ranges::find(arguments, "--virtual");
         if (isMf500UnderTest() && virtualReader != arguments.end() && !std::ranges::count(arguments, "--reader"))
             arguments.insert(virtualReader, {"--reader", readerUnderTest()});
-        return std::make_unique<ChildProgram>(joined({program}, arguments), environment);
+        return std::make_unique<ChildProgram>(program, arguments, environment);
     }
     Result run(const Words& arguments, const std::string& program = QVLTAG) {
         const auto child = start(arguments, program);
@@ -81,10 +84,13 @@ class QvltagTest : public ::testing::Test {
         }
         return all;
     }
-    static Json only(const std::vector<Json>& all) {
-        EXPECT_EQ(all.size(), 1u);
-        return all.size() == 1 ? all[0] : Json::object();
+    /// As many objects as expected; empty ones for those that are missing.
+    static std::vector<Json> exactly(std::size_t count, std::vector<Json> all) {
+        EXPECT_EQ(all.size(), count);
+        all.resize(count, Json::object());
+        return all;
     }
+    static Json only(const std::vector<Json>& all) { return exactly(1, all)[0]; }
 
     /// A reader of the machine, steered through its input; without tags at first.
     std::unique_ptr<ChildProgram> plugReaderIn() {

@@ -2,6 +2,10 @@
 
 #include "QvltagFixture.h"
 
+#include <fstream>
+
+#include <sys/stat.h>
+
 namespace {
 
 TEST_F(QvltagTest, InfoShowsWhichReaderAnswers) {
@@ -72,8 +76,7 @@ TEST_F(QvltagTest, RemarksOnImagesAreNoFailure) {
     const Result text = run({"--virtual", image, "info"});
     EXPECT_EQ(text.status, 0);
     EXPECT_THAT(text.err, HasSubstr("warning: byte 4 of block 0"));
-    const auto all = runJson({"--virtual", image, "info"}, 0);
-    ASSERT_EQ(all.size(), 2u);
+    const auto all = exactly(2, runJson({"--virtual", image, "info"}, 0));
     EXPECT_THAT(all[0].value("note", ""), HasSubstr("warning: byte 4 of block 0"));
     EXPECT_EQ(all[1].value("reader", ""), "QVLMF500");
 }
@@ -102,6 +105,19 @@ TEST_F(QvltagTest, ShowsTheDeviceThatTheHelperLibraryOfTheInstallationKnows) {
     EXPECT_EQ(info.value("device", ""), isMf500UnderTest() ? "USB\\reader, 255 characters at most" : "");
 }
 
+TEST_F(QvltagTest, PromptsForNothingAfterCtrlC) {
+    const auto reader = plugReaderIn();
+    const std::string pipe = place / "key";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const auto child = start({"--wait", "1", "read", "4", "--key", "@" + pipe});
+    std::ofstream key(pipe);  // opens when qvltag does
+    child->signalGroup(SIGINT);
+    key << "FFFFFFFFFFFF" << std::flush;
+    key.close();
+    EXPECT_THAT(child->rest(ChildProgram::errors), StartsWith("qvltag: cancelled"));
+    EXPECT_EQ(child->wait(), 1);
+}
+
 TEST_F(QvltagTest, HelpAndVersionAreResults) {
     EXPECT_THAT(run({"--version"}).out, StartsWith("qvltag "));
     for (const Words& arguments : {Words{"--help"}, Words{"poll", "--help"}, Words{"led", "-h"}, Words{"info", "-h"}}) {
@@ -110,6 +126,8 @@ TEST_F(QvltagTest, HelpAndVersionAreResults) {
         EXPECT_THAT(help.out, HasSubstr("Usage: qvltag"));
         EXPECT_EQ(help.err, "");
     }
+    EXPECT_THAT(run({"--help"}, QVLREADERSIM).out,
+                AllOf(HasSubstr("  --com N  "), Not(AnyOf(HasSubstr(" in ["), HasSubstr("Excludes:")))));
 }
 
 }  // namespace

@@ -84,8 +84,7 @@ TEST_F(TagMemoryTest, BlocksAreReadAndWritten) {
 
 TEST_F(TagMemoryTest, PartialSuccessIsToldBlockByBlock) {
     formatWithApp();
-    const auto all = runJson(onTag("read 2 3 --key mad"), 1);
-    ASSERT_EQ(all.size(), 5u);
+    const auto all = exactly(5, runJson(onTag("read 2 3 --key mad"), 1));
     EXPECT_EQ(all[0], Json({{"block", 2}, {"data", std::string(32, '0')}}));
     EXPECT_EQ(all[1], Json({{"block", 2}, {"status", 3100}}));
     EXPECT_EQ(all[3], Json({{"block", 5}, {"status", 3102}, {"error", "key refused"}}));
@@ -115,8 +114,7 @@ TEST_F(TagMemoryTest, ApplicationsComeAndGo) {
             {"app reset 4711 3" + kMad + kByB, 1, "too few"},
             {"app reset 4711 2" + kMad + " --key " + kMaster, 1, "4711: key refused"},
             {"app ls", 0, "4711  sectors 1, 4 "}});
-    const auto all = runJson(onTag("app ls"), 0);
-    ASSERT_EQ(all.size(), 3u);
+    const auto all = exactly(3, runJson(onTag("app ls"), 0));
     EXPECT_EQ(all[1], Json({{"app", "4712"}, {"sectors", {3}}}));
     EXPECT_EQ(all[2]["defect"], Json::array());
     EXPECT_EQ(bytes(8), std::string(32, '0')) << "removed sectors are zeroed";
@@ -190,15 +188,13 @@ TEST_F(TagMemoryTest, DumpAndRestoreCarryATagToAnother) {
     EXPECT_EQ(std::filesystem::status(other).permissions() & std::filesystem::perms::others_all,
               std::filesystem::perms::none);
 
-    const auto partly = runJson(onTag("dump " + (place / "partly.mfd") + " --key mad"), 1);
-    ASSERT_EQ(partly.size(), 2u);
+    const auto partly = exactly(2, runJson(onTag("dump " + (place / "partly.mfd") + " --key mad"), 1));
     EXPECT_EQ(partly[0]["missing"].size(), 8u + 14u) << "the application, and the trailers without their key B";
     EXPECT_EQ(partly[1].value("error", ""), "incomplete");
 
     deliver("1k:0A0B0C0D", "second.mfd");
     const std::string delivered = place.read("second.mfd");
-    const auto restored = runJson(onTag("restore " + other + " --trailers"), 1);
-    ASSERT_EQ(restored.size(), 3u);
+    const auto restored = exactly(3, runJson(onTag("restore " + other + " --trailers"), 1));
     EXPECT_EQ(restored[0]["written"].size(), 47u + 15u);
     EXPECT_EQ(restored[1], Json({{"block", 3}, {"status", 3127}, {"error", "access refused"}}));
     EXPECT_EQ(place.read("second.mfd").substr(64), before.substr(64));
@@ -243,8 +239,7 @@ TEST_F(TagMemoryTest, ATagIsChosenAmongSeveral) {
         return joined({"--no-wait", "--virtual", "new:1k:03AABBCC", "--virtual", image}, wordsOf(line));
     };
     EXPECT_EQ(run(inField("ls")).out, "03aabbcc  Mifare Standard\n01020304  Mifare Standard\n");
-    const auto all = runJson(inField("ls --apps"), 0);
-    ASSERT_EQ(all.size(), 2u);
+    const auto all = exactly(2, runJson(inField("ls --apps"), 0));
     EXPECT_EQ(all[0].value("error", ""), "directory not read");
     EXPECT_EQ(all[1]["apps"], Json({"4711"}));
     EXPECT_EQ(only(runJson(inField("ls --app 4711"), 0)).value("uid", ""), "01020304");

@@ -40,38 +40,33 @@ void __wrap_free(void* buffer) {
 
 constexpr std::uint8_t kUid[] = {0x04, 0xA1, 0xB2, 0xC3};
 
-/// Runs `action` with memory for 0, 1, 2... allocations until it is enough. `check` sees each outcome; the last one is
-/// the success.
-template <typename Action, typename Check>
-void withFailingMemory(Action action, Check check) {
-    for (long allowed = 0;; ++allowed) {
+/// Runs an operation with memory for 0, 1, 2... allocations until it is enough. Only then it gives its size.
+void withFailingMemory(const std::function<std::uint32_t()>& operate, std::uint32_t size) {
+    gHasFailed = true;
+    for (long allowed = 0; gHasFailed; ++allowed) {
         ASSERT_LT(allowed, 1000);
         gHasFailed = false;
         gAllowed = allowed;
-        auto outcome = action();
-        const bool wasEnough = !gHasFailed;
+        const std::uint32_t outcome = operate();
         gAllowed = -1;
-        check(outcome, wasEnough);
-        if (wasEnough) return;
+        EXPECT_EQ(outcome, gHasFailed ? 0u : size) << allowed;
     }
 }
 
 TEST(OutOfMemory, StreamThatCannotGrowIsEmpty) {
     const std::string text(200, 'x');
-    withFailingMemory(
-        [&] {
-            QVLParamCollection stream;
-            int status = stream.addByte(1);
-            if (status == kMemoryOk) status = stream.addString(text.c_str());
-            return std::pair(status, stream);
-        },
-        [](auto& outcome, bool wasEnough) {
-            auto& [status, stream] = outcome;
-            EXPECT_EQ(status, wasEnough ? kMemoryOk : kStreamFull);
-            EXPECT_EQ(stream.getSize(), wasEnough ? 207u : 0u);
-            EXPECT_EQ(stream.getCapacity(), wasEnough ? 256u : 0u);
-            EXPECT_EQ(stream.addByte(1), kMemoryOk);  // goes on as soon as there is memory
-        });
+    const auto fill = [&] {
+        QVLParamCollection stream;
+        int status = stream.addByte(1);
+        if (status == kMemoryOk) status = stream.addString(text.c_str());
+        gAllowed = -1;
+        EXPECT_EQ(status, gHasFailed ? kStreamFull : kMemoryOk);
+        EXPECT_EQ(stream.getCapacity(), gHasFailed ? 0u : 256u);
+        const std::uint32_t size = stream.getSize();
+        EXPECT_EQ(stream.addByte(1), kMemoryOk);  // goes on as soon as there is memory
+        return size;
+    };
+    withFailingMemory(fill, 207);
 }
 
 TEST(OutOfMemory, SumsOver32BitsAreRefusedBeforeAnyMemoryIsTaken) {
@@ -177,9 +172,7 @@ TEST(OutOfMemory, TagsAndEventsKeepNoLengthWithoutBytes) {
          4},
     };
     for (const auto& [operate, size] : operations)
-        withFailingMemory(operate, [size = size](std::uint32_t outcome, bool wasEnough) {
-            EXPECT_EQ(outcome, wasEnough ? size : 0u);
-        });
+        withFailingMemory(operate, size);
     gAllowed = 0;
     TagUIDListNode node(tag, nullptr);
     TagUIDList list;

@@ -1,5 +1,6 @@
 // The typed stream.
 
+#include "HexBytes.h"
 #include "HexText.h"
 #include "QVLParamCollection.h"
 #include "ServiceStatus.h"
@@ -16,16 +17,12 @@
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
 std::string hex(const QVLParamCollection& stream) { return hexText(stream.getData(), stream.getSize()); }
 
 QVLParamCollection streamOf(const std::string& digits) {
-    Bytes bytes(digits.size() / 2 + 1);
-    std::uint32_t count = 0;
-    hexDecode(digits.c_str(), count, bytes.data());
+    const auto bytes = ::hex(digits);
     QVLParamCollection stream;
-    EXPECT_EQ(stream.setData(count, bytes.data()), kMemoryOk);
+    EXPECT_EQ(stream.setData(static_cast<std::uint32_t>(bytes.size()), bytes.data()), kMemoryOk);
     return stream;
 }
 

@@ -96,7 +96,7 @@ TEST_F(SerialLineTest, SilenceIsNoFailureAndEndsWithItsTime) {
 
 TEST_F(SerialLineTest, WaitEndsOnTheByteAndOnTheLoss) {
     auto soonest = SteadyClock::duration::max();
-    for (int attempt = 0; attempt < 5; ++attempt) {
+    for (int attempt = 0; attempt < 100 && soonest >= 40ms; ++attempt) {  // a busy machine needs some
         SteadyClock::time_point sent;
         std::jthread sender = later([&] {
             sent = SteadyClock::now();

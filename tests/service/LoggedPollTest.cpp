@@ -21,6 +21,8 @@ TEST(ALoggedPoll, LeavesReadableRecordsAndNothingElse) {
         place.start();
         place.placeClassic();
         const bool found = place.poll() == "deadbeef 2002" && place.poll().empty();
+        place.spoil(Op::fieldReset, "1 no ack");
+        place.poll(true);
         place.adaptor.reset();
         std::fflush(stdout);
         return found ? 0 : 4;
@@ -53,6 +55,7 @@ TEST(ALoggedPoll, LeavesReadableRecordsAndNothingElse) {
              "initReader() Turn on the LED:   mLED=255 ctrl=false dur=255",
              isMf500 ? "Mf500bfl::piccActivateIdle get param  uid_len=4"
                      : "NfcTamaBfl::piccActivateIdle - no tag found, failed to get a TagId!",
+             isMf500 ? "" : "expecting an ACK frame, but 0x0000ff02fed533****",
              isMf500 ? "Desctruter mLED=1 ctrl=true dur=1" : "npcdRfReset(): switch trun off ALL LED with duration=0",
          }) {
         at = log.find(text, at);

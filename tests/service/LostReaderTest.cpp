@@ -1,4 +1,4 @@
-// What follows when an operation has lost the reader, and threads that are cancelled within operations.
+// What follows when an operation has lost the reader or its tag, and threads that are cancelled within operations.
 
 #include "CommandDoor.h"
 #include "TagWorkplace.h"
@@ -94,6 +94,18 @@ TEST_F(ALostReader, MayBeOpenedByACancelledThread) {
         EXPECT_EQ(status, kOk);
         EXPECT_EQ(place.host.heard(), "-+");
     }
+}
+
+TEST(ALostTag, IsNotReplacedByOneOfAnotherTypeWithItsUid) {
+    TagWorkplace place;
+    const Bytes uid{0xDE, 0xAD, 0xBE, 0xEF};
+    const auto other = std::make_shared<MifareClassicTag>(MifareClassicTag::blankImage(4096, uid), uid);
+    const std::string away = place.reader->field().place(other);
+    place.reader->field().setPresent(away, false);
+    // At the second sector's authentication.
+    ASSERT_EQ(place.spoil(Op::authenticate, (isMf500UnderTest() ? "2 tag swapped " : "5 tag swapped ") + away), "");
+    EXPECT_EQ(place.format(kPlain), kPartial);
+    EXPECT_EQ(other->memory()->writeCount(), 0u);
 }
 
 }  // namespace

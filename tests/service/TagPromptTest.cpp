@@ -4,6 +4,7 @@
 #include "../platform/ForkedChild.h"
 #include "QvlMf500ReaderImpl.h"
 #include "TagPromptControl.h"
+#include "TagPromptScope.h"
 #include "Workplace.h"
 
 #include <atomic>
@@ -66,6 +67,7 @@ TEST_F(ThePrompt, StandsUntilItsOperationTakesItDown) {
     Surface surface;
     EXPECT_TRUE(adaptor.showTagPrompt());
     EXPECT_TRUE(tagPromptStands()) << "it is up when showTagPrompt returns";
+    { const TagPromptScope anotherOperation(adaptor); }
     EXPECT_FALSE(adaptor.showTagPrompt()) << "it is somebody else's";
     EXPECT_TRUE(tagPromptStands());
     closeTagPrompt();

@@ -1,6 +1,16 @@
 // The helper library that knows the instance id of an MF RC500 reader's device: beside this program lies one.
 
+#include "DeviceScan.h"
 #include "Workplace.h"
+
+#include <sys/auxv.h>
+
+bool gRaisedRights = false;
+extern "C" unsigned long __real_getauxval(unsigned long);
+extern "C" unsigned long __wrap_getauxval(unsigned long type);
+unsigned long __wrap_getauxval(unsigned long type) {
+    return type == AT_SECURE ? gRaisedRights : __real_getauxval(type);
+}
 
 namespace {
 
@@ -21,6 +31,13 @@ TEST(UsbDll, TellsTheInstanceIdOfAnOpenMf500) {
     const ScopedEnvironment fails("TEST_USBDLL_FAILS", "1");
     EXPECT_TRUE(place.adaptor->initReader());
     EXPECT_EQ(place.adaptor->getDeviceInstanceID(), nullptr);
+}
+
+TEST(UsbDll, IsNotTakenFromBesideAProgramWithRaisedRights) {
+    for (const bool raised : {true, false}) {
+        gRaisedRights = raised;
+        EXPECT_EQ(FoundReader().findInstanceHelper() == nullptr, raised);
+    }
 }
 
 }  // namespace

@@ -4,13 +4,13 @@
 
 #include <array>
 #include <csignal>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,32 +22,27 @@ class ChildProgram {
     enum Stream { input, output, errors };
     static constexpr int kPatienceMs = 20'000;
 
-    ChildProgram(std::vector<std::string> arguments, const std::map<std::string, std::string>& environment = {}) {
+    ChildProgram(std::string program, std::vector<std::string> arguments,
+                 const std::map<std::string, std::string>& environment = {}) {
         std::array<std::array<int, 2>, 4> pipes{};
         for (auto& each : pipes)
             EXPECT_EQ(::pipe2(each.data(), O_CLOEXEC), 0);
-        posix_spawn_file_actions_t actions;
-        ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawn_file_actions_adddup2(&actions, pipes[input][0], input);
-        ::posix_spawn_file_actions_adddup2(&actions, pipes[output][1], output);
-        ::posix_spawn_file_actions_adddup2(&actions, pipes[errors][1], errors);
-        ::posix_spawn_file_actions_adddup2(&actions, pipes[kAlive][1], kInheritedAs);
-        posix_spawnattr_t attributes;
-        ::posix_spawnattr_init(&attributes);
-        ::posix_spawnattr_setpgroup(&attributes, 0);
-        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
-
-        std::vector<std::string> variables;
-        for (char** variable = environ; *variable; ++variable)
-            if (!environment.contains(std::string(*variable).substr(0, std::string(*variable).find('='))))
-                variables.emplace_back(*variable);
-        for (const auto& [name, value] : environment)
-            variables.emplace_back(name).append("=").append(value);
-        const auto argv = pointers(arguments), envp = pointers(variables);
-        EXPECT_EQ(::posix_spawn(&mChild, argv[0], &actions, &attributes, argv.data(), envp.data()), 0);
-        ::posix_spawnattr_destroy(&attributes);
-        ::posix_spawn_file_actions_destroy(&actions);
-
+        std::vector<char*> words{program.data()};
+        for (std::string& argument : arguments)
+            words.push_back(argument.data());
+        words.push_back(nullptr);
+        mChild = ::fork();
+        if (mChild == 0) {
+            ::setpgid(0, 0);
+            ::dup2(pipes[input][0], input);
+            ::dup2(pipes[output][1], output);
+            ::dup2(pipes[errors][1], errors);
+            ::dup2(pipes[kAlive][1], kInheritedAs);
+            for (const auto& [name, value] : environment)
+                ::setenv(name.c_str(), value.c_str(), 1);
+            ::execv(program.c_str(), words.data());
+            ::_exit(127);
+        }
         mEnds = {pipes[input][1], pipes[output][0], pipes[errors][0], pipes[kAlive][0]};
         for (int theirs : {pipes[input][0], pipes[output][1], pipes[errors][1], pipes[kAlive][1]})
             ::close(theirs);
@@ -106,14 +101,6 @@ class ChildProgram {
     static constexpr int kAlive = 3;
     static constexpr int kInheritedAs = 9;
 
-    static std::vector<char*> pointers(std::vector<std::string>& texts) {
-        std::vector<char*> all;
-        all.reserve(texts.size() + 1);
-        for (std::string& text : texts)
-            all.push_back(text.data());
-        all.push_back(nullptr);
-        return all;
-    }
     bool readByte(Stream stream, char& c) {
         pollfd waiting{mEnds[stream], POLLIN, 0};
         return ::poll(&waiting, 1, kPatienceMs) > 0 && ::read(mEnds[stream], &c, 1) == 1;

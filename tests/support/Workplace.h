@@ -1,5 +1,6 @@
 #pragma once
 
+#include "HexText.h"
 #include "IniManager.h"
 #include "ManualClock.h"
 #include "MifareClassicTag.h"
@@ -139,10 +140,7 @@ class Workplace {
         std::uint32_t length = 0;
         std::uint8_t* uid = nullptr;
         EXPECT_TRUE(event->getUid(length, uid));
-        const TagUID tag(uid, length, 0);
-        char* text = tag.toHexString();
-        std::string found = std::string(text) + " " + std::to_string(event->getType());
-        delete[] text;
+        const std::string found = hexText(uid, length) + " " + std::to_string(event->getType());
         EXPECT_EQ(adaptor->freeMemory(uid), 3000);
         EXPECT_EQ(adaptor->freeMemory(event), 3000);
         return found;
@@ -230,10 +228,8 @@ class Workplace {
     int keepFound(int status, TagUID* tags, int count) {
         foundTags.clear();
         foundCount = count;
-        for (int i = 0; tags != nullptr && i < count; ++i) {
-            const std::unique_ptr<char[]> uid(tags[i].toHexString());
-            foundTags.append(" ").append(uid.get());
-        }
+        for (int i = 0; tags != nullptr && i < count; ++i)
+            foundTags += " " + hexText(tags[i].getUid(), tags[i].getUidLen());
         adaptor->freeMemory(tags);
         return status;
     }

@@ -2,6 +2,7 @@
 // files in transcripts/ hold it: a line an operation, with its status, its commands, and a digest of all their bytes.
 
 #include "CommandDoor.h"
+#include "HexBytes.h"
 #include "SweptOperations.h"
 
 #include <cstdlib>
@@ -10,12 +11,6 @@
 
 namespace {
 
-std::string hex(std::uint8_t byte) {
-    char text[4];
-    std::snprintf(text, sizeof text, "%02X", byte);
-    return text;
-}
-
 /// The commands of one operation. Those that agree on the link's key come by chance and are left out.
 class Transcript {
   public:
@@ -23,10 +18,10 @@ class Transcript {
         reader.listen([this](VirtualReader::Bytes command) { take(command); });
     }
     std::string taken(int status) {
-        char text[32];
-        std::snprintf(text, sizeof text, " #%016llx", static_cast<unsigned long long>(mDigest));
+        char digest[32];
+        std::snprintf(digest, sizeof digest, " #%016llx", static_cast<unsigned long long>(mDigest));
         mDigest = kBasis;
-        return std::to_string(status) + std::exchange(mText, {}) + text;
+        return std::to_string(status) + std::exchange(mText, {}) + digest;
     }
 
   private:
@@ -38,10 +33,11 @@ class Transcript {
         if (isKeyCommand) return;
         for (const std::uint8_t byte : command)
             mDigest = (mDigest ^ byte) * 0x100000001B3;
-        mText += " " + hex(command[0]);
-        if (!isMf500UnderTest() && command[0] == 0x40) mText += "." + hex(command[2]) + "." + hex(command[3]);
-        if (isMf500UnderTest() && command[0] == 0x18) mText += "." + hex(command[1]) + "." + hex(command.back());
-        if (isMf500UnderTest() && (command[0] == 0x19 || command[0] == 0x1A)) mText += "." + hex(command[1]);
+        const auto told = [command](std::size_t at) { return text(command.subspan(at, 1)); };
+        mText += " " + told(0);
+        if (!isMf500UnderTest() && command[0] == 0x40) mText += "." + told(2) + "." + told(3);
+        if (isMf500UnderTest() && command[0] == 0x18) mText += "." + told(1) + "." + told(command.size() - 1);
+        if (isMf500UnderTest() && (command[0] == 0x19 || command[0] == 0x1A)) mText += "." + told(1);
     }
 
     std::string mText;

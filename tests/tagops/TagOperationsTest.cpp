@@ -128,6 +128,15 @@ TEST_F(OnAScriptedTag, TellsOfABlockThatWasNotCleared) {
     EXPECT_EQ(records.lastStatus(), kBlockNotRead);
 }
 
+TEST_F(OnAScriptedTag, IsWokenBetweenPlainSectors) {
+    driver->refuse("w7", 3);
+    EXPECT_EQ(told(PlainSectors(tag).add({1, nullptr, kKey, 2, kKey, kKey, AccData100}, done, records)),
+              "3132: w4 w5 w6 B4 r7 w7 s52 B4 w7 s52 B4 w7 s52 s52 w8 w9 w10 B8 r11 w11");
+    driver->refuse("w7", 3);
+    EXPECT_EQ(told(PlainSectors(tag).remove({1, nullptr, 0, 2, kB, kKey, kKey, nullptr})),
+              "3132: w4 w5 w6 B4 w7 s52 B4 w7 s52 B4 w7 s52 s52 w8 w9 w10 B8 w11");
+}
+
 TEST_F(OnAScriptedTag, OfLargeSectorsKeepsItsDirectory) {
     id.setTagType(kTag4K);
     EXPECT_EQ(AppSectors(tag).add({0x1234, kKey, kKey, 1, kKey, kKey, AccData100}, true, done, records),

@@ -1,12 +1,12 @@
 // Exchanges with a card, block by block, over a stand-in for the MF RC500; and, where no deselection is needed, for the
 // reader that fills in the CRC by itself.
 
+#include "HexBytes.h"
 #include "ManualClock.h"
 #include "QvlTcl.h"
 #include "QvlTclUtil.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <functional>
 #include <sstream>
@@ -15,24 +15,6 @@
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-
-Bytes bytesOf(const std::string& hex) {
-    Bytes bytes;
-    std::istringstream in(hex);
-    for (unsigned byte = 0; in >> std::hex >> byte;)
-        bytes.push_back(static_cast<std::uint8_t>(byte));
-    return bytes;
-}
-
-std::string hexOf(const Bytes& bytes) {
-    std::string text;
-    char byte[4];
-    for (const std::uint8_t value : bytes) {
-        std::snprintf(byte, sizeof byte, text.empty() ? "%02X" : " %02X", value);
-        text += byte;
-    }
-    return text;
-}
 
 /// A reader with one activated card, which answers each block by `card`.
 class CardReader : public Qvl14443bfl {
@@ -96,11 +78,11 @@ class Exchange : public ::testing::TestWithParam<BflType> {
             steps.push_back(step.substr(step.find_first_not_of(' ')));
         reader->card = [this](const Bytes& block) -> CardReader::Reply {
             steps.resize(std::max<std::size_t>(steps.size(), 2), "!");
-            EXPECT_EQ("> " + hexOf(block), steps[0]);
+            EXPECT_EQ("> " + text(block), steps[0]);
             const std::string answer = steps[1];
             steps.erase(steps.begin(), steps.begin() + 2);
             if (answer == "!") return {{}, -1027};
-            return {bytesOf(answer.substr(1)), 0};
+            return {hex(answer.substr(1)), 0};
         };
     }
     /// "status: answer"; the whole dialogue has to have taken place.
@@ -113,7 +95,7 @@ class Exchange : public ::testing::TestWithParam<BflType> {
         EXPECT_THAT(steps, ::testing::IsEmpty());
         EXPECT_TRUE(status != -50 || length == room);
         answer.resize(status == 0 || status == -50 ? length : 0);
-        return std::to_string(status) + (answer.empty() ? "" : ": " + hexOf(answer));
+        return std::to_string(status) + (answer.empty() ? "" : ": " + text(answer));
     }
     std::string exchangeIn(const std::string& dialogue, const Bytes& command = {0}, std::size_t room = 64,
                            std::uint8_t nad = 0) {
@@ -147,7 +129,7 @@ TEST_P(Exchange, FollowsTheStandardBlockByBlock) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         activate();
-        EXPECT_EQ(exchangeIn(c.dialogue, bytesOf(c.command)), c.result);
+        EXPECT_EQ(exchangeIn(c.dialogue, hex(c.command)), c.result);
         EXPECT_TRUE(isActivated());
     }
     activate();
@@ -166,7 +148,7 @@ TEST_P(Exchange, SendsWhatWasLostAgainWithTheNadOfTheFirstBlockOnly) {
     activate(true, true);
     EXPECT_EQ(exchangeIn("> 1E 05 12 00 01 02 03 04 05 06 07 08 09 0A, < AB 05, "
                          "> 1E 05 12 00 01 02 03 04 05 06 07 08 09 0A, < AA 05, > 0B 05 0B 0C, < 0F 05 21 90",
-                         bytesOf("00 01 02 03 04 05 06 07 08 09 0A 0B 0C"), 64, 0x12),
+                         hex("00 01 02 03 04 05 06 07 08 09 0A 0B 0C"), 64, 0x12),
               "0: 90");
     EXPECT_EQ(exchangeIn("> 0E 05 12 00, < 1E 05 21 01, > AB 05, < 0B 05 02", {0}, 64, 0x12), "0: 01 02")
         << "the NAD is no data";
@@ -184,7 +166,7 @@ TEST_P(Exchange, TakesALongerBlockThanTheReadersFramesAndRefusesNothingToSend) {
     EXPECT_EQ(tcl.TclExchange(16, 0, nullptr, 0, nullptr, nullptr, nullptr), -60);
     EXPECT_EQ(tcl.TclDeselect(16), -60);
     EXPECT_EQ(reader->blocks, 0);
-    const std::string longest = hexOf(Bytes(252, 0x90));
+    const std::string longest = text(Bytes(252, 0x90));
     EXPECT_EQ(exchangeIn("> 0A 05 00, < 0A 05 " + longest, {0}, 252), "0: " + longest) << "the block number stayed";
 }
 

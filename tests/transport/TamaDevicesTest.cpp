@@ -75,6 +75,9 @@ TEST(ASerialReader, DeliversOneFramePerReadAndEndsABadOneAtOnce) {
     terminal.write(kReply);
     EXPECT_EQ(readFrame(device, kDeviceOk), kReply) << "and nothing is carried over";
 
+    const std::vector<std::uint8_t> flood(1 << 20);
+    EXPECT_EQ(device.WriteBytesUnblocked(flood.data(), 1 << 20, &count, 30), kDeviceFailed);
+    EXPECT_FALSE(device.isGone()) << "it only takes no more";
     terminal.write(kReply.substr(0, 4));
     terminal.closeMaster();
     EXPECT_EQ(readFrame(device, kDeviceFailed), "");
@@ -116,6 +119,14 @@ TEST(AMessageReader, DeliversOneMessagePerReadUntilItsPeerIsGone) {
     EXPECT_EQ(readFrame(device, kDeviceFailed), "") << "it is gone";
     std::uint32_t count = 0;
     EXPECT_EQ(device.WriteBytesUnblocked(reinterpret_cast<const std::uint8_t*>("x"), 1, &count, 100), kDeviceFailed);
+}
+
+TEST(AFloodingReader, IsNotDrainedForEver) {
+    const TempDirectory directory;
+    TamaFileDevice device;
+    ASSERT_EQ(device.OpenInterface(directory.write("flood", std::string(1 << 20, 'x')).c_str(), 0, 0), kDeviceOk);
+    device.discardInput();
+    EXPECT_EQ(readFrame(device, kDeviceOk).size(), 1024u);
 }
 
 TEST(TheFactory, ChoosesByTheName) {

@@ -31,14 +31,8 @@ class AirReader {
     std::string send(std::string_view frame) {
         const auto bytes = hex(frame);
         mTag.exchange(bytes, mAnswer);
-        switch (mAnswer.kind()) {
-        case AirAnswer::Kind::silence:
-            return "-";
-        case AirAnswer::Kind::nibble:
-            return std::string(1, "0123456789ABCDEF"[mAnswer.nibble() & 15]);
-        case AirAnswer::Kind::bytes:
-            break;
-        }
+        if (mAnswer.kind() == AirAnswer::Kind::silence) return "-";
+        if (mAnswer.kind() == AirAnswer::Kind::nibble) return {"0123456789ABCDEF"[mAnswer.nibble() & 15]};
         return text(mAnswer.bytes());
     }
 

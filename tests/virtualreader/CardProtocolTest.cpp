@@ -73,6 +73,35 @@ TEST(CardBlocks, TheBitRateIsAgreedBeforeTheFirstBlockOnly) {
     card.speak("E0 51 > 03 45 03; 0A 01 80 > 0A 01 90 00; D1 11 00 > -; 0B 01 80 > 0B 01 90 00");
 }
 
+TEST(CardBlocks, CardNumbersDecideWhoseBlockItIs) {
+    constexpr std::string_view kBoth = "75 77 81 02 80";
+    Partner learning({}, kBoth), numbered({}, kBoth), strict({}, kBoth);
+    Partner withoutCid({}, "40 00"), withNad({}, "40 01");
+    // From the first block on it has that number, and may no longer be told a bit rate.
+    learning.speak("E0 50 > 06 75 77 81 02 80; D0 11 00 > D0; 0A 03 00 > 0A 03 6D 00; D0 11 00 > -; 0B 04 00 > -; "
+                   "CA 03 > CA 03");
+    numbered.speak("E0 52 > 06 75 77 81 02 80; 02 00 > -; 0A 03 00 > -; 0A 02 00 > 0A 02 6D 00");
+    strict.card.quirks().strictCid = true;
+    strict.speak("E0 50 > 06 75 77 81 02 80; 0A 03 00 > -; 0A 00 00 > 0A 00 6D 00");
+    withoutCid.speak("E0 50 > 03 40 00; 0A 00 00 > -; 06 00 00 > -");
+    withoutCid.card.quirks().undeclaredCidTaken = true;
+    withoutCid.speak("0A 00 00 > 0A 00 6D 00");
+    withNad.speak("E0 50 > 03 40 01; 06 21 00 > 06 12 6D 00");
+}
+
+TEST(CardBlocks, ACardInTheProtocolHearsNoRequests) {
+    Partner partner({});
+    partner.speak("E0 50 > 03 45 03");
+    std::uint16_t atqa = 0;
+    EXPECT_FALSE(partner.card.request(VirtualTag::Request::wupa, atqa));
+    partner.speak("02 00 > 02 6D 00");
+    partner.card.fieldOff();
+    partner.card.quirks().freshUid = true;
+    partner.card.fieldOn();
+    EXPECT_NE(text(partner.card.uid()), "04 A1 B2 C3 D4 E5 F6");
+    EXPECT_EQ(partner.card.uid()[0], 0x08);
+}
+
 TEST(CardBlocks, WhatIsNoBlockOrNoSoundOneIsIgnored) {
     Partner card({"80 9000"});
     card.speak("E0 50 > 03 45 03");
@@ -128,21 +157,6 @@ TEST(CardFaults, EachEffectOnTheAir) {
     large.speak("E0 50 > 03 45 03");
     EXPECT_EQ(hex(large.reader.send("02 80")).size(), AirAnswer::kCapacity);
     large.speak("B2 > 02 90 00");
-}
-
-TEST(CardFaults, MistakesInRules) {
-    constexpr std::pair<const char*, const char*> kMistakes[] = {
-        {"blocks 1 lost", "unknown command \"blocks\": two hexadecimal digits, \"any\", \"write\", \"block\" or"},
-        {"4A 1 lost", "\"lost\" goes with \"block\" and \"deselect\" only"},
-        {"block 1 nack", "\"nack\" does not go with \"block\" and \"deselect\""},
-        {"deselect 1 torn 3", "\"torn\" goes with \"write\" only"},
-        {"block 1 wtx 256", "\"wtx\" takes a decimal number, at most 255"},
-        {"block 1 pcb", "\"pcb\" takes a byte in hexadecimal"},
-        {"block 1 gone", "\"gone\" is no effect; known are: xor, cut, pad, lost, late, previous, wrong number, ack, "}};
-    for (const auto& [rule, expected] : kMistakes) {
-        const std::string complaint = FaultPlan().addRule(rule);
-        EXPECT_TRUE(complaint.starts_with(expected)) << complaint;
-    }
 }
 
 /// A .card file of a Type 4 Tag whose file has 24 bytes and an empty record in it, with answers of its own in front.

@@ -171,6 +171,9 @@ TEST(ClassicValue, OnlySoundValueBlocksCountAndTheBufferDiesWithTheSession) {
     EXPECT_EQ(sector.reader.send("B0 04"), "4") << "a new session has nothing to transfer";
     ASSERT_TRUE(allowed(sector, 'A', "C1 04", "01000000"));
     EXPECT_EQ(sector.reader.send("A0 03"), "0") << "the NAK says that the transfer buffer is valid";
+    sector.reader.select();
+    ASSERT_TRUE(sector.reader.authenticate('A', 0));
+    EXPECT_EQ(sector.reader.send("A0 00"), "4") << "nobody writes the maker's block";
 }
 
 TEST(ClassicGeometry, FourKilobytesHaveSmallAndLargeSectors) {

@@ -55,16 +55,6 @@ class Channel {
     platform::DeviceNode mNode;
 };
 
-/// True if `condition` holds before patience ends.
-template <typename Condition>
-bool eventually(Condition condition) {
-    for (const auto end = Clock::now() + std::chrono::milliseconds(kPatienceMs); Clock::now() < end;) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-}
-
 struct EndpointTest : ::testing::Test {
     bool isThere(const std::string& path) { return std::filesystem::exists(std::filesystem::symlink_status(path)); }
     SocketEndpoint socket(const std::string& name) { return {reader, directory.path(), kClass, name}; }
@@ -93,7 +83,9 @@ TEST_F(EndpointTest, TerminalPacesBothDirections) {
     channel.write(TestHost::frame(hex("26 15")));
     EXPECT_EQ(channel.read(500).size(), 500u);
     channel.write(TestHost::frame(hex("26 00")));
-    EXPECT_TRUE(eventually([&] { return reader->ledByte() == 0; })) << "the next command ends it";
+    for (int ms = 0; reader->ledByte() != 0 && ms < kPatienceMs; ++ms)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(reader->ledByte(), 0) << "the next command ends it";
 }
 
 TEST_F(EndpointTest, NameFollowsTheReader) {
@@ -126,9 +118,11 @@ TEST_F(EndpointTest, HostsThatScanSeeNothingButTheName) {
     std::set<std::string> seen;
     std::filesystem::create_directory(directory / kClass);
     std::thread host([&] {
-        while (!hasEnded)
+        for (bool isLast = false; !isLast;) {
+            isLast = hasEnded;  // the reader is back then
             for (const auto& entry : std::filesystem::directory_iterator(directory / kClass))
                 seen.insert(entry.path().filename());
+        }
     });
     SocketEndpoint endpoint = socket("reader1");
     ASSERT_EQ(endpoint.start(), "");
@@ -136,7 +130,6 @@ TEST_F(EndpointTest, HostsThatScanSeeNothingButTheName) {
         round % 2 == 0 ? reader->vanish() : reader->comeBack();
         endpoint.settle();
     }
-    eventually([&] { return seen.size() > 0; });
     hasEnded = true;
     host.join();
     EXPECT_EQ(seen, std::set<std::string>{"reader1"});

@@ -60,7 +60,7 @@ TEST_F(FaultTest, EachEffectOnTheWire) {
             reader->comeBack();
             host.device.OpenInterface("", 0, 0);
             host("26 00");
-            EXPECT_EQ(under("26 1 " + each.substr(0, arrow), "26 15"), each.substr(arrow + 3));
+            EXPECT_EQ(under("any 1 " + each.substr(0, arrow), "26 15"), each.substr(arrow + 3));
             EXPECT_EQ(reader->ledByte() == 0x15, done);
             if (!reader->isPresent()) continue;
             host.device.discardInput();
@@ -82,13 +82,6 @@ TEST_F(FaultTest, HeldBackFramesComeBeforeTheNextAnswer) {
     under("26 1 overdue 300", "26 15");
     host.device.discardInput();
     EXPECT_EQ(all("02"), "ACK, 03 04 02, -");
-}
-
-TEST_F(FaultTest, CountsChooseTheCommand) {
-    EXPECT_EQ(reader->addFaults("# a plan\n26 2 status 11\n\n  any 4 no reply # the fourth of all\n26 from 3 error\n"),
-              "");
-    for (const char* expected : {"27 00", "27 11", "ERROR", "silence", "ERROR"})
-        EXPECT_EQ(host("26 00"), expected);
 }
 
 TEST_F(FaultTest, TagsLeaveReturnAndChangePlaces) {
@@ -128,6 +121,13 @@ TEST(FaultPlanText, MistakesNameLineAndCause) {
         {"4A 1 cut -1", "line 1: \"cut\" takes a decimal number"},
         {"4A 1 power lost", "line 1: \"power lost\" goes with \"write\" only"},
         {"write 1 nack", "line 1: \"nack\" does not go with \"write\""},
+        {"4A 1 lost", "line 1: \"lost\" goes with \"block\" and \"deselect\" only"},
+        {"blocks 1 lost", "line 1: unknown command \"blocks\": two hexadecimal digits, \"any\", \"write\""},
+        {"block 1 nack", "line 1: \"nack\" does not go with \"block\" and \"deselect\""},
+        {"deselect 1 torn 3", "line 1: \"torn\" goes with \"write\" only"},
+        {"block 1 wtx 256", "line 1: \"wtx\" takes a decimal number, at most 255"},
+        {"block 1 pcb", "line 1: \"pcb\" takes a byte in hexadecimal"},
+        {"block 1 gone", "line 1: \"gone\" is no effect; known are: xor, cut, pad, lost, late, previous, "},
     };
     for (const auto& [given, expected] : mistakes) {
         FaultPlan plan;

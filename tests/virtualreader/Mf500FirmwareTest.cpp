@@ -127,15 +127,10 @@ TEST_F(Mf500Messages, ReadWriteAndCountOnAClassic) {
     const std::string more = "07 00 00 00 F8 FF FF FF 07 00 00 00 04 FB 04 FB";
     speak(drop + "19 04 > FF FF {0*16}; " + wake + "18 60 DEADBEEF F05AF05AF05AF05AF05AF05A 04 > FC FF; " + wake +
           "18 61 DEADBEEF 0F0F0F0F0F0F0F0F0F0F0F0F 04 > 00 00; " + wake +
-          "18 60 DEADBEEF 0F0F0F0F0F0F0F0F0F0F0F0F 04 > 00 00; 1A 05 101112131415161718191A1B1C1D1E1F > 00 00; "
-          "19 05 > 00 00 {16+16}; 1A 04 " +
-          value +
-          " > 00 00; 1B C1 04 02000000 04 > 00 00; "
-          "1B C2 04 02000000 06 > 00 00; 1B C0 04 02000000 04 > 00 00; 19 04 > 00 00 " +
-          value +
-          "; "
-          "19 06 > 00 00 " +
-          more + "; 1B C1 05 02000000 05 > F6 FF");
+          "18 60 DEADBEEF 0F0F0F0F0F0F0F0F0F0F0F0F 04 > 00 00");
+    speak("1A 05 101112131415161718191A1B1C1D1E1F > 00 00; 19 05 > 00 00 {16+16}; 1A 04 " + value + " > 00 00");
+    speak("1B C1 04 02000000 04 > 00 00; 1B C2 04 02000000 06 > 00 00; 1B C0 04 02000000 04 > 00 00");
+    speak("19 04 > 00 00 " + value + "; 19 06 > 00 00 " + more + "; 1B C1 05 02000000 05 > F6 FF");
     EXPECT_EQ(tag->memory()->writeCount(), 5u);
 }
 
@@ -154,7 +149,8 @@ TEST_F(Mf500Messages, ExchangeBlocksWithACard) {
 }
 
 TEST_F(Mf500Messages, AreAnsweredOrNotAsThePlanHasIt) {
-    ASSERT_EQ(reader.addFaults("22 1 no answer\n22 2 no reply\n22 3 late reply\n22 5 reply twice\n22 6 overdue 70\n"),
+    ASSERT_EQ(reader.addFaults("# a plan\n22 1 no answer\n\n  22 2 no reply # the second\n22 3 late reply\n"
+                               "22 5 reply twice\n22 6 overdue 70\n"),
               "");
     speak("22 > ");
     EXPECT_EQ(reader.commandCount(0x22), 0u) << "lost on the way";

@@ -1,12 +1,9 @@
-// The virtual Ultralight and smart card over the air.
+// What all virtual tags do over the air, and the virtual Ultralight.
 
 #include "AirReader.h"
-#include "SmartCard.h"
 #include "UltralightTag.h"
 
 #include <gtest/gtest.h>
-
-#include <tuple>
 
 namespace {
 
@@ -25,28 +22,15 @@ struct Ultralight {
     AirReader reader;
 };
 
-TEST(TagStates, RequestsWakeOnlyWhomTheyShould) {
-    Ultralight one;
-    std::uint16_t atqa = 0;
-    one.tag.halt();
-    EXPECT_FALSE(one.tag.request(Request::reqa, atqa));
-    EXPECT_EQ(one.reader.select(Request::wupa), "00");
-    EXPECT_FALSE(one.tag.request(Request::wupa, atqa)) << "a second request is a disturbance";
-    EXPECT_EQ(one.tag.state(), State::halted) << "woken from halt, it drops back to halt";
-    one.tag.fieldOff();
-    EXPECT_FALSE(one.tag.request(Request::wupa, atqa));
-    one.tag.fieldOn();
-    EXPECT_EQ(one.reader.select(), "00") << "losing the field forgets the halt";
-    EXPECT_EQ(one.reader.send("FF FF"), "-") << "an unknown command";
-    EXPECT_EQ(one.tag.state(), State::idle);
-}
-
 TEST(TagStates, CascadeLevelsCarryThePublishedCheckBytes) {
     Ultralight one;
     one.tag.halt();
     std::uint16_t atqa = 0;
     std::uint8_t sak = 0;
     CascadePart part{};
+    ASSERT_TRUE(one.tag.request(Request::wupa, atqa));
+    EXPECT_FALSE(one.tag.request(Request::wupa, atqa)) << "a second request is a disturbance";
+    EXPECT_EQ(one.tag.state(), State::halted) << "woken from halt, it drops back to halt";
     ASSERT_TRUE(one.tag.request(Request::wupa, atqa));
     EXPECT_FALSE(one.tag.anticollision(1, {}, 0, part)) << "not its turn yet";
     ASSERT_TRUE(one.tag.anticollision(0, {}, 0, part));
@@ -69,6 +53,7 @@ TEST(UltralightPages, ReadGoesRoundAndOnlyUserPagesAreFree) {
         EXPECT_EQ(one.tag.state(), State::idle);
     }
     EXPECT_EQ(one.send("A2 04 0102"), "-") << "too short for a command";
+    EXPECT_EQ(one.tag.state(), State::idle);
     EXPECT_EQ(one.send("A0 04"), "A");
     EXPECT_EQ(one.send("AABBCCDD 000102030405060708090A0B"), "A");
     EXPECT_EQ(one.page(4), "AA BB CC DD") << "compatibility writes store four bytes";
@@ -102,54 +87,6 @@ TEST(UltralightPages, OneTimeBitsAndLocksOnlyEverAppear) {
         EXPECT_EQ(other.send("A2 02 0000FFFF"), "A");
         EXPECT_EQ(other.page(2).substr(6), locks) << freeze;
     }
-}
-
-struct Card {
-    explicit Card(std::string_view ats = "7577810280", bool strictCid = false)
-        : tag(hex("04A1B2C3D4E5F6"), hex(ats)), reader(tag) {
-        tag.quirks().strictCid = strictCid;
-        reader.select();
-    }
-    SmartCard tag;
-    AirReader reader;
-};
-
-TEST(SmartCardBlocks, CardNumbersDecideWhoseBlockItIs) {
-    Card learning, strict("7577810280", true), withoutCid("40 00"), withNad("40 01");
-    const std::tuple<Card&, const char*, const char*, const char*> dialogue[] = {
-        {learning, "E0 50", "06 75 77 81 02 80", "no number yet"},
-        {learning, "D0 11 00", "D0", "PPS directly behind RATS"},
-        {learning, "0A 03 00", "0A 03 6D 00", "learns its number from the first block"},
-        {learning, "D0 11 00", "-", "too late for PPS"},
-        {learning, "0B 04 00", "-", "another card's"},
-        {learning, "CA 03", "CA 03", "deselection with the number"},
-        {strict, "E0 52", "06 75 77 81 02 80", "the number is 2"},
-        {strict, "02 00", "-", "blocks without number are for card 0"},
-        {strict, "0A 03 00", "-", "another card's"},
-        {strict, "0A 02 00", "0A 02 6D 00", "its own"},
-        {withoutCid, "E0 50", "03 40 00", "promises neither CID nor NAD"},
-        {withoutCid, "0A 00 00", "-", "so it knows no CID"},
-        {withoutCid, "06 00 00", "-", "nor NAD"},
-        {withNad, "E0 50", "03 40 01", "promises NAD"},
-        {withNad, "06 21 00", "06 12 6D 00", "and turns it round"},
-    };
-    for (const auto& [card, block, answer, why] : dialogue)
-        EXPECT_EQ(card.reader.send(block), answer) << why;
-    withoutCid.tag.quirks().undeclaredCidTaken = true;
-    EXPECT_EQ(withoutCid.reader.send("0A 00 00"), "0A 00 6D 00");
-}
-
-TEST(SmartCardBlocks, ACardInTheProtocolHearsNoRequests) {
-    Card card;
-    card.reader.send("E0 50");
-    std::uint16_t atqa = 0;
-    EXPECT_FALSE(card.tag.request(Request::wupa, atqa));
-    EXPECT_EQ(card.reader.send("02 00"), "02 6D 00");
-    card.tag.fieldOff();
-    card.tag.quirks().freshUid = true;
-    card.tag.fieldOn();
-    EXPECT_NE(text(card.tag.uid()), "04 A1 B2 C3 D4 E5 F6");
-    EXPECT_EQ(card.tag.uid()[0], 0x08);
 }
 
 }  // namespace

@@ -53,11 +53,7 @@ class Control {
 };
 
 struct Program : ChildProgram {
-    explicit Program(const std::vector<std::string>& arguments) : ChildProgram(withName(arguments)) {}
-    static std::vector<std::string> withName(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), QVLREADERSIM);
-        return arguments;
-    }
+    explicit Program(const std::vector<std::string>& arguments) : ChildProgram(QVLREADERSIM, arguments) {}
 };
 
 bool isThere(const std::string& path) { return std::filesystem::exists(std::filesystem::symlink_status(path)); }

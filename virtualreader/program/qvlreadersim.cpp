@@ -54,15 +54,15 @@ std::vector<std::string> knownClasses() {
 void addWhereOptions(CLI::App& app, Settings& into) {
     constexpr const char* kWhere = "Where the reader appears";
     app.add_option("--root", into.root, "Device root (default: QVL_DEVICE_ROOT, else /dev/qvlreader)")
-        ->type_name("DIR")
+        ->option_text("DIR")
         ->group(kWhere);
     auto* com = app.add_option("--com", into.com, "Serial port COM<N> (default, with N = 1)")
-                    ->type_name("N")
+                    ->option_text("N")
                     ->check(CLI::Range(1, 255))
                     ->group(kWhere);
     app.add_option("--socket", into.socket,
                    "Message socket of this name instead of a serial port (default of mf500: mf500)")
-        ->type_name("NAME")
+        ->option_text("NAME")
         ->check([](const std::string& name) {
             const bool sound = !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
             return sound ? std::string() : "a name without slashes is needed, such as usb#vid_04cc&pid_0531#1";
@@ -70,11 +70,11 @@ void addWhereOptions(CLI::App& app, Settings& into) {
         ->excludes(com)
         ->group(kWhere);
     app.add_option("--class", into.classGuid, "Interface class of the socket (default: the model's own)")
-        ->type_name("GUID")
+        ->option_text("GUID")
         ->check(CLI::IsMember(knownClasses()))
         ->group(kWhere);
     app.add_option("--baud", into.baudRate, "Pace the serial bytes at this rate, 10 bits a byte (default: no pacing)")
-        ->type_name("RATE")
+        ->option_text("RATE")
         ->check(CLI::Range(300, 4'000'000))
         ->group(kWhere);
 }
@@ -82,7 +82,7 @@ void addWhereOptions(CLI::App& app, Settings& into) {
 void addModelOptions(CLI::App& app, Settings& into) {
     constexpr const char* kReader = "Reader model";
     app.add_option("--reader", into.model, "tama, a PN531 (default), or mf500, an MF RC500 on a message socket")
-        ->type_name("MODEL")
+        ->option_text("MODEL")
         ->check(CLI::IsMember({kTama, kMf500}))
         ->group(kReader);
     app.add_flag("--no-link-key", into.noLinkKey, "Does not know the key commands; the link stays in the clear")
@@ -116,16 +116,16 @@ void addModelOptions(CLI::App& app, Settings& into) {
 
 void addRunOptions(CLI::App& app, Settings& into) {
     constexpr const char* kRun = "How it runs";
-    app.add_option("--faults", into.faults, "Fault plan, one rule a line")->type_name("FILE")->group(kRun);
+    app.add_option("--faults", into.faults, "Fault plan, one rule a line")->option_text("FILE")->group(kRun);
     app.add_option("--control", into.control, "Stream socket that takes the line commands too")
-        ->type_name("SOCKET")
+        ->option_text("SOCKET")
         ->group(kRun);
     app.add_flag("--keep-running", into.keepRunning, "The end of standard input does not end the program")->group(kRun);
     app.add_flag("--save-on-exit", into.saveOnExit, "Write changed images back to their files")->group(kRun);
     app.add_flag("-q,--quiet", into.quiet, "No \"ready\" line and no warnings")->group(kRun);
     app.set_version_flag("-V,--version", "qvlreadersim " QVL_VERSION);
     app.add_option("TAG", into.tags, "Tags in the field: image files, .card files, or new:KIND[:UID]")
-        ->option_text("TAG...");
+        ->option_text("...");
     app.footer("Line commands on standard input: place, remove, away, back, list, save, reader, fault, faults, led,\n"
                "field, help, quit. The manual page qvlreadersim(1) explains them, fault plans and .card files.\n\n"
                "Example: qvlreadersim --root /tmp/dev --com 1 mytag.mfd");
