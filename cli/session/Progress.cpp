@@ -5,13 +5,11 @@
 namespace {
 
 constexpr std::chrono::seconds kUntilShown{1};
-constexpr int kBarWidth = 20;
+constexpr std::size_t kBarWidth = 20;
 
-std::string bar(int done, int total) {
-    const auto filled = static_cast<std::size_t>(kBarWidth * done / total);
-    std::string text(kBarWidth, '.');
-    text.replace(0, filled, filled, '#');
-    return text;
+void appendBar(std::string& text, int done, int total) {
+    const auto filled = kBarWidth * static_cast<std::size_t>(done) / static_cast<std::size_t>(total);
+    text.append(filled, '#').append(kBarWidth - filled, '.');
 }
 
 }  // namespace
@@ -24,6 +22,9 @@ Progress::~Progress() { mSession.output().eraseLine(); }
 void Progress::begins(int index) {
     mSession.goOn();
     if (std::chrono::steady_clock::now() - mStart < kUntilShown) return;
-    mSession.output().line("[" + bar(index, mTotal) + "] " + mWhat + " " + std::to_string(index + 1) + " of " +
-                           std::to_string(mTotal) + ", hold the tag still, Ctrl-C cancels");
+    std::string text = mWhat;
+    text += ' ';
+    appendBar(text, index, mTotal);
+    text.append(" ").append(std::to_string(index + 1)).append(" of ").append(std::to_string(mTotal));
+    mSession.output().line(text + ", hold the tag still, Ctrl-C cancels");
 }
