@@ -161,6 +161,8 @@ Outcome runCommand(const CommandLine& line, Output& output, Interrupt& interrupt
         outcome = line.work()(session);
     } catch (const qvl::Error& error) {
         outcome = session.fail(error);
+    } catch (const Problem& problem) {
+        outcome = output.error(problem);
     }
     const Outcome ending = session.close();
     if (outcome == Outcome::done) outcome = ending;

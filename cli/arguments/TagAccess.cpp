@@ -20,12 +20,18 @@ std::uint16_t appFromText(std::string_view text) {
     return static_cast<std::uint16_t>(id);
 }
 
+// Blanks and colons may stand between the digits.
+qvl::Uid uidFromText(const std::string& text) {
+    const auto bytes = bytesFromHex(text);
+    return qvl::Uid::parse(bytes ? hexDigits(*bytes) : text);
+}
+
 }  // namespace
 
 void addUidOption(Options& options, TagAccess& access) {
     options
         .text(
-            "--uid", [&access](const std::string& text) { access.uid = qvl::Uid::parse(text); },
+            "--uid", [&access](const std::string& text) { access.uid = uidFromText(text); },
             "Only the tag with this UID, not the first one found")
         .type("HEX");
 }

@@ -2,6 +2,7 @@
 
 #include "AppData.h"
 #include "Command.h"
+#include "ResultsText.h"
 #include "TagAccess.h"
 #include "Text.h"
 
@@ -73,9 +74,10 @@ void addGivingOptions(Options& options, AppArguments& arguments) {
 Outcome takeSectors(Session& session, const AppArguments& arguments) {
     const TagAccess& access = arguments.access;
     const qvl::Application app = findTag(session, access).application(*access.app, access.directory);
-    app.removeSectors(arguments.from, arguments.count, *arguments.directoryKeyB, access.login, arguments.newKeyA,
-                      arguments.newKeyB, session.limit());
+    const qvl::Results results = app.removeSectors(arguments.from, arguments.count, *arguments.directoryKeyB,
+                                                   access.login, arguments.newKeyA, arguments.newKeyB, session.limit());
     const std::string id = appText(*access.app);
+    if (!results.complete()) return tellResults(session, results, "position", id);
     session.output().put({{"app", id}, {"removed", arguments.count}},
                          "application " + id + ": " + counted(static_cast<std::size_t>(arguments.count), "sector") +
                              " removed");

@@ -35,10 +35,13 @@ class Poll {
     }
     /// Every tag in every round.
     Outcome rounds() {
+        qvl::Watch watch = mSession.reader().watch();
         const qvl::Limit limit = wholeTime();
         while (goesOn() && !limit.isOver()) {
-            for (const qvl::Tag& tag : mSession.reader().tags(limit))
-                if (goesOn()) tellTag("tag", std::chrono::system_clock::now(), tag.uid(), tag.type());
+            const qvl::Limit round = qvl::Limit::now().asking(goesOnQuestion());
+            while (const auto event = next(watch, round))
+                if (event->uid.empty()) tell(name(event->kind), event->time, {});
+            tellAll(round);
             if (goesOn()) mSession.interrupt().waitFor(kRoundPause);
         }
         return end();
@@ -69,6 +72,18 @@ class Poll {
         std::optional<std::chrono::milliseconds> time;
         if (mArguments.seconds) time = fromSeconds(*mArguments.seconds);
         return qvl::Limit(mSession.limit(time, nullptr).deadline()).asking(goesOnQuestion());
+    }
+    /// None while the reader is lost.
+    void tellAll(const qvl::Limit& limit) {
+        try {
+            for (const qvl::Tag& tag : mSession.reader().tags(limit))
+                if (goesOn()) tellTag("tag", std::chrono::system_clock::now(), tag.uid(), tag.type());
+        } catch (const qvl::Error& error) {
+            using qvl::Reason;
+            if (error.reason() != Reason::readerLost && error.reason() != Reason::noReader &&
+                error.reason() != Reason::cancelled)
+                throw;
+        }
     }
     static std::optional<qvl::Event> next(qvl::Watch& watch, const qvl::Limit& limit) {
         try {

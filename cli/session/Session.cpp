@@ -30,15 +30,34 @@ void Session::open() {
             mSettings.model == "mf500" ? qvl::VirtualReader::Model::mfRc500 : qvl::VirtualReader::Model::pn531;
         options.tags = mSettings.images;
         options.saveOnExit = mSettings.saveImages;
-        mVirtualReader.emplace(std::move(options));
+        startVirtualReader(options);
         for (const std::string& remark : mVirtualReader->remarks())
             mOutput.note(remark);
     }
-    mReader.emplace(limit(fromSeconds(mSettings.readerSeconds), kReaderPrompt),
-                    [this](const std::string& port, bool isNamed) {
-                        if (isNamed) mOutput.note("looking for a reader on serial port " + port);
-                        return isNamed;
-                    });
+    const auto begin = Clock::now();
+    const qvl::Limit ofReader = limit(fromSeconds(mSettings.readerSeconds), nullptr).asking([this, begin] {
+        if (Clock::now() - begin > kUntilPrompt) mOutput.line(kReaderPrompt);
+        return !mInterrupt.requested();
+    });
+    mReader.emplace(ofReader, [this](const std::string& port, bool isNamed) {
+        if (isNamed) mOutput.line("Looking for a reader on serial port " + port);
+        return isNamed;
+    });
+}
+
+void Session::startVirtualReader(const qvl::VirtualReader::Options& options) {
+    try {
+        mVirtualReader.emplace(options);
+    } catch (const qvl::Error& error) {
+        const bool isTag = error.reason() == qvl::Reason::badArgument;
+        throw Problem{isTag ? Outcome::usage : Outcome::noReader,
+                      isTag ? "no such tag" : "no virtual reader",
+                      error.what(),
+                      isTag ? "--virtual takes an image file, a .card file or new:KIND, as qvlreadersim(1) has them."
+                            : "",
+                      0,
+                      qvl::name(error.reason())};
+    }
 }
 
 Outcome Session::close() {
@@ -49,14 +68,15 @@ Outcome Session::close() {
 }
 
 qvl::Limit Session::limit() {
-    return limit(mSettings.wait ? fromSeconds(mSettings.waitSeconds) : std::chrono::milliseconds::zero(), kTagPrompt);
+    if (!mSettings.wait) return qvl::Limit::now().asking([this] { return !mInterrupt.requested(); });
+    return limit(fromSeconds(mSettings.waitSeconds), kTagPrompt);
 }
 
 qvl::Limit Session::limit(std::optional<std::chrono::milliseconds> time, const char* prompt) {
     const auto begin = Clock::now();
     const auto end = time ? std::min(qvl::Limit(*time).deadline(), mDeadline) : mDeadline;
     return qvl::Limit(end).asking([this, begin, prompt] {
-        if (Clock::now() - begin > kUntilPrompt) mOutput.prompt(prompt);
+        if (prompt != nullptr && Clock::now() - begin > kUntilPrompt) mOutput.prompt(prompt);
         return !mInterrupt.requested();
     });
 }

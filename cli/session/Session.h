@@ -31,7 +31,8 @@ class Session {
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// Makes the reader ready. Commands run in an open session only. @throws qvl::Error
+    /// Makes the reader ready. Commands run in an open session only. @throws qvl::Error, or Problem if the virtual
+    /// reader cannot be made.
     void open();
     /// The end, for those who want to know how it went.
     Outcome close();
@@ -42,7 +43,7 @@ class Session {
 
     /// How long an operation that begins now may wait. While it waits, a line asks for a tag; Ctrl-C ends the wait.
     qvl::Limit limit();
-    /// The same with a time of its own; none for no end but the deadline of the command.
+    /// The same with a time of its own, none for no end but the deadline of the command, and another line or none.
     qvl::Limit limit(std::optional<std::chrono::milliseconds> time, const char* prompt);
     /// @throws qvl::Error if the user wants to end or the deadline is over: between the steps of long work.
     void goOn();
@@ -51,6 +52,8 @@ class Session {
     Outcome fail(const qvl::Error& error, const std::string& where = {});
 
   private:
+    void startVirtualReader(const qvl::VirtualReader::Options& options);
+
     const SessionSettings mSettings;
     Output& mOutput;
     Interrupt& mInterrupt;

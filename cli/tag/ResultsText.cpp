@@ -4,6 +4,7 @@
 #include "PrivateFile.h"
 #include "Text.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace {
@@ -48,7 +49,10 @@ Outcome keep(Session& session, qvl::ByteView data, const std::string& file) {
 Outcome tellResults(Session& session, const qvl::Results& results, const char* unit, const std::string& where) {
     if (results.complete()) return Outcome::done;
     tellTable(session.output(), unit, results.list());
-    return session.output().error(problemOf(kPartial), where);
+    const int status = results.list().front().status;
+    const bool isForOneReason =
+        std::ranges::all_of(results.list(), [&](const auto& each) { return each.status == status; });
+    return session.output().error(problemOf(isForOneReason ? status : int{kPartial}), where);
 }
 
 Outcome tellBlocks(Session& session, const qvl::Blocks& blocks, const std::string& file) {

@@ -24,7 +24,7 @@ constexpr StatusAdvice kAdvice[] = {
     {kTclBadAts, "\"ls\" shows what it is; for memory tags there are \"read\" and \"dump\"."},
     {kTclRestPending, "Ask for less at once, with a smaller Le or in slices."},
     {kBflErrorFrame, "Check code and parameters."},
-    {kOutOfRange, "\"info --tag\" shows the size of a tag, \"app ls\" that of an application."},
+    {kOutOfRange, "\"ls\" shows the size of a tag, \"app ls\" that of an application."},
     {kTooFew, "\"app ls\" shows which sectors are free."},
     {kDirectoryNotRead, kFormatFirst},
     {kNoDirectory, kFormatFirst},

@@ -34,13 +34,13 @@ TEST_F(QvltagTest, LedBurnsWhileTheProgramStays) {
     EXPECT_EQ(reader->ask("led"), hasLights ? "ok c0" : "ok 00");
     EXPECT_EQ(only(runJson({"led", "0", "off"}, 0)), Json({{"led", 0}, {"on", false}, {"duration", 1}}));
     const Json refused = only(runJson({"led", "0", "on", "--duration", "0"}, 1));
-    EXPECT_EQ(refused.value("error", "") + refused.value("where", ""), "reader failedLED 0");
+    EXPECT_EQ(refused.value("error", "") + refused.value("meaning", "").substr(0, 8), "reader failedlight 0:");
     EXPECT_EQ(refused.value("status", 0), 3101);
 }
 
 TEST_F(QvltagTest, ComplaintsSayWhatIsWrongAndWhatToTry) {
     const std::tuple<Words, int, std::string, const char*, const char*> kMistakes[] = {
-        {{"info"}, 3, "no reader", "none is ready", "--virtual new:1k"},
+        {{"info"}, 3, "no reader", "no reader was found in", "--virtual new:1k"},
         {{}, 2, "usage", "subcommand is required", "qvltag --help"},
         {{"dance"}, 2, "usage", "unknown command or option \"dance\"", "qvltag --help"},
         {{"--dance", "info"}, 2, "usage", "not expected: --dance", "qvltag info --help"},
@@ -95,7 +95,7 @@ TEST_F(QvltagTest, FindsTheVirtualReaderBesideItselfOrOnThePath) {
     environment["TMPDIR"] = place / "none";
     const Result homeless = run({"--virtual", "new:1k", "info"});
     EXPECT_EQ(homeless.status, 3);
-    EXPECT_THAT(homeless.err, HasSubstr("Point TMPDIR to"));
+    EXPECT_THAT(homeless.err, HasSubstr("TMPDIR names the place"));
 }
 
 TEST_F(QvltagTest, ShowsTheDeviceThatTheHelperLibraryOfTheInstallationKnows) {

@@ -46,6 +46,12 @@ TEST_F(TheCardLayer, TalksWithACardBesideAStorageTag) {
 TEST_F(TheCardLayer, HoldsSeveralSessionsAtOnce) {
     Field field({echo, "new:card:04111111111111"});
     qvl::Card first = field.reader.waitForCard(qvl::Uid::parse("04010203040506"), kPatience);
+    expectError(Reason::badArgument, "would end the session", [&] { field.reader.tags(); });
+    if (!isMf500UnderTest()) {
+        expectError(Reason::notSupported, "does not offer", [&] { field.reader.waitForCard(kPatience); });
+        EXPECT_EQ(first.exchange(Bytes{0x00, 0xA4}).statusWord(), 0x9000);
+        return;
+    }
     qvl::Card second = field.reader.waitForCard(qvl::Uid::parse("04111111111111"), kPatience);
     EXPECT_NE(first.number(), second.number());
     for (int i = 0; i < 2; ++i) {

@@ -6,6 +6,7 @@
 #include "Session.h"
 #include "Uid.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -15,6 +16,39 @@
 #include <vector>
 
 namespace qvl {
+
+namespace detail {
+
+/// The class of GET RESPONSE: the logical channel of the command and nothing else of it.
+constexpr std::uint8_t channelOf(std::uint8_t classByte) {
+    if ((classByte & 0xE0) == 0x00) return classByte & 0x03;
+    if ((classByte & 0xC0) == 0x40) return classByte & 0x4F;
+    return 0x00;
+}
+
+/// Where Le begins in a command APDU; its size if it has none.
+inline std::size_t positionOfLe(ByteView command) {
+    constexpr std::size_t kHeader = 4;
+    if (command.size() <= kHeader + 1) return std::min(command.size(), kHeader);
+    const bool isExtended = command[kHeader] == 0 && command.size() >= kHeader + 3;
+    if (!isExtended) return std::min<std::size_t>(command.size(), kHeader + 1 + command[kHeader]);
+    if (command.size() == kHeader + 3) return kHeader;
+    const std::size_t length = static_cast<std::size_t>(command[kHeader + 1] << 8 | command[kHeader + 2]);
+    return std::min(command.size(), kHeader + 3 + length);
+}
+
+/// An extended Le keeps its form: two bytes, after a zero where there is no Lc.
+inline Bytes withLe(ByteView command, std::uint8_t le) {
+    const std::size_t position = positionOfLe(command);
+    Bytes repeated(command.begin(), command.begin() + static_cast<std::ptrdiff_t>(position));
+    const std::size_t size = command.size() - position;
+    for (std::size_t i = 1; i < size; ++i)
+        repeated.push_back(le == 0 && i + 1 == size ? 1 : 0);
+    repeated.push_back(le);
+    return repeated;
+}
+
+}  // namespace detail
 
 /// What a smart card answered to a command APDU (ISO/IEC 7816-4).
 struct ApduAnswer {
@@ -67,42 +101,42 @@ class Card {
         Bytes answer;
         const int status = sendOnce(call, command, options, answer);
         if (status == kTclRestPending) dropRest(call, command, options);
+        if (status == kTclDeselected || status == kTclNotDeselected) std::exchange(mSession, nullptr)->leaveCard(mUid);
         if (status != kOk) call.fail(status, "card " + mUid.text());
         return answer;
     }
     /// Sends a command APDU, fetches what waits (61xx) with GET RESPONSE, and repeats a command with a wrong Le (6Cxx)
-    /// with the right one. @throws Error as transmit; content for an answer without a status word or without an end.
+    /// with the right one. A card that goes on for ever is left after 512 commands, with what it has given.
+    /// @throws Error as transmit; content for an answer without a status word.
     ApduAnswer exchange(ByteView command, const Limit& limit = Limit(std::chrono::seconds(5)),
                         const SendOptions& options = {}) {
         constexpr std::uint8_t kMoreWaits = 0x61, kWrongLe = 0x6C, kGetResponse = 0xC0;
-        constexpr std::size_t kShortestWithLe = 5, kMostFollowUps = 1024;
-        ApduAnswer answer = split(transmit(command, limit, options));
-        std::vector<Bytes> followUps;
-        const auto follow = [&](Bytes next) {
-            if (followUps.size() == kMostFollowUps) throw Error(Reason::content, "the answer of the card does not end");
-            followUps.push_back(std::move(next));
-            return split(transmit(followUps.back(), limit, options));
+        constexpr std::size_t kMostFollowUps = 512;
+        ApduAnswer whole;
+        const auto send = [&](ByteView each) {
+            const Bytes bytes = transmit(each, limit, options);
+            constexpr std::size_t kStatusWord = 2;
+            if (bytes.size() < kStatusWord) throw Error(Reason::content, "the answer of the card has no status word");
+            whole.data.insert(whole.data.end(), bytes.begin(), bytes.end() - kStatusWord);
+            whole.sw1 = bytes[bytes.size() - 2];
+            whole.sw2 = bytes.back();
         };
-        if (answer.sw1 == kWrongLe && command.size() >= kShortestWithLe) {
-            Bytes again(command.begin(), command.end());
-            again.back() = answer.sw2;
-            answer = follow(std::move(again));
-        }
-        Bytes all = std::move(answer.data);
-        while (answer.sw1 == kMoreWaits) {
-            answer = follow({command.empty() ? std::uint8_t{0} : command[0], kGetResponse, 0, 0, answer.sw2});
-            all.insert(all.end(), answer.data.begin(), answer.data.end());
-        }
-        answer.data = std::move(all);
-        answer.followUps = std::move(followUps);
-        return answer;
+        const auto follow = [&](Bytes next) {
+            whole.followUps.push_back(std::move(next));
+            send(whole.followUps.back());
+        };
+        send(command);
+        if (whole.sw1 == kWrongLe) follow(detail::withLe(command, whole.sw2));
+        while (whole.sw1 == kMoreWaits && whole.followUps.size() < kMostFollowUps)
+            follow({detail::channelOf(command.empty() ? std::uint8_t{0} : command[0]), kGetResponse, 0, 0, whole.sw2});
+        return whole;
     }
 
     /// Deselects the card. Its operations then throw Error (noReader).
     void close() {
         const detail::SessionPtr session = std::exchange(mSession, nullptr);
         if (!session) return;
-        --session->openCards;
+        session->leaveCard(mUid);
         detail::Call call(session, Limit(std::chrono::seconds(1)));
         QVLParamCollection in;
         TagUID tag = tagUid();
@@ -117,7 +151,7 @@ class Card {
     friend class Reader;
     Card(detail::SessionPtr session, const Uid& uid, std::uint8_t number, Bytes ats)
         : mSession(std::move(session)), mUid(uid), mNumber(number), mAts(std::move(ats)) {
-        ++mSession->openCards;
+        mSession->enterCard(mUid);
     }
 
     static constexpr int kSend = 40, kSendRaw = 41, kDeselect = 43;
@@ -162,12 +196,6 @@ class Card {
         for (int i = 0; i < kMostRests && sendOnce(call, command, options, rest) == kTclRestPending; ++i) {
         }
     }
-    static ApduAnswer split(const Bytes& answer) {
-        constexpr std::size_t kStatusWord = 2;
-        if (answer.size() < kStatusWord) throw Error(Reason::content, "the answer of the card has no status word");
-        return {Bytes(answer.begin(), answer.end() - kStatusWord), answer[answer.size() - 2], answer.back(), {}};
-    }
-
     detail::SessionPtr mSession;  // null once it is closed
     Uid mUid;
     std::uint8_t mNumber;

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <stop_token>
 
 namespace qvl {
@@ -22,8 +23,13 @@ class Limit {
     template <typename Rep, typename Period>
     Limit(std::chrono::duration<Rep, Period> time, std::stop_token stop = {})  // NOLINT: so is a time
         : mDeadline(after(time)), mStop(std::move(stop)) {}
-    /// One attempt, without waiting.
-    static Limit now() { return Limit(Clock::time_point::min()); }
+    /// One attempt, without waiting for a tag. An operation of another thread or program is waited for, up to 5
+    /// seconds.
+    static Limit now() {
+        Limit limit(Clock::time_point::min());
+        limit.mReaderDeadline = Clock::now() + std::chrono::seconds(5);
+        return limit;
+    }
 
     /// The same limit, with a question that is asked about every 100 ms on the thread of the operation; false cancels
     /// it. What it throws ends the operation and arrives at the caller.
@@ -34,6 +40,9 @@ class Limit {
     }
 
     Clock::time_point deadline() const { return mDeadline; }
+    /// How long it waits for other threads and programs.
+    Clock::time_point readerDeadline() const { return mReaderDeadline.value_or(mDeadline); }
+    bool isNow() const { return mDeadline == Clock::time_point::min(); }
     bool isOver() const { return mDeadline != Clock::time_point::max() && Clock::now() >= mDeadline; }
     const std::stop_token& stop() const { return mStop; }
     const std::function<bool()>& question() const { return mGoOn; }
@@ -48,6 +57,7 @@ class Limit {
     }
 
     Clock::time_point mDeadline = Clock::time_point::max();
+    std::optional<Clock::time_point> mReaderDeadline;
     std::stop_token mStop;
     std::function<bool()> mGoOn;
 };

@@ -177,7 +177,8 @@ class Memory {
     void check(detail::Call& call, int status, const char* unit, int number) const {
         if (status == kOk) return;
         call.throwEnd(status);
-        const std::string what = number < 0 ? "" : std::string(unit) + " " + std::to_string(number);
+        std::string what = number < 0 ? "" : std::string(unit) + " " + std::to_string(number);
+        if (mAppType != TagAppNone) what = application() + (what.empty() ? "" : ", " + what);
         throwIfGone(call, status);
         call.fail(status, what);
     }
@@ -190,6 +191,11 @@ class Memory {
         std::array<std::uint16_t, 16> directory{};
         std::ranges::copy(entries, directory.begin());
         return directory;
+    }
+    std::string application() const {
+        const auto id = static_cast<std::uint16_t>(mAppId);
+        const std::uint8_t idBytes[] = {static_cast<std::uint8_t>(id >> 8), static_cast<std::uint8_t>(id & 0xFF)};
+        return "application " + toHex(idBytes);
     }
     Results changeKeys(int firstSector, int count, const KeyPair& newKeys, const Login& login,
                        const Limit& limit) const {
@@ -251,6 +257,7 @@ class Memory {
         const Reason reason = statusInfo(status).reason;
         if (reason == Reason::badArgument || reason == Reason::notSupported || reason == Reason::failed) return;
         if (call.readerWasLost()) throw Error(Reason::readerLost, status, "the reader was lost");
+        if (!mSession->openCards().empty()) return;
         const auto seen = detail::listField(call);
         if (!seen || call.readerWasLost()) throw Error(Reason::readerLost, status, "the reader was lost");
         const Uid uid(ByteView(mTag.getUid(), mTag.getUidLen()));

@@ -54,7 +54,7 @@ class Reader {
             call.throwEnd(kReaderNotReady);
             if (!call.pause(kBetweenAttemptsMs)) {
                 call.throwEnd(kReaderNotReady);
-                throw Error(Reason::noReader, kReaderNotReady, "no reader was found in " + deviceRoot());
+                throw Error(Reason::noReader, kReaderNotReady, "no reader was found in " + placesOf(*mSession));
             }
             call.library().scanUSBDevice(kStartAnew);
         }
@@ -147,25 +147,35 @@ class Reader {
     /// first.
     Watch watch(const Limit& limit = {}) const { return {mSession, limit}; }
 
-    /// Waits for a smart card (ISO/IEC 14443-4) and opens a session with it, even if storage tags are in the field.
+    /// Waits for a smart card (ISO/IEC 14443-4) and opens a session with it, even if storage tags are in the field. On
+    /// an MF RC500 several can be open at once: a further one is looked for among those that were in the field before
+    /// the first session, since a new look would end that. A PN531 holds one at a time; another is Error
+    /// (notSupported).
     Card waitForCard(const Limit& limit = {}) const { return waitForCard(Uid(), limit); }
     /// The same for the card with this UID; an empty one stands for any.
     Card waitForCard(const Uid& uid, const Limit& limit = {}) const {
         detail::Call call(mSession, limit);
-        for (;;) {
-            const auto seen = detail::listField(call);
-            for (const detail::Seen& each : seen.value_or(std::vector<detail::Seen>()))
-                if (uid.empty() ? mayBeCard(each) : each.uid == uid)
-                    if (auto card = openCard(call, each)) return std::move(*card);
-            pauseOrThrow(call, seen.has_value(),
+        for (bool isThere = false;;) {
+            const auto open = mSession->openCards();
+            const auto seen = open.empty() ? detail::listField(call) : mSession->lastSeen();
+            isThere = isThere || seen.has_value();
+            for (const detail::Seen& each : seen.value_or(std::vector<detail::Seen>())) {
+                const bool isWanted = uid.empty() ? mayBeCard(each) : each.uid == uid;
+                if (!isWanted || std::ranges::find(open, each.uid) != open.end()) continue;
+                if (auto card = openCard(call, each)) return std::move(*card);
+            }
+            pauseOrThrow(call, isThere && !call.readerWasLost(),
                          uid.empty() ? "no card came" : "the card " + uid.text() + " did not come");
         }
     }
 
   private:
-    static std::string deviceRoot() {
+    static std::string placesOf(const detail::Session& session) {
         const char* root = std::getenv("QVL_DEVICE_ROOT");
-        return root && *root ? root : "/dev/qvlreader";
+        std::string places = root && *root ? root : "/dev/qvlreader";
+        for (const std::string& port : session.triedPorts())
+            places += " and on serial port " + port;
+        return places;
     }
     static bool mayBeCard(const detail::Seen& seen) {
         return seen.type != kTagUltralight && seen.type != kTagStandard && seen.type != kTag4K;
@@ -186,16 +196,18 @@ class Reader {
         if (call.pause(kBetweenLooksMs)) return;
         call.throwEnd(kWaitOver);
         if (!readerIsThere) throwNoReader(call);
+        if (call.limit().isNow()) throw Error(Reason::noTag, kNoTag, what);
         throw Error(Reason::timedOut, kWaitOver, what + " within the time");
     }
     template <typename IsWanted>
     Tag waitFor(const Limit& limit, const std::string& otherwise, IsWanted isWanted) const {
         detail::Call call(mSession, limit);
-        for (;;) {
+        for (bool isThere = false;;) {
             const auto seen = detail::listField(call);
+            isThere = isThere || seen.has_value();
             for (const detail::Seen& each : seen.value_or(std::vector<detail::Seen>()))
                 if (isWanted(call, each)) return Tag(mSession, each);
-            pauseOrThrow(call, seen.has_value(), otherwise);
+            pauseOrThrow(call, isThere && !call.readerWasLost(), otherwise);
         }
     }
     static bool carries(detail::Call& call, const detail::Seen& seen, const ApplicationQuery& query) {
@@ -221,7 +233,7 @@ class Reader {
         const TagUID tag(seen.uid.bytes().data(), static_cast<std::uint32_t>(seen.uid.bytes().size()), seen.type);
         const int status = call.library().openCard(0, tag, cid, ats.out(), length);
         call.throwEnd(status);
-        if (status == detail::kNoFreeCid) call.fail(status);
+        if (status == detail::kNoFreeCid || status == kNotImplemented) call.fail(status);
         if (status != kOk) return std::nullopt;
         return Card(mSession, seen.uid, cid, Bytes(ats.get(), ats.get() + length));
     }

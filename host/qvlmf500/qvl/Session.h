@@ -42,6 +42,12 @@ class FromLibrary {
     T* mPointer = nullptr;
 };
 
+/// A tag as one look into the field has it.
+struct Seen {
+    Uid uid;
+    std::uint32_t type;
+};
+
 /// See Reader.
 using PortQuestion = std::function<bool(const std::string& port, bool isNamed)>;
 
@@ -77,8 +83,37 @@ class Session final : private QVLReaderServiceIntf {
         return mChanges.size();
     }
 
-    /// Sessions with cards: a look for tags would break into them.
-    std::atomic<int> openCards{0};
+    // Sessions with cards. A look for tags resets the field and would end them.
+    void enterCard(const Uid& uid) {
+        const std::scoped_lock lock(mMutex);
+        mOpenCards.push_back(uid);
+    }
+    void leaveCard(const Uid& uid) {
+        const std::scoped_lock lock(mMutex);
+        std::erase(mOpenCards, uid);
+    }
+    std::vector<Uid> openCards() const {
+        const std::scoped_lock lock(mMutex);
+        return mOpenCards;
+    }
+    /// What the last look has seen: with an open session there is no other.
+    std::vector<Seen> lastSeen() const {
+        const std::scoped_lock lock(mMutex);
+        return mLastSeen;
+    }
+    /// Serial ports on which a reader was looked for.
+    std::vector<std::string> triedPorts() const {
+        const std::scoped_lock lock(mMutex);
+        return mTriedPorts;
+    }
+    void hasTriedPort(const std::string& port) {
+        const std::scoped_lock lock(mMutex);
+        if (std::ranges::find(mTriedPorts, port) == mTriedPorts.end()) mTriedPorts.push_back(port);
+    }
+    void hasSeen(const std::vector<Seen>& seen) {
+        const std::scoped_lock lock(mMutex);
+        mLastSeen = seen;
+    }
 
   private:
     friend class Call;
@@ -93,6 +128,9 @@ class Session final : private QVLReaderServiceIntf {
     std::shared_mutex mUse;  // shared by each call, alone to close
     mutable std::mutex mMutex;
     std::vector<bool> mChanges;
+    std::vector<Uid> mOpenCards;
+    std::vector<Seen> mLastSeen;
+    std::vector<std::string> mTriedPorts;
     const PortQuestion mMayTryPort;
     std::unique_ptr<ReaderImpl> mAdaptor;
 };
@@ -124,7 +162,7 @@ class Call final : private HostWait {
 
     ReaderImpl& library() { return *mSession->mAdaptor; }
     const SessionPtr& session() const { return mSession; }
-    bool isOver() const { return mEnd != End::none || mLimit.isOver(); }
+    const Limit& limit() const { return mLimit; }
 
     /// Within its scope the library does not wait for a tag: it looks once.
     class Look {
@@ -140,14 +178,7 @@ class Call final : private HostWait {
     };
 
     /// Lets at most `ms` pass. @return false if the operation has to end.
-    bool pause(std::uint32_t ms) {
-        for (constexpr std::uint32_t kStepMs = 100;;) {
-            const std::uint32_t step = std::min(ms, kStepMs);
-            if (!pauseStep(step)) return false;
-            ms -= step;
-            if (ms == 0) return true;
-        }
-    }
+    bool pause(std::uint32_t ms) { return pause(ms, mLimit.deadline()); }
 
     /// Fails because of a status, or because the operation was ended. `what` says what was asked for.
     [[noreturn]] void fail(int status, const std::string& what = {}) {
@@ -161,8 +192,10 @@ class Call final : private HostWait {
         if (mThrown) std::rethrow_exception(std::exchange(mThrown, nullptr));
         if (mEnd == End::closed) throw Error(Reason::noReader, status, "the reader was closed");
         if (mEnd == End::cancelled) throw Error(Reason::cancelled, status, "cancelled");
-        if (mHolder) throw Error(Reason::readerBusy, status, busyText(*mHolder));
+        if (mHolder && !mHadReader) throw Error(Reason::readerBusy, status, busyText(*mHolder));
     }
+    /// The reader was had at least once: a wait that is over now is not the fault of another program.
+    void hadReader() { mHadReader = true; }
     bool readerWasLost() const {
         const auto changes = mSession->changesSince(mChangesBefore);
         return std::ranges::find(changes, false) != changes.end();
@@ -171,31 +204,41 @@ class Call final : private HostWait {
   private:
     enum class End { none, timedOut, cancelled, closed };
 
+    bool pause(std::uint32_t ms, Limit::Clock::time_point deadline) {
+        for (constexpr std::uint32_t kStepMs = 100;;) {
+            const std::uint32_t step = std::min(ms, kStepMs);
+            if (!pauseStep(step, deadline)) return false;
+            ms -= step;
+            if (ms == 0) return true;
+        }
+    }
+
     bool waitForTag(std::uint32_t ms) override { return !mIsLook && pause(ms); }
     bool waitForReader(std::uint32_t ms, long holder) override {
-        if (pause(ms)) return true;
+        if (pause(ms, mLimit.readerDeadline())) return true;
         if (mEnd == End::timedOut) mHolder = holder;
         return false;
     }
 
     bool mayTryPort(const char* port, bool isNamed) override {
-        if (!mSession->mMayTryPort) return isNamed;
         try {
-            return mSession->mMayTryPort(port, isNamed);
+            const bool may = mSession->mMayTryPort ? mSession->mMayTryPort(port, isNamed) : isNamed;
+            if (may) mSession->hasTriedPort(port);
+            return may;
         } catch (...) {
             mThrown = std::current_exception();
             return false;
         }
     }
 
-    bool pauseStep(std::uint32_t ms) {
+    bool pauseStep(std::uint32_t ms, Limit::Clock::time_point deadline) {
         if (mEnd != End::none) return false;
         if (mSession->isClosing()) return ends(End::closed);
         if (mLimit.stop().stop_requested() || !asksOn()) return ends(End::cancelled);
-        if (mLimit.isOver()) return ends(End::timedOut);
+        if (Limit::Clock::now() >= deadline) return ends(End::timedOut);
         if (ms == 0) return true;
         auto until = Limit::Clock::now() + std::chrono::milliseconds(ms);
-        until = std::min(until, mLimit.deadline());
+        until = std::min(until, deadline);
         if (!mWaiting) mWaiting.emplace();
         std::unique_lock lock(mWaiting->mutex);
         mWaiting->condition.wait_until(lock, mLimit.stop(), until, [] { return false; });
@@ -236,19 +279,16 @@ class Call final : private HostWait {
     bool mIsLook = false;
     End mEnd = End::none;
     std::optional<long> mHolder;
+    bool mHadReader = false;
     std::optional<Waiting> mWaiting;
     Limit::Clock::time_point mNextQuestion{};
     std::exception_ptr mThrown;
 };
 
-/// A tag as one listing of the field has it.
-struct Seen {
-    Uid uid;
-    std::uint32_t type;
-};
-
-/// All tags in the field; none without a reader.
+/// All tags in the field; none without a reader. @throws Error (badArgument) while a session with a card is open.
 inline std::optional<std::vector<Seen>> listField(Call& call) {
+    if (!call.session()->openCards().empty())
+        throw Error(Reason::badArgument, "a look for tags would end the session with a card: close that first");
     const Call::Look look(call);
     FromLibrary<TagUID> tags(call.library());
     short count = 0;
@@ -256,10 +296,11 @@ inline std::optional<std::vector<Seen>> listField(Call& call) {
     call.throwEnd(status);
     if (status == kReaderNotReady || status == kReaderFailed) return std::nullopt;
     std::vector<Seen> seen;
-    if (status != kOk || !tags.get()) return seen;
-    for (const TagUID& tag : std::span(tags.get(), static_cast<std::size_t>(count)))
+    for (const TagUID& tag : std::span(tags.get(), status == kOk && tags.get() ? static_cast<std::size_t>(count) : 0))
         seen.push_back(
             {Uid(ByteView(tag.getUid(), std::min<std::size_t>(tag.getUidLen(), Uid::kMostBytes))), tag.getTagType()});
+    call.session()->hasSeen(seen);
+    call.hadReader();
     return seen;
 }
 

@@ -55,14 +55,18 @@ class Application : public Memory {
     }
     /// Takes sectors from it, from a place in the list of its sectors, and clears them; all of them remove it. `login`
     /// may write their trailers. Freed sectors get the new keys, or the public key A and the directory's key B.
-    void removeSectors(int from, int count, const Key& directoryB, const Login& login,
-                       const std::optional<Key>& newKeyA = {}, const std::optional<Key>& newKeyB = {},
-                       const Limit& limit = Limit(kUsualWait)) const {
+    Results removeSectors(int from, int count, const Key& directoryB, const Login& login,
+                          const std::optional<Key>& newKeyA = {}, const std::optional<Key>& newKeyB = {},
+                          const Limit& limit = Limit(kUsualWait)) const {
         std::vector<int> statuses(static_cast<std::size_t>(small(count)));
         detail::Call call(mSession, limit);
-        check(call, call.library().removeAppSector(0, mAppType, mAppId, directoryB.bytes().data(), 0, small(from),
-                                                   small(count), mTag, mode(login), bytes(login), bytes(newKeyA),
-                                                   bytes(newKeyB), statuses.data()));
+        const int status = call.library().removeAppSector(0, mAppType, mAppId, directoryB.bytes().data(), 0,
+                                                          small(from), small(count), mTag, mode(login), bytes(login),
+                                                          bytes(newKeyA), bytes(newKeyB), statuses.data());
+        std::vector<Result> list;
+        for (std::size_t i = 0; i < statuses.size() && statuses[i] != 0; ++i)
+            list.push_back({from + static_cast<int>(i), statuses[i]});
+        return checked(call, status, std::move(list), "position");
     }
     /// Replaces both keys of all its sectors; `login` may write the trailers.
     Results setKeys(const KeyPair& newKeys, const Login& login, const Limit& limit = Limit(kUsualWait)) const {

@@ -98,7 +98,7 @@ class Watch {
         mPending.push_back({kind, std::chrono::system_clock::now(), tag.uid, tag.type});
     }
     void look(detail::Call& call) {
-        if (mSession->openCards > 0) return;
+        if (!mSession->openCards().empty()) return;
         tellNewlyAwake(call);
         const auto seen = detail::listField(call);
         const bool isThere = tellReader();

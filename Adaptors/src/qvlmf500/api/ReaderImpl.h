@@ -196,7 +196,8 @@ class QVL_API ReaderImpl {
     /// field are touched. `cid` is its number, `ats` its ATS, which the host releases. The commands 40, 41 and 43 go on
     /// with it.
     /// @return 3100; -21 for a UID of no or more than 10 bytes; -45 when sixteen cards are known; 3121, 3122 for no
-    /// such card; 3137 without a reader; else the status of the card layer.
+    /// such card; 3137 without a reader; 3139 for a second card on a
+    /// PN531, which holds one at a time; else the status of the card layer.
     virtual int openCard(int readerId, const TagUID& tag, std::uint8_t& cid, std::uint8_t*& ats, int& atsLength);
 
     /// Does nothing; an adaptor ends through its virtual destructor. Always 3000.

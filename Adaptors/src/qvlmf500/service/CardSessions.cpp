@@ -145,9 +145,14 @@ int CardSessions::open(const TagUID& tag, std::uint8_t& cid, CardData& ats) {
     if (tag.getUidLen() == 0 || isTooLong(tag)) return refuseUid("openCard", tag);
     Card card(tag);
     if (card.isKnownTo(mCards, cid)) mCards.TclDeselect(cid);
+    if (mCards.driver()->traits().doesRats && hasCards()) return kNotImplemented;
     if (cid == QvlTcl::kCards) return kNoFreeCid;
     if (const int result = wake(card, 0); result != kOk) return result;
     return fetchAts(cid, ats);
+}
+
+bool CardSessions::hasCards() const {
+    return std::ranges::any_of(mCards.mPicc, [](const auto& card) { return card->mUidLen > 0; });
 }
 
 int CardSessions::deselect(const TagUID& tag) {

@@ -25,7 +25,7 @@ class CardSessions {
     /// Waits for a card, the one named in `tag` if it is in the table, else any one, which `tag` then names.
     int waitForCard(TagUID& tag, int timeoutMs, std::uint8_t& cid, CardData& ats);
     /// Waits for the card of this UID beside those in the table and tells its number and ATS. One that is in the table
-    /// begins anew.
+    /// begins anew. A reader that does RATS by itself holds one card: 3139 for another.
     int open(const TagUID& tag, std::uint8_t& cid, CardData& ats);
     int deselect(const TagUID& tag);
     int relay(CardData& command, CardData& reply);
@@ -37,6 +37,7 @@ class CardSessions {
     int activateAny(Card& card, int timeoutMs);
     template <typename Activate>
     int waitFor(int timeoutMs, Activate activate);
+    bool hasCards() const;
     int fetchAts(std::uint8_t cid, CardData& ats);
     short exchange(std::uint8_t cid, std::uint8_t nad, CardData& command, CardData& answer);
 
