@@ -89,7 +89,8 @@ class Poll {
         try {
             return watch.next(limit);
         } catch (const qvl::Error& error) {
-            if (error.reason() != qvl::Reason::cancelled) throw;
+            const bool isTimeOver = error.reason() == qvl::Reason::readerBusy && limit.isOver();
+            if (!isTimeOver && error.reason() != qvl::Reason::cancelled) throw;
             return std::nullopt;
         }
     }

@@ -35,10 +35,11 @@ void Session::open() {
             mOutput.note(remark);
     }
     const auto begin = Clock::now();
-    const qvl::Limit ofReader = limit(fromSeconds(mSettings.readerSeconds), nullptr).asking([this, begin] {
-        if (Clock::now() - begin > kUntilPrompt) mOutput.line(kReaderPrompt);
-        return !mInterrupt.requested();
-    });
+    const qvl::Limit ofReader =
+        limit(fromSeconds(mSettings.readerSeconds), nullptr).withPatience(patience()).asking([this, begin] {
+            if (Clock::now() - begin > kUntilPrompt) mOutput.line(kReaderPrompt);
+            return !mInterrupt.requested();
+        });
     mReader.emplace(ofReader, [this](const std::string& port, bool isNamed) {
         if (isNamed) mOutput.line("Looking for a reader on serial port " + port);
         return isNamed;
@@ -67,8 +68,17 @@ Outcome Session::close() {
     return mOutput.error({Outcome::failed, "virtual reader", complaint, "", 0, ""});
 }
 
+/// How long another program is waited for if nothing is said.
+std::chrono::milliseconds Session::patience() const {
+    constexpr std::chrono::seconds kPatience{30};
+    const auto wanted = std::max<std::chrono::milliseconds>(fromSeconds(mSettings.readerSeconds), kPatience);
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(mDeadline - Clock::now());
+    return std::min(wanted, left);
+}
+
 qvl::Limit Session::limit() {
-    if (!mSettings.wait) return qvl::Limit::now().asking([this] { return !mInterrupt.requested(); });
+    if (!mSettings.wait)
+        return qvl::Limit::now().withPatience(patience()).asking([this] { return !mInterrupt.requested(); });
     return limit(fromSeconds(mSettings.waitSeconds), kTagPrompt);
 }
 

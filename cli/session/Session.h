@@ -54,6 +54,8 @@ class Session {
   private:
     void startVirtualReader(const qvl::VirtualReader::Options& options);
 
+    std::chrono::milliseconds patience() const;
+
     const SessionSettings mSettings;
     Output& mOutput;
     Interrupt& mInterrupt;

@@ -159,7 +159,7 @@ TEST_F(ApduTest, NamesThePlaceOfAMistakeBeforeAnythingIsSent) {
 
 TEST_F(ApduTest, FindsTheWantedCardOnly) {
     const Words noCard = apdu("new:1k", {"00A40400"});
-    EXPECT_EQ(only(runJson(noCard, 1)).value("reason", ""), "timed out");
+    EXPECT_EQ(only(runJson(noCard, 1)).value("reason", ""), "no tag");
     const std::string other = card("answer 00A4* 01 9000\n", "04F10101010101");
     const std::string wanted = card("answer 00A4* 02 9000\n");
     for (const Words& order : {Words{other, wanted}, Words{wanted, other}}) {

@@ -162,7 +162,7 @@ TEST_F(TagMemoryTest, AccessIsShownInWordsAndChanged) {
             {"access set 1 factory" + kBoth, 0, "sector 1: factory"},
             {"access show 1" + kByA, 0, "block 4      000  A       A      A          A          open"},
             {"access show 1" + kByA, 0, "Key B can be read here, and so it opens nothing."},
-            {"access set formatted --app 4711 --key-type b" + kBoth, 1, "block not written"},
+            {"access set formatted --app 4711 --key-type b" + kBoth, 1, "partial success"},
             {"access set 1 formatted" + kBoth, 0, "sector 1: formatted"},
             {"key set 1 --count 2" + kByB + " --new-key-a mad --new-key-b " + kMaster, 0, "sectors 1-2: new keys"},
             {"key set 15 --count 2 --new-key-a mad --new-key-b mad", 1, "too few"},

@@ -88,7 +88,7 @@ TEST(TheReaderLayer, EndsEachWaitAsItsLimitSays) {
     Field field({});
     const auto wait = [&](const Limit& limit) { return [&field, limit] { field.reader.waitForTag(limit); }; };
     EXPECT_TRUE(field.reader.tags().empty());
-    expectError(Reason::timedOut, "no tag came", wait(Limit::now()));
+    expectError(Reason::noTag, "no tag came", wait(Limit::now()));
     expectError(Reason::timedOut, "no tag came", wait(200ms));
     expectError(Reason::timedOut, "did not come", [&] { field.reader.waitForTag(qvl::Uid::parse("01020304"), 200ms); });
     expectError(Reason::timedOut, "no card came", [&] { field.reader.waitForCard(200ms); });
@@ -161,7 +161,7 @@ TEST(TheReaderLayer, WatchesTagsAndTheReader) {
     EXPECT_FALSE(watch.next(500ms)) << "the tag was there all the time";
 
     std::vector<std::string> all;
-    for (const qvl::Event& event : field.reader.watch(500ms))
+    for (const qvl::Event& event : field.reader.watch(3s))
         all.push_back(event.uid.text());
     EXPECT_THAT(all, ElementsAre("11223344"));
     std::stop_source stop;

@@ -23,11 +23,14 @@ class Limit {
     template <typename Rep, typename Period>
     Limit(std::chrono::duration<Rep, Period> time, std::stop_token stop = {})  // NOLINT: so is a time
         : mDeadline(after(time)), mStop(std::move(stop)) {}
-    /// One attempt, without waiting for a tag. An operation of another thread or program is waited for, up to 5
+    /// One attempt, without waiting for a tag. An operation of another thread or program is waited for, up to 30
     /// seconds.
-    static Limit now() {
-        Limit limit(Clock::time_point::min());
-        limit.mReaderDeadline = Clock::now() + std::chrono::seconds(5);
+    static Limit now() { return Limit(Clock::time_point::min()).withPatience(std::chrono::seconds(30)); }
+    /// The same limit, but with another time, from now on, for operations of other threads and programs.
+    template <typename Rep, typename Period>
+    Limit withPatience(std::chrono::duration<Rep, Period> time) const {
+        Limit limit = *this;
+        limit.mReaderDeadline = after(time);
         return limit;
     }
 

@@ -44,7 +44,7 @@ class Reader {
     /// `mayTryPort`, if given, is asked before each such attempt, here and when a lost reader is looked for, with the
     /// name of the port ("COM1") and whether it is named; it may say no, or allow a port that is only a guess.
     /// @throws Error: noReader, with where it was looked for; readerBusy; cancelled.
-    explicit Reader(const Limit& limit = Limit(std::chrono::seconds(1)),
+    explicit Reader(const Limit& limit = Limit(std::chrono::seconds(1)).withPatience(std::chrono::seconds(30)),
                     std::function<bool(const std::string& port, bool isNamed)> mayTryPort = {})
         : mSession(std::make_shared<detail::Session>(std::move(mayTryPort))) {
         detail::Call call(mSession, limit);

@@ -196,6 +196,7 @@ class Call final : private HostWait {
     }
     /// The reader was had at least once: a wait that is over now is not the fault of another program.
     void hadReader() { mHadReader = true; }
+    bool hasHadReader() const { return mHadReader; }
     bool readerWasLost() const {
         const auto changes = mSession->changesSince(mChangesBefore);
         return std::ranges::find(changes, false) != changes.end();

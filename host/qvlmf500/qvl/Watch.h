@@ -39,19 +39,10 @@ constexpr const char* name(Event::Kind kind) {
 class Watch {
   public:
     /// The next event; none when the limit is over or its stop token says so. @throws Error (noReader) if the reader
-    /// object was closed, (readerBusy) if another program keeps the reader for the whole limit.
+    /// object was closed, (readerBusy) if another program has kept the reader since the watch was made.
     std::optional<Event> next(const Limit& limit = {}) {
-        while (mPending.empty()) {
-            if (limit.stop().stop_requested()) return std::nullopt;
-            detail::Call call(mSession, limit);
-            look(call);
-            if (!mPending.empty()) break;
-            constexpr std::uint32_t kBetweenLooksMs = 100;
-            if (!call.pause(kBetweenLooksMs)) {
-                throwUnlessLimit(call);
-                return std::nullopt;
-            }
-        }
+        if (mPending.empty() && limit.stop().stop_requested()) return std::nullopt;
+        if (mPending.empty() && !lookUntilEvent(limit)) return std::nullopt;
         const Event event = mPending.front();
         mPending.pop_front();
         return event;
@@ -96,6 +87,20 @@ class Watch {
 
     void tell(Event::Kind kind, const detail::Seen& tag = {}) {
         mPending.push_back({kind, std::chrono::system_clock::now(), tag.uid, tag.type});
+    }
+    /// @return false when the limit is over.
+    bool lookUntilEvent(const Limit& limit) {
+        constexpr std::uint32_t kBetweenLooksMs = 100;
+        detail::Call call(mSession, limit);
+        if (mHadReader) call.hadReader();
+        for (;;) {
+            look(call);
+            mHadReader = mHadReader || call.hasHadReader();
+            if (!mPending.empty()) return true;
+            if (call.pause(kBetweenLooksMs)) continue;
+            throwUnlessLimit(call);
+            return false;
+        }
     }
     void look(detail::Call& call) {
         if (!mSession->openCards().empty()) return;
@@ -168,6 +173,7 @@ class Watch {
     Limit mLimit;
     std::size_t mChangesTold;
     bool mIsLost = false;
+    bool mHadReader = false;
     std::vector<Known> mKnown;
     std::deque<Event> mPending;
 };
