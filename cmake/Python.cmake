@@ -1,0 +1,16 @@
+# Finds what the Python package needs. Debian's own interpreter comes before others on the path.
+if(NOT DEFINED Python3_EXECUTABLE AND EXISTS /usr/bin/python3)
+  set(Python3_EXECUTABLE /usr/bin/python3 CACHE FILEPATH "The Python for which the package is built")
+endif()
+find_package(Python3 COMPONENTS Interpreter Development.Module QUIET)
+if(Python3_Development.Module_FOUND)
+  set(PYBIND11_FINDPYTHON ON)
+  set(Python_EXECUTABLE ${Python3_EXECUTABLE})
+  find_package(pybind11 QUIET)
+endif()
+
+set(can_build OFF)
+if(pybind11_FOUND AND NOT QVL_SANITIZE)
+  set(can_build ON)
+endif()
+option(QVL_BUILD_PYTHON "Build the Python package" ${can_build})

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "HostWait.h"
+
+#include <pybind11/pybind11.h>
+
+#include <atomic>
+#include <exception>
+#include <functional>
+#include <optional>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace native {
+
+namespace py = pybind11;
+
+/// What may only happen once the operation of this thread is over: a signal handler, which runs in the middle of one,
+/// asked for it.
+inline thread_local std::vector<std::function<void()>> afterOperation;
+/// The interpreter is about to go away.
+inline std::atomic<bool> isExiting{false};
+
+inline void doWhatWaits() {
+    if (hostWait() != nullptr) return;
+    for (const auto& action : std::exchange(afterOperation, {}))
+        action();
+}
+
+/// Runs `work` while other threads of the interpreter run. No destructor takes the interpreter's lock back: at the end
+/// of the interpreter Python unwinds the threads that ask for it.
+template <typename Work>
+std::invoke_result_t<Work> unlocked(Work&& work) {
+    using Result = std::invoke_result_t<Work>;
+    constexpr bool kGivesNothing = std::is_void_v<Result>;
+    std::optional<std::conditional_t<kGivesNothing, bool, Result>> result;
+    std::exception_ptr thrown;
+    PyThreadState* state = PyEval_SaveThread();
+    try {
+        if constexpr (kGivesNothing)
+            work();
+        else
+            result.emplace(work());
+    } catch (...) {
+        thrown = std::current_exception();
+    }
+    doWhatWaits();
+    PyEval_RestoreThread(state);
+    if (thrown) std::rethrow_exception(thrown);
+    if constexpr (!kGivesNothing) return std::move(*result);
+}
+
+}  // namespace native
