@@ -37,3 +37,7 @@ from ._values import Blocks, Geometry, Result, Results, Timeout, Uid, UidLike
 from ._virtual import Model, PlacedTag, VirtualReader
 
 __all__ = [name for name in dir() if not name.startswith("_")] + ["__version__"]
+
+for _name in __all__:
+    if isinstance(globals()[_name], type) and globals()[_name].__module__.startswith(f"{__name__}._"):
+        globals()[_name].__module__ = __name__

@@ -15,8 +15,8 @@ Key keyOf(const qvl::Bytes& bytes) {
 
 void bindKeys(py::module_& module) {
     py::class_<Key>(module, "Key")
-        .def(py::init([](const std::string& digits) { return Key::parse(digits); }))
         .def(py::init(&keyOf))
+        .def(py::init([](const std::string& digits) { return Key::parse(digits); }))
         .def_static("factory", &Key::factory)
         .def_static("directory", &Key::directory)
         .def("bytes", [](const Key& key) { return qvl::Bytes(key.bytes().begin(), key.bytes().end()); })
