@@ -118,7 +118,7 @@ class NdefMessage:
         """Raises ContentError, which says where the message is not sound."""
         return NdefMessage(
             [
-                NdefRecord(*fields, uri, text and NdefText(*text), type_name)
-                for *fields, uri, text, type_name in _native.parse_ndef(message)
+                NdefRecord(form, kind, id_, payload, uri, text and NdefText(*text), type_name)
+                for form, kind, id_, payload, uri, text, type_name in _native.parse_ndef(message)
             ]
         )

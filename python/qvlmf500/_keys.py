@@ -14,13 +14,16 @@ Buffer = bytes | bytearray | memoryview
 class Key:
     """A key of Mifare Classic, from 12 hexadecimal digits or 6 bytes. Its representation does not show it."""
 
-    __slots__ = ("_native",)
+    __slots__ = ("native",)
+
+    #: For this package only.
+    native: _native.Key
 
     def __init__(self, value: KeyLike) -> None:
         if isinstance(value, Key):
-            self._native = value._native
+            self.native = value.native
         else:
-            self._native = _native.Key(value if isinstance(value, str) else bytes(memoryview(value)))
+            self.native = _native.Key(value if isinstance(value, str) else bytes(memoryview(value)))
 
     @classmethod
     def factory(cls) -> Key:
@@ -35,13 +38,15 @@ class Key:
     @property
     def is_blank(self) -> bool:
         """All zero, as a key A reads from a tag: most likely not a key at all."""
-        return self._native.is_blank()
+        return self.native.is_blank()
 
     def __bytes__(self) -> bytes:
-        return self._native.bytes()
+        return self.native.bytes()
 
     def __eq__(self, other: object) -> bool:
-        return self._native.equals(other._native) if isinstance(other, Key) else NotImplemented
+        if not isinstance(other, Key):
+            return NotImplemented
+        return self.native.equals(other.native)
 
     def __hash__(self) -> int:
         return hash(bytes(self))
@@ -95,17 +100,17 @@ class KeyRing:
     def add(self, *keys: KeyLike) -> None:
         """Keys that are worth a try for every sector, as key A and as key B."""
         for key in keys:
-            self._native.add(Key(key)._native)
+            self._native.add(Key(key).native)
 
     def add_a(self, *keys: KeyLike) -> None:
         """The same, only as key A."""
         for key in keys:
-            self._native.add_a(Key(key)._native)
+            self._native.add_a(Key(key).native)
 
     def add_b(self, *keys: KeyLike) -> None:
         """The same, only as key B."""
         for key in keys:
-            self._native.add_b(Key(key)._native)
+            self._native.add_b(Key(key).native)
 
     def add_image(self, image: Buffer) -> None:
         """The keys in the trailers of a tag's image, each for its sector."""

@@ -15,6 +15,7 @@ from ._values import (
     Results,
     Timeout,
     Uid,
+    blocks,
     key,
     login as login_of,
     number,
@@ -44,7 +45,7 @@ class Memory(Generic[_Native]):
 
     def read(self, first: int, count: int = 1, login: LoginLike = FACTORY, *, timeout: Timeout = 5.0) -> Blocks:
         """Reads `count` data blocks from `first` on. Trailers are skipped and do not count."""
-        return Blocks(*self._native.read(number(first), number(count), login_of(login), seconds(timeout)))
+        return blocks(self._native.read(number(first), number(count), login_of(login), seconds(timeout)))
 
     def write(
         self, first: int, data: Buffer, login: LoginLike = FACTORY, *, count: int | None = None, timeout: Timeout = 5.0
@@ -112,7 +113,7 @@ class Application(Memory[_native.Application]):
 
     def read_all(self, login: LoginLike = FACTORY, *, timeout: Timeout = 5.0) -> Blocks:
         """All of its blocks."""
-        return Blocks(*self._native.read_all(login_of(login), seconds(timeout)))
+        return blocks(self._native.read_all(login_of(login), seconds(timeout)))
 
     def write_all(
         self, data: Buffer, login: LoginLike = FACTORY, *, fill: Buffer | None = None, timeout: Timeout = 5.0
@@ -268,11 +269,16 @@ class Tag(Memory[_native.Tag]):
     ) -> Application:
         """Creates one from free sectors. `directory_b` is key B of sector 0, `free_sector_b` that of the free sectors
         (None: the same), `access` the condition of all its blocks."""
-        place = (number(id, _MOST_ID), number(sector_count))
-        keys = (key(directory_b), pair(new_keys), optional_key(free_sector_b))
-        return Application(
-            self._native.create_application(*place, *keys, DataAccess(access).value, seconds(timeout))
+        made = self._native.create_application(
+            number(id, _MOST_ID),
+            number(sector_count),
+            key(directory_b),
+            pair(new_keys),
+            optional_key(free_sector_b),
+            DataAccess(access).value,
+            seconds(timeout),
         )
+        return Application(made)
 
     def format(
         self,
@@ -321,9 +327,9 @@ class Tag(Memory[_native.Tag]):
         self, sector: int, keys: KeyRing | Iterable[KeyLike] = (), *, timeout: Timeout = 5.0
     ) -> OpenSector:
         """Tries keys on a sector."""
-        found = _native.open_sector(self._native, number(sector), _ring(keys), seconds(timeout))
-        key_a, key_b = (each and Key(each.bytes()) for each in found[:2])
-        return OpenSector(key_a, key_b, sector_access(found[2]))
+        key_a, key_b, access = _native.open_sector(self._native, number(sector), _ring(keys), seconds(timeout))
+        a, b = (None if each is None else Key(each.bytes()) for each in (key_a, key_b))
+        return OpenSector(a, b, sector_access(access))
 
     def image(
         self,

@@ -2,9 +2,10 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterable
 from datetime import timedelta
 from operator import index
-from typing import NamedTuple
+from typing import NamedTuple, Self
 
 from . import _native
 from ._errors import BadArgumentError, Error, Reason, error
@@ -39,17 +40,18 @@ class Uid(bytes):
 UidLike = Uid | str | Buffer
 
 
+_OK = 3100
+
+
 class Result(NamedTuple):
     """What became of one block or sector."""
 
     number: int  #: Of the block or sector; within an application from 0.
     status: int  #: Of the library: 3100, or why not.
 
-    OK = 3100
-
     @property
     def ok(self) -> bool:
-        return self.status == Result.OK
+        return self.status == _OK
 
     @property
     def reason(self) -> Reason | None:
@@ -62,8 +64,8 @@ class Results(tuple[Result, ...]):
 
     _unit = "block"
 
-    def __new__(cls, pairs: list[tuple[int, int]], unit: str = "block") -> Results:
-        results = super().__new__(cls, (Result(*pair) for pair in pairs))
+    def __new__(cls, pairs: Iterable[tuple[int, int]], unit: str = "block") -> Self:
+        results = tuple.__new__(cls, [Result(*pair) for pair in pairs])
         results._unit = unit
         return results
 
@@ -79,19 +81,22 @@ class Results(tuple[Result, ...]):
                 raise error(reason, f"{self._unit} {each.number}: {meaning}", each.status)
 
 
+_Bytes = bytes  # Blocks.bytes hides the name
+
+
 class Blocks(Results):
     """Blocks that were read."""
 
     #: All bytes, with zeros where a block is missing.
-    bytes_with_gaps: bytes
+    bytes_with_gaps: _Bytes
 
-    def __new__(cls, pairs: list[tuple[int, int]], data: bytes) -> Blocks:
-        blocks = super().__new__(cls, pairs)
+    def __new__(cls, pairs: Iterable[tuple[int, int]], unit: str = "block", data: bytes = b"") -> Self:
+        blocks = super().__new__(cls, pairs, unit)
         blocks.bytes_with_gaps = data
         return blocks
 
     @property
-    def bytes(self) -> bytes:
+    def bytes(self) -> _Bytes:
         """All bytes. Raises an error if a block is missing."""
         self.check()
         return self.bytes_with_gaps
@@ -100,14 +105,19 @@ class Blocks(Results):
     def block_size(self) -> int:
         return len(self.bytes_with_gaps) // len(self) if self else 0
 
-    def at(self, place: int) -> bytes:
+    def at(self, place: int) -> _Bytes:
         """The bytes of the block at this place of the list. Raises an error if it is missing."""
         Results([self[place]]).check()
         begin = range(len(self))[place] * self.block_size
         return self.bytes_with_gaps[begin : begin + self.block_size]
 
-    def __bytes__(self) -> bytes:
+    def __bytes__(self) -> _Bytes:
         return self.bytes
+
+
+def blocks(read: tuple[list[tuple[int, int]], bytes]) -> Blocks:
+    pairs, data = read
+    return Blocks(pairs, data=data)
 
 
 def number(value: int, most: int = 2**31 - 1, least: int = 0) -> int:
@@ -127,7 +137,7 @@ def seconds(timeout: Timeout) -> float | None:
 
 
 def key(value: KeyLike) -> _native.Key:
-    return Key(value)._native
+    return Key(value).native
 
 
 def optional_key(value: KeyLike | None) -> _native.Key | None:
@@ -136,12 +146,12 @@ def optional_key(value: KeyLike | None) -> _native.Key | None:
 
 def login(value: LoginLike) -> tuple[_native.Key, bool]:
     given = value if isinstance(value, Login) else Login(value)
-    return given.key._native, given.type.value == "B"
+    return given.key.native, given.type.value == "B"
 
 
 def pair(value: KeyPairLike) -> tuple[_native.Key, _native.Key]:
     given = KeyPair(*value)
-    return given.a._native, given.b._native
+    return given.a.native, given.b.native
 
 
 __all__ = ["Blocks", "Error", "Geometry", "Result", "Results", "Timeout", "Uid", "UidLike"]

@@ -21,7 +21,7 @@ void translate(std::exception_ptr thrown) {
 PYBIND11_MODULE(_native, module) {
     py::register_local_exception_translator(translate);
     module.attr("version") = QVL_VERSION;
-    module.def("begin_exit", [] { native::isExiting = true; });
+    module.def("begin_exit", [] { native::exiting = std::this_thread::get_id(); });
     native::bindValues(module);
     native::bindTag(module);
     native::bindCard(module);

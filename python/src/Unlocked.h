@@ -8,6 +8,7 @@
 #include <exception>
 #include <functional>
 #include <optional>
+#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -19,8 +20,9 @@ namespace py = pybind11;
 /// What may only happen once the operation of this thread is over: a signal handler, which runs in the middle of one,
 /// asked for it.
 inline thread_local std::vector<std::function<void()>> afterOperation;
-/// The interpreter is about to go away.
-inline std::atomic<bool> isExiting{false};
+/// The interpreter is about to go away: the thread that ends it.
+inline std::atomic<std::thread::id> exiting{};
+inline bool isExiting() { return exiting.load() != std::thread::id(); }
 
 inline void doWhatWaits() {
     if (hostWait() != nullptr) return;
@@ -47,6 +49,10 @@ std::invoke_result_t<Work> unlocked(Work&& work) {
     }
     doWhatWaits();
     PyEval_RestoreThread(state);
+    if (thrown && isExiting() && exiting.load() != std::this_thread::get_id()) {
+        PyErr_SetNone(PyExc_SystemExit);  // which ends a thread without a word
+        throw py::error_already_set();
+    }
     if (thrown) std::rethrow_exception(thrown);
     if constexpr (!kGivesNothing) return std::move(*result);
 }
