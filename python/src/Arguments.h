@@ -17,10 +17,10 @@ namespace native {
 
 /// What a wait asks now and then: for Ctrl-C, and for an end that a signal handler has asked for.
 inline bool goOn() {
-    if (isExiting()) return false;
+    if (mustEnd()) return false;
     const py::gil_scoped_acquire locked;
     if (PyErr_CheckSignals() != 0) throw py::error_already_set();
-    if (!afterOperation.empty()) throw qvl::Error(qvl::Reason::noReader, "the reader was closed");
+    if (closesReader) throw qvl::Error(qvl::Reason::noReader, "the reader was closed");
     return true;
 }
 

@@ -8,7 +8,7 @@
 
 namespace native {
 
-/// Ends something when no operation of this thread is running any longer, which may be now.
+/// Ends something once no operation of this thread is running any longer, which may be now.
 inline void endLater(std::function<void()> end) {
     if (hostWait() == nullptr)
         unlocked(end);
@@ -25,6 +25,7 @@ class ReaderHandle {
     ReaderHandle& operator=(const ReaderHandle&) = delete;
 
     void close() {
+        closesReader = hostWait() != nullptr;
         endLater([reader = mReader] { reader->close(); });
     }
     qvl::Reader* operator->() const { return mReader.get(); }

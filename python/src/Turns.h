@@ -16,6 +16,9 @@ class Turns {
 
     template <typename Work>
     auto use(const qvl::Limit& limit, Work work) {
+        if (hostWait() != nullptr)  // in a signal handler, and the turn may be that of its own thread
+            throw qvl::Error(qvl::Reason::badArgument,
+                             "an operation of this thread is running: it cannot begin another");
         std::unique_lock mine(mMutex, std::defer_lock);
         while (!mine.try_lock_for(std::chrono::milliseconds(50))) {
             if (limit.question() && !limit.question()()) throw qvl::Error(qvl::Reason::cancelled, "cancelled");

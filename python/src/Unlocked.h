@@ -20,12 +20,19 @@ namespace py = pybind11;
 /// What may only happen once the operation of this thread is over: a signal handler, which runs in the middle of one,
 /// asked for it.
 inline thread_local std::vector<std::function<void()>> afterOperation;
+/// It closes the reader: the operation has to end.
+inline thread_local bool closesReader = false;
 /// The interpreter is about to go away: the thread that ends it.
 inline std::atomic<std::thread::id> exiting{};
-inline bool isExiting() { return exiting.load() != std::thread::id(); }
+/// Whether Python has no time left for this thread.
+inline bool mustEnd() {
+    const std::thread::id last = exiting;
+    return last != std::thread::id() && last != std::this_thread::get_id();
+}
 
 inline void doWhatWaits() {
     if (hostWait() != nullptr) return;
+    closesReader = false;
     for (const auto& action : std::exchange(afterOperation, {}))
         action();
 }
@@ -49,7 +56,7 @@ std::invoke_result_t<Work> unlocked(Work&& work) {
     }
     doWhatWaits();
     PyEval_RestoreThread(state);
-    if (thrown && isExiting() && exiting.load() != std::this_thread::get_id()) {
+    if (thrown && mustEnd()) {
         PyErr_SetNone(PyExc_SystemExit);  // which ends a thread without a word
         throw py::error_already_set();
     }
