@@ -50,7 +50,7 @@ class Memory(Generic[_Native]):
     def write(
         self, first: int, data: Buffer, login: LoginLike = FACTORY, *, count: int | None = None, timeout: Timeout = 5.0
     ) -> Results:
-        """Writes data blocks from `first` on, as many as the data needs or `count`; what the data leaves of them becomes
+        """Writes data blocks from `first` on, as many as the data needs or `count`; what it leaves of them becomes
         zero. Trailers are skipped."""
         rest = (memoryview(data), login_of(login), seconds(timeout))
         if count is None:
