@@ -159,10 +159,7 @@ def test_events_in_their_order(field, reader):
 def test_ctrl_c_ends_a_wait(field):
     field.take_away("tag1")
     for wait in ("reader.wait_for_tag()", "list(reader.watch())", "reader.wait_for_card()"):
-        child = start(wait)
-        while not field.field_is_on:
-            pass
-        child.send_signal(signal.SIGINT)
+        child = start(f"import os\nthreading.Timer(0.3, os.kill, [os.getpid(), {int(signal.SIGINT)}]).start()\n{wait}")
         assert child.communicate(timeout=60)[1].endswith(b"\nKeyboardInterrupt\n")
 
 
