@@ -1,0 +1,17 @@
+# Finds what the Python package needs. Debian's own interpreter comes before others on the path.
+if(NOT DEFINED Python3_EXECUTABLE AND EXISTS /usr/bin/python3)
+  set(Python3_EXECUTABLE /usr/bin/python3 CACHE FILEPATH "The Python for which the package is built")
+endif()
+find_package(Python3 COMPONENTS Interpreter Development.Module QUIET)
+if(Python3_Development.Module_FOUND)
+  find_package(pybind11 QUIET)
+endif()
+
+set(can_build OFF)
+if(pybind11_FOUND AND NOT QVL_SANITIZE)
+  set(can_build ON)
+endif()
+option(QVL_BUILD_PYTHON "Build the Python package" ${can_build})
+if(QVL_BUILD_PYTHON AND NOT pybind11_FOUND)
+  message(FATAL_ERROR "QVL_BUILD_PYTHON needs pybind11 and the development files of ${Python3_EXECUTABLE}")
+endif()
