@@ -48,7 +48,13 @@ finish() {
 }
 trap finish EXIT
 cp demo/*.mfd demo/*.card demo/*.ndef demo/*.apdu "$work"
-script=$PWD/demo/tag-memory.sh
+script=$PWD/demo/tag-memory.sh examples=$PWD/examples
+# As on a machine where the product is installed. The Python package is built if the machine has what it needs.
+library=$(dirname "$(find "$PWD/build/demo/prefix" -name libqvlmf500.so)")
+python=$(find "$PWD/build/demo/prefix" -name dist-packages)
+include=$PWD/build/demo/prefix/include
+c++ -std=c++20 examples/count_down.cpp -o "$work/count_down" "-I$include" "-I$include/qvlmf500" \
+  "-L$library" "-Wl,-rpath,$library" -lqvlmf500
 cd "$work"
 
 show() {
@@ -93,6 +99,20 @@ echo "A session with a smart card on the same line, with chains of blocks and re
 printf 'remove %s\n' tag1 tag2 tag3 >&9
 echo "place ledger.card" >&9
 show qvltag apdu --uid 08a1b2c3 --script ledger.apdu
+
+echo
+echo "A ticket with a value of 10, and two hosts of a few lines that take a ride each, in C++ and in Python"
+echo "(examples/count_down.cpp and examples/python/count_down.py):"
+echo "place new:1k:0badcafe" >&9
+master=4d4153544552 key_a=a1a1a1a1a1a1 key_b=b1b1b1b1b1b1
+ticket="--uid 0badcafe --mad-key-b $master --new-key-a $key_a --new-key-b $key_b"
+show qvltag format --uid 0badcafe --new-key-b $master
+# shellcheck disable=SC2086
+show qvltag app init 4711 1 $ticket
+show qvltag value init 0 10 --app 4711 --key-a $key_a --key-b $key_b
+show qvltag write 1 --text Tram --app 4711 --key $key_b --key-type b
+show "$work/count_down"
+if [ -n "$python" ]; then show env PYTHONPATH="$python" /usr/bin/python3 "$examples/python/count_down.py"; fi
 unset QVL_DEVICE_ROOT
 
 echo

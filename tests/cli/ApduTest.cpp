@@ -199,7 +199,7 @@ TEST_F(ApduTest, DeselectsAfterWhateverHappened) {
     // The TAMA reader has commands for activation and deselection; to an MF RC500 both are blocks like any other.
     const bool isMf500 = isMf500UnderTest();
     const std::string firstCommand = isMf500 ? "fault 48 2 " : "fault 42 1 ";
-    const std::string notDeselected = isMf500 ? "fault deselect from 1 lost" : "fault 44 1 status 14";
+    const std::string notDeselected = isMf500 ? "fault deselect from 1 lost" : "fault 44 from 1 status 14";
     const std::string complaint = isMf500 ? "no tag" : "reader status";
     const std::tuple<Words, Words, Words, int> kRows[] = {
         {{notDeselected}, {"00A40400"}, {"9000", complaint}, 1},
