@@ -46,7 +46,7 @@ TEST_F(QvltagTest, PollEndsAsItsOptionsSay) {
     EXPECT_EQ(reader->ask("place new:1k"), "ok tag1");
     EXPECT_EQ(only(runJson({"poll", "--once"}, 0)).value("uid", ""), "deadbeef");
     EXPECT_EQ(only(runJson({"poll", "--once", "--forced", "--no-wait"}, 0)).value("uid", ""), "deadbeef");
-    const auto tooFew = exactly(2, runJson({"poll", "--for", "0.01", "--count", "2"}, 1));
+    const auto tooFew = exactly(2, runJson({"poll", "--for", "1", "--count", "2"}, 1));
     EXPECT_EQ(tooFew[1].value("error", ""), "wait over");
 }
 

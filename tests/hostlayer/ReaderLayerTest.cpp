@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <future>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -36,6 +37,7 @@ class Holder {
             const int file = ::open("/run/lock/QUORVELREADER_MUTEX", O_RDWR);
             struct flock whole {};
             whole.l_type = F_WRLCK;
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             ::fcntl(file, F_SETLKW, &whole);
             [[maybe_unused]] const auto written = ::write(ready[1], "x", 1);
             ::pause();
@@ -174,7 +176,7 @@ TEST(TheReaderLayer, ClosesUnderEverything) {
     const qvl::Tag tag = field.reader.waitForTag(qvl::Uid::parse("11223344"), kPatience);
     qvl::Card card = field.reader.waitForCard(kPatience);
     qvl::Watch watch = field.reader.watch();
-    auto waiting = std::async(std::launch::async, [&] { field.reader.waitForTag(qvl::Uid::parse("99999999")); });
+    auto waiting = std::async(std::launch::async, [&] { field.reader.waitForCard(qvl::Uid::parse("99999999")); });
     std::this_thread::sleep_for(200ms);
     field.reader.close();
     expectError(Reason::noReader, "closed", [&] { waiting.get(); });

@@ -37,7 +37,8 @@ TEST(TheTagLayer, ReadsAndWritesAndSaysWhatBecameOfEachBlock) {
     EXPECT_FALSE(tag.write(5, Bytes(64, 7)).complete());
     expectError(Reason::wrongKey, "block 8", [&] { tag.read(8); });
     expectError(Reason::badArgument, "nothing to write", [&] { tag.write(4, Bytes{}); });
-    expectError(Reason::badArgument, "outside", [&] { tag.read(4, 0); });
+    expectError(Reason::badArgument, "out of range", [&] { tag.read(4, 0); });
+    expectError(Reason::badArgument, "outside", [&] { tag.read(4, 64); });
     expectError(Reason::badArgument, "out of range", [&] { tag.read(-1); });
     expectError(Reason::badArgument, "out of range", [&] { tag.read(70000); });
 }

@@ -148,6 +148,8 @@ class Memory {
         return static_cast<short>(number);
     }
     short blockCount(int first, int count) const {
+        if (count < 1)
+            throw Error(Reason::badArgument, kOutOfRange, "a count of " + std::to_string(count) + " is out of range");
         const auto geometry = Geometry::of(mTag.getTagType());
         const bool isWhole = count == kAllBlocks && mAppType == TagAppNone && geometry;
         return small(isWhole ? geometry->dataBlocksFrom(first) : count);
@@ -258,6 +260,7 @@ class Memory {
         if (reason == Reason::badArgument || reason == Reason::notSupported || reason == Reason::failed) return;
         if (call.readerWasLost()) throw Error(Reason::readerLost, status, "the reader was lost");
         if (!mSession->openCards().empty()) return;
+        call.beginEpilogue();
         const auto seen = detail::listField(call);
         if (!seen || call.readerWasLost()) throw Error(Reason::readerLost, status, "the reader was lost");
         const Uid uid(ByteView(mTag.getUid(), mTag.getUidLen()));

@@ -58,6 +58,7 @@ class Reader {
             }
             call.library().scanUSBDevice(kStartAnew);
         }
+        mSession->isOpened();
     }
     Reader(Reader&&) noexcept = default;
     Reader& operator=(Reader&& other) noexcept {

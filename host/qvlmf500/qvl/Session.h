@@ -19,6 +19,7 @@
 #include <optional>
 #include <shared_mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -68,9 +69,14 @@ class Session final : private QVLReaderServiceIntf {
         mIsClosing = true;
         const std::unique_lock alone(mUse);
         if (!mAdaptor) return;
-        mAdaptor->stopReader();
+        if (mIsOpened) {
+            BriefWait wait;
+            mAdaptor->stopReader();
+        }
         mAdaptor.reset();
     }
+    /// There is something to give back.
+    void isOpened() { mIsOpened = true; }
     bool isClosing() const { return mIsClosing; }
 
     /// The library told that the reader was lost (false) or is back (true): from number `from` on, in order.
@@ -118,6 +124,25 @@ class Session final : private QVLReaderServiceIntf {
   private:
     friend class Call;
 
+    /// Closing waits for a program that has the reader, but not for ever; the device is closed either way.
+    class BriefWait final : private HostWait {
+      public:
+        BriefWait() : mBefore(hostWait()) { setHostWait(this); }
+        ~BriefWait() override { setHostWait(mBefore); }
+        BriefWait(const BriefWait&) = delete;
+        BriefWait& operator=(const BriefWait&) = delete;
+
+      private:
+        bool waitForTag(std::uint32_t) override { return false; }
+        bool waitForReader(std::uint32_t ms, long) override {
+            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+            return Limit::Clock::now() < mDeadline;
+        }
+
+        HostWait* const mBefore;
+        const Limit::Clock::time_point mDeadline = Limit::Clock::now() + std::chrono::seconds(5);
+    };
+
     void readerStateChanged(bool ready) override {
         const std::scoped_lock lock(mMutex);
         mChanges.push_back(ready);
@@ -125,6 +150,7 @@ class Session final : private QVLReaderServiceIntf {
     void readerMessage(int, const char*) override {}
 
     std::atomic<bool> mIsClosing{false};
+    bool mIsOpened = false;
     std::shared_mutex mUse;  // shared by each call, alone to close
     mutable std::mutex mMutex;
     std::vector<bool> mChanges;
@@ -197,6 +223,11 @@ class Call final : private HostWait {
     /// The reader was had at least once: a wait that is over now is not the fault of another program.
     void hadReader() { mHadReader = true; }
     bool hasHadReader() const { return mHadReader; }
+    /// For a last look after an operation whose time is over: the reader is waited for again, briefly.
+    void beginEpilogue() {
+        if (mEnd == End::timedOut) mEnd = End::none;
+        mReaderDeadline = Limit::Clock::now() + std::chrono::seconds(5);
+    }
     bool readerWasLost() const {
         const auto changes = mSession->changesSince(mChangesBefore);
         return std::ranges::find(changes, false) != changes.end();
@@ -216,7 +247,7 @@ class Call final : private HostWait {
 
     bool waitForTag(std::uint32_t ms) override { return !mIsLook && pause(ms); }
     bool waitForReader(std::uint32_t ms, long holder) override {
-        if (pause(ms, mLimit.readerDeadline())) return true;
+        if (pause(ms, mReaderDeadline)) return true;
         if (mEnd == End::timedOut) mHolder = holder;
         return false;
     }
@@ -275,6 +306,7 @@ class Call final : private HostWait {
 
     const SessionPtr mSession;
     const Limit mLimit;
+    Limit::Clock::time_point mReaderDeadline = mLimit.readerDeadline();
     const std::shared_lock<std::shared_mutex> mUse;
     const std::size_t mChangesBefore;
     bool mIsLook = false;
