@@ -85,7 +85,7 @@ qvl::Limit Session::limit() {
 qvl::Limit Session::limit(std::optional<std::chrono::milliseconds> time, const char* prompt) {
     const auto begin = Clock::now();
     const auto end = time ? std::min(qvl::Limit(*time).deadline(), mDeadline) : mDeadline;
-    return qvl::Limit(end).asking([this, begin, prompt] {
+    return qvl::Limit(end).withPatience(patience()).asking([this, begin, prompt] {
         if (prompt != nullptr && Clock::now() - begin > kUntilPrompt) mOutput.prompt(prompt);
         return !mInterrupt.requested();
     });

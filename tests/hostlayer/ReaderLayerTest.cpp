@@ -209,7 +209,7 @@ TEST(TheReaderLayer, ServesManyThreads) {
             });
         qvl::Watch watch = field.reader.watch();
         while (done < 12)
-            if (const auto event = watch.next(100ms)) {
+            if (const auto event = watch.next(1s)) {
                 EXPECT_EQ(event->kind, qvl::Event::Kind::tagArrived);
             }
     }
