@@ -25,6 +25,14 @@ Session::Session(SessionSettings settings, Output& output, Interrupt& interrupt)
 
 void Session::open() {
     if (!mSettings.images.empty()) {
+        const auto isFile = [](const std::string& image) { return !image.starts_with("new:"); };
+        if (mSettings.saveImages && !std::ranges::any_of(mSettings.images, isFile))
+            throw Problem{Outcome::usage,
+                          "nothing to save",
+                          "--save writes tags back to their files, and new tags have none",
+                          "\"dump FILE\" makes a file of a new tag.",
+                          0,
+                          ""};
         qvl::VirtualReader::Options options;
         options.model =
             mSettings.model == "mf500" ? qvl::VirtualReader::Model::mfRc500 : qvl::VirtualReader::Model::pn531;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -81,7 +82,11 @@ void Output::prompt(const std::string& text) {
 
 void Output::plain(std::string_view text) {
     eraseLine();
-    if (mOpen) mOpen = writeAll(mOut.get(), text);
+    if (!mOpen || writeAll(mOut.get(), text)) return;
+    mOpen = false;
+    if (errno == EPIPE) return;  // whoever reads has seen enough
+    const std::string reason = std::generic_category().message(errno);
+    writeAll(STDERR_FILENO, kProgram + ("standard output cannot be written: " + reason) + "\n");
 }
 
 void Output::writeLine(const Json& object) { plain(object.text() + "\n"); }

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -61,17 +60,6 @@ TEST(HexText, FillsNoMoreThanItsBuffer) {
     std::uint32_t count = 9;
     EXPECT_EQ(hexDecode(nullptr, count, nullptr), 0u);
     EXPECT_EQ(count, 0u);
-}
-
-TEST(ByteHelpers, ValuesAreLittleEndianAndReadFromTheInvertedCopy) {
-    const std::tuple<std::int32_t, const char*, std::string> cases[] = {
-        {-1, "ffffffff", "00000000"}, {0x12345678, "78563412", "87a9cbed"}, {INT32_MIN, "00000080", "ffffff7f"}};
-    for (const auto& [value, bytes, inverted] : cases) {
-        std::uint8_t out[4];
-        valueToBytes(value, out);
-        EXPECT_EQ(hexText(out, 4), bytes);
-        EXPECT_EQ(decodeValue(fromHex("55555555" + inverted).data()), value);
-    }
 }
 
 TEST(SecretBytes, AreWipedAtTheirEnd) {

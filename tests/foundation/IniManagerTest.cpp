@@ -33,10 +33,7 @@ class IniFile : public ::testing::Test {
 };
 
 TEST_F(IniFile, EveryLineMeansWhatItSays) {
-    const struct {
-        std::string text;
-        const char *section, *key, *value;
-    } cases[] = {
+    const std::tuple<std::string, const char*, const char*, const char*> cases[] = {
         {"[S]\nK=v\n[/S]\n", "S", "K", "v"},
         {"[S]\r\nK=v\r\n[/S]\r\n", "S", "K", "v"},
         {"  [S]x\n  K = v w  \n[/S]", "S", "K", "v w"},
@@ -71,9 +68,9 @@ TEST_F(IniFile, EveryLineMeansWhatItSays) {
         {"[S]\n" + std::string(255, ' ') + "\nL=w\n", "S", "L", "w"},
         {std::string(1 << 20, 'x') + "\n[S]\nK=1", "S", "K", "1"},
     };
-    for (const auto& c : cases) {
-        load(c.text);
-        EXPECT_EQ(value(c.section, c.key), c.value) << c.text.substr(0, 80) << " -> " << c.key;
+    for (const auto& [text, section, key, expected] : cases) {
+        load(text);
+        EXPECT_EQ(value(section, key), expected) << text.substr(0, 80) << " -> " << key;
     }
 }
 

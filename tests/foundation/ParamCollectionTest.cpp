@@ -81,10 +81,8 @@ TEST(ParamCollection, EveryValueHasItsFormAndReadsBack) {
 }
 
 TEST(ParamCollection, ReadsStopAtTheEndAndRefuseOtherTypes) {
-    const struct {
-        const char *reads, *last;  // outcome of the last read
-        std::vector<const char*> wires;
-    } cases[] = {
+    // The reads, the outcome of the last one, and the streams.
+    const std::tuple<std::string, const char*, std::vector<const char*>> cases[] = {
         {"s", "status 3037", {"", "01", "0107"}},
         {"l", "status 3037", {"02070707"}},
         {"b", "status 3037", {"03"}},
@@ -96,13 +94,13 @@ TEST(ParamCollection, ReadsStopAtTheEndAndRefuseOtherTypes) {
         {"l", "status 3041", {"010003"}},
         {"t", "status 3041", {"0500000000"}},
     };
-    for (const auto& c : cases)
-        for (const char* wire : c.wires) {
+    for (const auto& [reads, last, wires] : cases)
+        for (const char* wire : wires) {
             QVLParamCollection stream = streamOf(wire);
             std::string outcome;
-            for (const char* kind = c.reads; *kind; ++kind)
-                outcome = read(stream, *kind);
-            EXPECT_EQ(outcome, c.last) << wire;
+            for (const char kind : reads)
+                outcome = read(stream, kind);
+            EXPECT_EQ(outcome, last) << wire;
         }
 }
 

@@ -14,25 +14,22 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 
 namespace {
 
 TEST(TagTypes, EveryRowIsFoundByCodeAtqaAndWireCode) {
-    const struct {
-        std::uint32_t wireCode, type;
-        int uidLength, sectorCount, isClassic;
-    } rows[] = {{2000, 0x0000, 0, 0, 0},  {2001, 0x4400, 7, 1, 0},  {2002, 0x0400, 4, 16, 1}, {2003, 0x0200, 4, 40, 1},
-                {2004, 0x0407, 4, 16, 0}, {2005, 0x4403, 7, 14, 0}, {2006, 0x0001, 8, 1, 0},  {2007, 0x0002, 8, 1, 0}};
-    for (const auto& row : rows) {
-        const std::uint8_t atqa[] = {static_cast<std::uint8_t>(row.type >> 8), static_cast<std::uint8_t>(row.type)};
-        for (const TagTypeInfo& info : {tagInfoByType(row.type), tagInfoByAtqa(atqa)}) {
-            EXPECT_EQ(info.type, row.type);
-            EXPECT_EQ(info.uidLength, row.uidLength) << info.name;
-            EXPECT_EQ(info.sectorCount, row.sectorCount) << info.name;
-            EXPECT_EQ(info.isClassic, row.isClassic) << info.name;
-        }
-        EXPECT_EQ(tagTypeToWire(row.type), row.wireCode);
-        EXPECT_EQ(wireToTagType(row.wireCode), row.type);
+    const std::array<std::uint32_t, 5> rows[] = {
+        {2000, 0x0000, 0, 0, 0},  {2001, 0x4400, 7, 1, 0},  {2002, 0x0400, 4, 16, 1}, {2003, 0x0200, 4, 40, 1},
+        {2004, 0x0407, 4, 16, 0}, {2005, 0x4403, 7, 14, 0}, {2006, 0x0001, 8, 1, 0},  {2007, 0x0002, 8, 1, 0}};
+    for (const auto& [wireCode, type, uidLength, sectorCount, isClassic] : rows) {
+        const std::uint8_t atqa[] = {static_cast<std::uint8_t>(type >> 8), static_cast<std::uint8_t>(type)};
+        for (const TagTypeInfo& info : {tagInfoByType(type), tagInfoByAtqa(atqa)})
+            EXPECT_EQ(std::tie(info.type, info.uidLength, info.sectorCount, info.isClassic),
+                      std::tie(type, uidLength, sectorCount, isClassic))
+                << info.name;
+        EXPECT_EQ(tagTypeToWire(type), wireCode);
+        EXPECT_EQ(wireToTagType(wireCode), type);
     }
     for (std::uint32_t type : {0x0003u, 0x0408u, 0x10400u, 0xFFFFFFFFu}) {
         EXPECT_EQ(tagInfoByType(type).type, 0x0400u) << type;

@@ -188,11 +188,7 @@ TEST_F(NamedMutexTest, LongWaitNamesTheHolderOnce) {
 
 TEST_F(NamedMutexTest, PlantedLockFileCostsAtMostTheOrderBetweenProcesses) {
     const std::string content("\0\xFF planted \n", 12), victim = mDirectory / "victim";
-    const struct {
-        const char* name;
-        std::function<void(const std::string&)> plant;
-        bool machineWide;
-    } cases[] = {
+    const std::tuple<const char*, std::function<void(const std::string&)>, bool> cases[] = {
         {"nothing", [](auto&) {}, true},
         {"content", [&](auto&) { mDirectory.write("content", content); }, true},
         {"dangling", [&](auto& place) { fs::create_symlink(victim, place); }, false},
@@ -200,11 +196,11 @@ TEST_F(NamedMutexTest, PlantedLockFileCostsAtMostTheOrderBetweenProcesses) {
         {"directory", [](auto& place) { fs::create_directory(place); }, false},
         {"fifo", [](auto& place) { ::mkfifo(place.c_str(), 0666); }, false},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        c.plant(mDirectory / c.name);
-        NamedMutex mutex(c.name);
-        EXPECT_EQ(mutex.isMachineWide(), c.machineWide);
+    for (const auto& [name, plant, machineWide] : cases) {
+        SCOPED_TRACE(name);
+        plant(mDirectory / name);
+        NamedMutex mutex(name);
+        EXPECT_EQ(mutex.isMachineWide(), machineWide);
         mutex.lock();
         EXPECT_TRUE(mutex.try_lock());
         EXPECT_FALSE(otherThreadCanTake(mutex));
@@ -225,23 +221,19 @@ TEST_F(NamedMutexTest, GroupOfTheMachineComesFirst) {
     ::chmod(lock.c_str(), 01777);
     EXPECT_EQ(platform::systemLockDirectory(run), lock);
     fs::create_directory(ofGroup);
-    const struct {
-        mode_t mode;
-        uid_t owner;
-        bool chosen;
-        mode_t fileMode;
-    } cases[] = {{0770, 0, true, 0660}, {02775, 0, true, 0660}, {01777, 0, false, 0666}, {0770, kNobody, false, 0666}};
-    for (const auto& c : cases) {
-        ASSERT_EQ(::chown(ofGroup.c_str(), c.owner, 7), 0);
-        ::chmod(ofGroup.c_str(), c.mode);
-        EXPECT_EQ(platform::systemLockDirectory(run), c.chosen ? ofGroup : lock) << std::oct << c.mode;
+    const std::tuple<mode_t, uid_t, bool, mode_t> cases[] = {
+        {0770, 0, true, 0660}, {02775, 0, true, 0660}, {01777, 0, false, 0666}, {0770, kNobody, false, 0666}};
+    for (const auto& [mode, owner, chosen, fileMode] : cases) {
+        ASSERT_EQ(::chown(ofGroup.c_str(), owner, 7), 0);
+        ::chmod(ofGroup.c_str(), mode);
+        EXPECT_EQ(platform::systemLockDirectory(run), chosen ? ofGroup : lock) << std::oct << mode;
         platform::setNamedMutexDirectory(ofGroup.c_str());
-        const std::string name = std::to_string(&c - cases);
+        const std::string name = std::to_string(mode) + "." + std::to_string(owner);
         EXPECT_TRUE(NamedMutex(name.c_str()).isMachineWide());
         struct stat status;
         ASSERT_EQ(::stat((ofGroup + '/' + name).c_str(), &status), 0);
-        EXPECT_EQ(status.st_mode & 0777, c.fileMode) << std::oct << c.mode;
-        EXPECT_TRUE(!c.chosen || status.st_gid == 7);
+        EXPECT_EQ(status.st_mode & 0777, fileMode) << std::oct << mode;
+        EXPECT_TRUE(!chosen || status.st_gid == 7);
     }
 }
 

@@ -61,17 +61,16 @@ TEST(AccessBits, EachGroupTakesEachCodeAndLeavesTheOthersAlone) {
 }
 
 TEST(AccessBits, ABlockFindsItsGroup) {
-    const struct {
-        std::uint32_t type;
-        int sector, block, group, condition;  // condition in the triple of a directory: 0, 1, 1, 13
-    } cases[] = {{kTagStandard, 5, 1, 1, 1}, {kTagStandard, 5, 3, 3, 13},  {kTagStandard, 5, 4, 0, 16},
-                 {kTag4K, 31, 2, 2, 1},      {kTag4K, 32, 4, 0, 0},        {kTag4K, 32, 5, 1, 1},
-                 {kTag4K, 39, 14, 2, 1},     {kTag4K, 32, 15, 3, 13},      {kTag4K, 32, 16, 0, 16},
-                 {kTag4K, 32, -1, 0, 16},    {kTagStandard, 32, 4, 0, 16}, {kTagUltralight, 5, 2, 0, 1}};
+    // Type, sector, block; group, and condition in the triple of a directory: 0, 1, 1, 13.
+    const std::tuple<std::uint32_t, int, int, int, int> cases[] = {
+        {kTagStandard, 5, 1, 1, 1}, {kTagStandard, 5, 3, 3, 13},  {kTagStandard, 5, 4, 0, 16},
+        {kTag4K, 31, 2, 2, 1},      {kTag4K, 32, 4, 0, 0},        {kTag4K, 32, 5, 1, 1},
+        {kTag4K, 39, 14, 2, 1},     {kTag4K, 32, 15, 3, 13},      {kTag4K, 32, 16, 0, 16},
+        {kTag4K, 32, -1, 0, 16},    {kTagStandard, 32, 4, 0, 16}, {kTagUltralight, 5, 2, 0, 1}};
     const SectorAccessBits bits(accessbits::kDirectory.data());
-    for (const auto& c : cases) {
-        EXPECT_EQ(accessGroupOf(c.type, c.sector, c.block), c.group) << c.type << " " << c.sector << "." << c.block;
-        EXPECT_EQ(bits.getBlockCondition(c.type, c.sector, c.block), c.condition) << c.sector << "." << c.block;
+    for (const auto& [type, sector, block, group, condition] : cases) {
+        EXPECT_EQ(accessGroupOf(type, sector, block), group) << type << " " << sector << "." << block;
+        EXPECT_EQ(bits.getBlockCondition(type, sector, block), condition) << sector << "." << block;
     }
     for (int code = 0; code < 8; ++code) {
         const auto c = static_cast<DataAccControl>(code);

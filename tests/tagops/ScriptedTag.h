@@ -25,7 +25,7 @@ class ScriptedTag : public Qvl14443bfl {
     short piccSelectKnown(std::uint8_t code, const TagUID&, std::optional<std::uint8_t>& sak) override {
         char text[8];
         std::snprintf(text, sizeof text, "s%02X", code);
-        sak = mSak;
+        sak = 0x08;
         return note(text);
     }
     short piccAuthKey(std::uint8_t type, std::uint8_t*, std::uint8_t*, std::uint8_t block) override {
@@ -40,16 +40,10 @@ class ScriptedTag : public Qvl14443bfl {
         if (status == kBflOk) std::copy_n(data, 16, memory[block].begin());
         return status;
     }
-    short piccValue(std::uint8_t operation, std::uint8_t block, std::uint8_t*, std::uint8_t transfer) override {
-        char text[24];
-        std::snprintf(text, sizeof text, "v%02X.%d.%d", operation, block, transfer);
-        return note(text);
-    }
     short piccHalt() override { return note("h"); }
 
     /// Refuses the next `times` commands of this name.
     void refuse(const std::string& name, int times = 1) { mRefusals[name] = times; }
-    void becomes(std::uint8_t sak) { mSak = sak; }
     /// What was heard since the last time, a word a command.
     std::string heard() { return std::exchange(mHeard, {}); }
 
@@ -68,7 +62,6 @@ class ScriptedTag : public Qvl14443bfl {
 
     std::string mHeard;
     std::map<std::string, int> mRefusals;
-    std::uint8_t mSak = 0x08;
 };
 
 /// Waits as long as somebody is there, a tenth of a second at a time.

@@ -2,11 +2,8 @@
 
 #include "AccessRules.h"
 #include "AppSectors.h"
-#include "BlockRun.h"
-#include "Formatter.h"
 #include "LinkWatch.h"
 #include "ScriptedTag.h"
-#include "Values.h"
 
 #include <gtest/gtest.h>
 
@@ -88,18 +85,6 @@ TEST_F(OnAScriptedTag, IsNotWaitedForOnAReaderThatIsLost) {
     driver->unwatchLink();
 }
 
-TEST_F(OnAScriptedTag, OfAnotherTypeIsNotThisOne) {
-    EXPECT_EQ(tag.activate(), kOk);
-    driver->becomes(0x18);
-    EXPECT_EQ(told(tag.wake()), "3121: s52 s52 h");
-    driver->becomes(0x08);
-    driver->onCommand = [this] { driver->becomes(0x18); };
-    driver->refuse("w11", 3);
-    std::uint8_t key[6] = {};
-    EXPECT_EQ(Formatter(tag).format(TagAppNone, key, key, records), kPartial);
-    EXPECT_EQ(records.count(), 16) << "the geometry that it started with";
-}
-
 TEST_F(OnAScriptedTag, NeverGetsATrailerBackWhoseAccessBytesAreInconsistent) {
     driver->memory[7] = {0, 0, 0, 0, 0, 0, 0x79, 0x77, 0x88};
     const SectorsToAdd one{1, kKey, kKey, 1, kKey, kKey, AccData100};
@@ -123,9 +108,6 @@ TEST_F(OnAScriptedTag, TellsOfABlockThatWasNotCleared) {
     EXPECT_EQ(PlainSectors(tag).add(first, done, records), kPartial);
     EXPECT_EQ(records.lastStatus(), kBlockNotWritten);
     EXPECT_EQ(driver->heard(), "w1 w2 s52 B0 w2 s52 B0 w2 s52 B0 r3 w3") << "block 0 is the maker's";
-    driver->refuse("r3", 3);
-    EXPECT_EQ(PlainSectors(tag).add(first, done, records), kPartial);
-    EXPECT_EQ(records.lastStatus(), kBlockNotRead);
 }
 
 TEST_F(OnAScriptedTag, IsWokenBetweenPlainSectors) {
@@ -137,56 +119,13 @@ TEST_F(OnAScriptedTag, IsWokenBetweenPlainSectors) {
               "3132: w4 w5 w6 B4 w7 s52 B4 w7 s52 B4 w7 s52 s52 w8 w9 w10 B8 w11");
 }
 
-TEST_F(OnAScriptedTag, OfLargeSectorsKeepsItsDirectory) {
-    id.setTagType(kTag4K);
-    EXPECT_EQ(AppSectors(tag).add({0x1234, kKey, kKey, 1, kKey, kKey, AccData100}, true, done, records),
-              kNotAllowedHere);
-    EXPECT_EQ(AppSectors(tag).remove({0x1234, kKey, 0, 1, kB, nullptr, nullptr, nullptr}), kNotAllowedHere);
-    EXPECT_EQ(driver->heard(), "");
-}
-
 TEST_F(OnAScriptedTag, IsOpenedBeforeABlockThatKeyBMayNotWrite) {
     driver->memory[7] = {0, 0, 0, 0, 0, 0, 0x5A, 0x57, 0x8A, 0x69};
     const BlockTypeChange change{kKey, kKey, AccData100, false, 0};
     driver->refuse("w7", 3);
     EXPECT_EQ(AccessRules(tag).setBlockType({TagAppNone, 0, 5, kA}, change), kBlockNotOpened);
-    driver->refuse("w5", 3);
-    EXPECT_EQ(AccessRules(tag).setBlockType({TagAppNone, 0, 5, kA}, change), kTypeNotWritten);
-    driver->heard();
-    EXPECT_EQ(told(AccessRules(tag).setBlockType({TagAppNone, 0, 5, kA}, change)), "3100: B4 r7 w5 w7")
-        << "it stands open since the failure";
     driver->refuse("r7", 3);
     EXPECT_EQ(AccessRules(tag).setBlockType({TagAppNone, 0, 5, kA}, change), kTrailerNotRead);
-}
-
-TEST_F(OnAScriptedTag, CountsOnceAndNeverAgain) {
-    driver->refuse("vC1.5.6");
-    EXPECT_EQ(Values(tag).adjust({TagAppNone, 0, 5, kA}, kA, ValueIncrement, 7, 6), kValueFailed);
-    EXPECT_EQ(told(Values(tag).adjust({TagAppNone, 0, 5, kA}, kA, ValueDecrement, 7, -1)),
-              "3100: A5 vC1.5.6 A5 vC0.5.5");
-}
-
-TEST_F(OnAScriptedTag, IsHaltedAtItsEndIfItIsStillSelected) {
-    const std::pair<std::optional<bool>, const char*> ends[] = {{std::nullopt, "h"}, {true, "h"}, {false, ""}};
-    for (const auto& [told, heard] : ends) {
-        {
-            SelectedTag one(driver, id, budget);
-            if (told) one.leaveSelected(*told);
-            EXPECT_EQ(one.end(kOk), kOk);
-        }
-        EXPECT_EQ(driver->heard(), heard);
-    }
-    SelectedTag(driver, id, budget).end(kNoTag);
-    EXPECT_EQ(driver->heard(), "");
-}
-
-TEST_F(OnAScriptedTag, GoesOnThroughARunAfterABadSector) {
-    driver->refuse("A4", 3);
-    BlockRun run(tag);
-    ASSERT_EQ(run.resolve({TagAppNone, 0, 2, 3, kA, false}), kOk);
-    EXPECT_EQ(told(run.read(kA, bytes, records)), "3132: A0 r2 A4 s52 A4 s52 A4 s52");
-    EXPECT_EQ(records.count(), 3);
-    EXPECT_EQ(tag.end(kPartial), kPartial);
 }
 
 }  // namespace

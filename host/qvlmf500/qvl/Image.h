@@ -40,7 +40,9 @@ struct TagImage {
         missing.swap(other.missing);
         return *this;
     }
-    ~TagImage() { ::explicit_bzero(bytes.data(), bytes.size()); }
+    ~TagImage() {
+        if (!bytes.empty()) ::explicit_bzero(bytes.data(), bytes.size());
+    }
 
     /// @throws Error if the tag has no memory of this kind, cannot be asked, or `step` throws.
     static TagImage of(const Tag& tag, const KeyRing& keys, const SectorStep& step = usualStep);
