@@ -103,7 +103,7 @@ show qvltag apdu --uid 08a1b2c3 --script ledger.apdu
 echo
 echo "A ticket with a value of 10, and two hosts of a few lines that take a ride each, in C++ and in Python"
 echo "(examples/count_down.cpp and examples/python/count_down.py):"
-echo "place new:1k:0badcafe" >&9
+printf '%s\n' "remove tag4" "place new:1k:0badcafe" >&9
 master=4d4153544552 key_a=a1a1a1a1a1a1 key_b=b1b1b1b1b1b1
 ticket="--uid 0badcafe --mad-key-b $master --new-key-a $key_a --new-key-b $key_b"
 show qvltag format --uid 0badcafe --new-key-b $master
