@@ -39,7 +39,7 @@ class Memory {
         detail::FromLibrary<std::uint8_t> data(call.library());
         detail::FromLibrary<OpResultCode> records(call.library());
         int length = 0, recordCount = 0;
-        const int status = call.library().getBlockData(0, mAppType, mTag, mAppId, mode(login), bytes(login),
+        const int status = call.library().getBlockData(0, mAppType, ownTag(), mAppId, mode(login), bytes(login),
                                                        small(first), blockCount(first, count), data.out(), length,
                                                        directoryMode(), directoryKey(), recordCount, records.out());
         return blocks(call, status, data, length, results(records, recordCount));
@@ -60,8 +60,8 @@ class Memory {
         detail::FromLibrary<OpResultCode> records(call.library());
         int recordCount = 0;
         const int status = call.library().setBlockData(
-            0, mAppType, mTag, mAppId, mode(login), bytes(login), small(first), blockCount(first, count), copy.data(),
-            length(copy), directoryMode(), directoryKey(), nullptr, recordCount, records.out());
+            0, mAppType, ownTag(), mAppId, mode(login), bytes(login), small(first), blockCount(first, count),
+            copy.data(), length(copy), directoryMode(), directoryKey(), nullptr, recordCount, records.out());
         return checked(call, status, results(records, recordCount), "block");
     }
 
@@ -70,7 +70,7 @@ class Memory {
         detail::Call call(mSession, limit);
         int value = 0;
         check(call,
-              call.library().getValue(0, mAppType, mTag, mAppId, mode(login), bytes(login), block, value,
+              call.library().getValue(0, mAppType, ownTag(), mAppId, mode(login), bytes(login), block, value,
                                       directoryMode(), directoryKey()),
               "block", block);
         return value;
@@ -80,7 +80,7 @@ class Memory {
                   const Limit& limit = Limit(kUsualWait)) const {
         detail::Call call(mSession, limit);
         check(call,
-              call.library().setValue(0, mAppType, mTag, mAppId, mode(login), bytes(login), block, value,
+              call.library().setValue(0, mAppType, ownTag(), mAppId, mode(login), bytes(login), block, value,
                                       directoryMode(), directoryKey()),
               "block", block);
     }
@@ -104,7 +104,7 @@ class Memory {
                                 const Limit& limit = Limit(kUsualWait)) const {
         detail::Call call(mSession, limit);
         check(call,
-              call.library().initDecrementOnlyBlock(0, mAppType, mTag, mAppId, keys.a.bytes().data(),
+              call.library().initDecrementOnlyBlock(0, mAppType, ownTag(), mAppId, keys.a.bytes().data(),
                                                     keys.b.bytes().data(), block, value, directoryMode(),
                                                     directoryKey()),
               "block", block);
@@ -115,7 +115,7 @@ class Memory {
         detail::Call call(mSession, limit);
         std::array<DataAccControl, 4> conditions{};
         check(call,
-              call.library().getSectorAccessMode(0, mAppType, mTag, sectorPlace(sector), mode(login), bytes(login),
+              call.library().getSectorAccessMode(0, mAppType, ownTag(), sectorPlace(sector), mode(login), bytes(login),
                                                  small(sector), conditions.data(), directoryMode(), directoryKey()),
               "sector", sector);
         SectorAccess access;
@@ -135,6 +135,8 @@ class Memory {
         : mSession(of.mSession), mTag(of.mTag), mAppType(TagAppMad1), mAppId(static_cast<short>(appId)),
           mDirectory(directory) {}
 
+    /// For one operation: the library notes in it what it learns of the tag.
+    TagUID ownTag() const { return mTag; }
     static AuthKeyMode mode(const Login& login) { return static_cast<AuthKeyMode>(login.type); }
     static const std::uint8_t* bytes(const Login& login) { return login.key.bytes().data(); }
     static const std::uint8_t* bytes(const std::optional<Key>& key) { return key ? key->bytes().data() : nullptr; }
@@ -189,7 +191,7 @@ class Memory {
     std::array<std::uint16_t, 16> directoryEntries(const Login& login, const Limit& limit) const {
         detail::Call call(mSession, limit);
         std::array<short, 16> entries{};
-        check(call, call.library().getAppIdDir(0, TagAppMad1, mTag, entries.data(), mode(login), bytes(login)));
+        check(call, call.library().getAppIdDir(0, TagAppMad1, ownTag(), entries.data(), mode(login), bytes(login)));
         std::array<std::uint16_t, 16> directory{};
         std::ranges::copy(entries, directory.begin());
         return directory;
@@ -204,9 +206,9 @@ class Memory {
         detail::Call call(mSession, limit);
         detail::FromLibrary<OpResultCode> records(call.library());
         int recordCount = 0;
-        const int status = call.library().setKey(0, mAppType, sectorPlace(firstSector), mTag, mode(login), bytes(login),
-                                                 newKeys.a.bytes().data(), newKeys.b.bytes().data(), small(count),
-                                                 directoryMode(), directoryKey(), recordCount, records.out());
+        const int status = call.library().setKey(
+            0, mAppType, sectorPlace(firstSector), ownTag(), mode(login), bytes(login), newKeys.a.bytes().data(),
+            newKeys.b.bytes().data(), small(count), directoryMode(), directoryKey(), recordCount, records.out());
         return checked(call, status, results(records, recordCount), "sector");
     }
     Results changeTrailers(int firstSector, int count, TrailerAccess access, const KeyPair& keys, KeyType opensWith,
@@ -215,7 +217,7 @@ class Memory {
         detail::FromLibrary<OpResultCode> records(call.library());
         int recordCount = 0;
         const int status = call.library().setTrailerBlockType(
-            0, mAppType, sectorPlace(firstSector), mTag, static_cast<AuthKeyMode>(opensWith), keys.a.bytes().data(),
+            0, mAppType, sectorPlace(firstSector), ownTag(), static_cast<AuthKeyMode>(opensWith), keys.a.bytes().data(),
             keys.b.bytes().data(), static_cast<DataAccControl>(access), directoryMode(), directoryKey(), small(count),
             recordCount, records.out());
         return checked(call, status, results(records, recordCount), "sector");
@@ -241,16 +243,17 @@ class Memory {
         if (to && *to < 0) throw Error(Reason::badArgument, kOutOfRange, std::to_string(*to) + " is out of range");
         detail::Call call(mSession, limit);
         check(call,
-              call.library().adjustValue(0, mAppType, mTag, mAppId, mode(login), bytes(login), block, operation, amount,
-                                         to.value_or(kSameBlock), directoryMode(), directoryKey()),
+              call.library().adjustValue(0, mAppType, ownTag(), mAppId, mode(login), bytes(login), block, operation,
+                                         amount, to.value_or(kSameBlock), directoryMode(), directoryKey()),
               "block", block);
     }
     void setBlockType(int block, short kind, DataAccControl access, unsigned value, const KeyPair& keys,
                       const Limit& limit) const {
         detail::Call call(mSession, limit);
         check(call,
-              call.library().setDataBlockType(0, mAppType, mAppId, mTag, keys.a.bytes().data(), keys.b.bytes().data(),
-                                              small(block), kind, access, value, directoryMode(), directoryKey()),
+              call.library().setDataBlockType(0, mAppType, mAppId, ownTag(), keys.a.bytes().data(),
+                                              keys.b.bytes().data(), small(block), kind, access, value, directoryMode(),
+                                              directoryKey()),
               "block", block);
     }
 

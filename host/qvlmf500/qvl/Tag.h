@@ -41,8 +41,8 @@ class Application : public Memory {
         detail::Call call(mSession, limit);
         detail::FromLibrary<OpResultCode> records(call.library());
         int count = 0;
-        const int status = call.library().setAppData(0, mAppType, mTag, mAppId, mode(login), bytes(login), copy.data(),
-                                                     length(copy), directoryMode(), directoryKey(),
+        const int status = call.library().setAppData(0, mAppType, ownTag(), mAppId, mode(login), bytes(login),
+                                                     copy.data(), length(copy), directoryMode(), directoryKey(),
                                                      fill ? fill->data() : nullptr, count, records.out());
         return checked(call, status, results(records, count), "block");
     }
@@ -60,9 +60,9 @@ class Application : public Memory {
                           const Limit& limit = Limit(kUsualWait)) const {
         std::vector<int> statuses(static_cast<std::size_t>(small(count)));
         detail::Call call(mSession, limit);
-        const int status = call.library().removeAppSector(0, mAppType, mAppId, directoryB.bytes().data(), 0,
-                                                          small(from), small(count), mTag, mode(login), bytes(login),
-                                                          bytes(newKeyA), bytes(newKeyB), statuses.data());
+        const int status = call.library().removeAppSector(
+            0, mAppType, mAppId, directoryB.bytes().data(), 0, small(from), small(count), ownTag(), mode(login),
+            bytes(login), bytes(newKeyA), bytes(newKeyB), statuses.data());
         std::vector<Result> list;
         for (std::size_t i = 0; i < statuses.size() && statuses[i] != 0; ++i)
             list.push_back({from + static_cast<int>(i), statuses[i]});
@@ -90,7 +90,7 @@ class Application : public Memory {
         int done = 0, recordCount = 0;
         const int status =
             (call.library().*operation)(0, mAppType, mAppId, directoryB.bytes().data(), bytes(freeSectorB), 0,
-                                        small(count), mTag, newKeys.a.bytes().data(), newKeys.b.bytes().data(),
+                                        small(count), ownTag(), newKeys.a.bytes().data(), newKeys.b.bytes().data(),
                                         static_cast<DataAccControl>(access), done, recordCount, records.out());
         check(call, status);
         std::vector<int> sectors;
@@ -119,7 +119,7 @@ class Tag : public Memory {
         detail::FromLibrary<short> ids(call.library());
         short count = 0;
         check(call,
-              call.library().getAllAppId(0, TagAppMad1, mTag, count, ids.out(), mode(directory), bytes(directory)));
+              call.library().getAllAppId(0, TagAppMad1, ownTag(), count, ids.out(), mode(directory), bytes(directory)));
         return {ids.get(), ids.get() + (ids.get() ? count : 0)};
     }
     /// The entry of each sector at its number: an application, 0 for a free sector, 1 for a defect one.
