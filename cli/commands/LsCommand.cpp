@@ -56,7 +56,7 @@ bool tellApps(Session& session, const TagAccess& access, const qvl::Tag& tag, Js
     }
 }
 
-/// A tag that holds no directory is no failure; one whose directory cannot be read is.
+/// Fails if the applications of a tag are asked for and cannot be read; the other tags are listed all the same.
 Outcome listTags(Session& session, const LsArguments& arguments) {
     std::vector<std::vector<std::string>> rows;
     Outcome outcome = Outcome::done;

@@ -190,6 +190,8 @@ TEST(TheReaderLayer, ClosesUnderEverything) {
 
     qvl::Reader again{kPatience};
     qvl::Reader moved = std::move(again);
+    expectError(Reason::noReader, "closed", [&] { again.tags(); });  // NOLINT(bugprone-use-after-move)
+    expectError(Reason::noReader, "closed", [&] { again.watch().next(1s); });
     EXPECT_EQ(moved.tags(kPatience).size(), 2U);
 }
 

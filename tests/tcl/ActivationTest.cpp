@@ -157,7 +157,7 @@ TEST_P(OnBothReaders, AMalformedAtsLeavesTheCidFree) {
     ASSERT_EQ(activate(), 0);
     std::ranges::fill(ats, std::uint8_t{0});
     EXPECT_EQ(getAts(2, 5), kTclBadAts) << "longer than the caller's buffer";
-    EXPECT_EQ(ats[5], 0) << "and not a byte behind it";
+    EXPECT_EQ(ats[5], 0) << "and not a byte after it";
 }
 
 // No byte behind TL is used, whatever T0 announces.

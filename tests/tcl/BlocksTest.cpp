@@ -14,7 +14,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::uint8_t kCid = 0x05;
 
-/// A block in memory of exactly its size, so that a memory checker sees a read behind it.
+/// A block in memory of exactly its size, so that a memory checker sees a read beyond its end.
 void put(QvlTclInternalParams& p, const Bytes& block) {
     p.block = std::make_unique<std::uint8_t[]>(block.size());
     std::copy(block.begin(), block.end(), p.block.get());

@@ -198,7 +198,7 @@ TEST_F(Type4, CommandsAndStatusWords) {
     reader.select(VirtualTag::Request::wupa);
     reader.send("E0 80");
     EXPECT_EQ(reader.send("02 00B0000001"), "02 69 86") << "activation forgets the selection";
-    EXPECT_EQ(reader.send("03 80CA0100"), "03 " + counting(0, 100)) << "the script stands behind the line before it";
+    EXPECT_EQ(reader.send("03 80CA0100"), "03 " + counting(0, 100)) << "the script comes after the line before it";
     EXPECT_EQ(reader.send("02 80CA0102"), "F2 04");
 }
 

@@ -150,7 +150,7 @@ TEST(ClassicAccess, AnyBitWithoutItsComplementBlocksTheSectorAndNoOther) {
         sector.reader.select();
         EXPECT_TRUE(sector.reader.authenticate('A', 8));
     }
-    // Written in good order, the same bytes close the sector behind the writer at once.
+    // Written in good order, the same bytes lock the writer out at once.
     Sector1 sector(sound);
     ASSERT_TRUE(allowed(sector, 'A', "A0 07", "FFFFFFFFFFFF FF0781 69 FFFFFFFFFFFF"));
     EXPECT_EQ(sector.reader.send("30 04"), "4");

@@ -24,7 +24,7 @@ class Mf500Messages : public ::testing::Test, protected ReaderSink {
     void speak(std::string_view dialogue) {
         ::speak(dialogue, [this](std::string_view message) { return ask(message); });
     }
-    /// What a card says to a block, the CRC behind it checked and cut off; or the reply that is no success.
+    /// What a card answers to a block, its CRC checked and removed; or the reply that reports a failure.
     std::string exchange(std::string_view digits) {
         const Bytes block = hex(digits);
         const auto size = static_cast<std::uint16_t>(block.size() + 2);

@@ -1,4 +1,4 @@
-// The program: a virtual reader behind a serial port or a message socket, steered by line commands.
+// The program: a virtual reader on a serial port or a message socket, steered by line commands.
 
 #include "ControlServer.h"
 #include "Devices.h"

@@ -175,9 +175,7 @@ inline std::string processName(long process) {
 class Call final : private HostWait {
   public:
     Call(const SessionPtr& session, const Limit& limit)
-        : mSession(session), mLimit(limit), mUse(session->mUse), mChangesBefore(session->changeCount()) {
-        if (hostWait() != nullptr)
-            throw Error(Reason::badArgument, "an operation of this thread is running: it cannot begin another");
+        : mSession(usable(session)), mLimit(limit), mUse(session->mUse), mChangesBefore(session->changeCount()) {
         if (!session->mAdaptor || session->isClosing()) throw Error(Reason::noReader, "the reader is closed");
         if (limit.stop().stop_requested()) throw Error(Reason::cancelled, kCancelled, "cancelled");
         setHostWait(this);
@@ -235,6 +233,14 @@ class Call final : private HostWait {
 
   private:
     enum class End { none, timedOut, cancelled, closed };
+
+    /// Before the session is locked: a thread locks it once.
+    static const SessionPtr& usable(const SessionPtr& session) {
+        if (!session) throw Error(Reason::noReader, "the reader is closed");
+        if (hostWait() != nullptr)
+            throw Error(Reason::badArgument, "an operation of this thread is running: it cannot begin another");
+        return session;
+    }
 
     bool pause(std::uint32_t ms, Limit::Clock::time_point deadline) {
         for (constexpr std::uint32_t kStepMs = 100;;) {

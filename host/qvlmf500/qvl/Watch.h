@@ -78,7 +78,7 @@ class Watch {
   private:
     friend class Reader;
     Watch(detail::SessionPtr session, const Limit& limit)
-        : mSession(std::move(session)), mLimit(limit), mChangesTold(mSession->changeCount()) {}
+        : mSession(std::move(session)), mLimit(limit), mChangesTold(mSession ? mSession->changeCount() : 0) {}
 
     struct Known {
         detail::Seen tag;
